@@ -1,0 +1,53 @@
+#ifndef VELA_THREAD_W_PIPES_H
+#define VELA_THREAD_W_PIPES_H
+
+#include <Poco/Mutex.h>
+#include <Poco/Runnable.h>
+#include <Poco/Thread.h>
+
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "PipeMessage.h"
+
+namespace Vela {
+
+/**
+ * A thread with an input queue that can be waited on with select: the read descriptor is readable exactly while
+ * messages are waiting. The queue has no limit, so pushing never blocks, whatever the size of a burst; messages come
+ * out in the order in which they went in.
+ */
+class ThreadWPipes {
+ public:
+  /** Throws Vela::VelaException when the descriptors cannot be made. */
+  explicit ThreadWPipes(const std::string& name);
+  /** The thread must have ended or been abandoned. Waiting messages are deleted. */
+  ~ThreadWPipes();
+  ThreadWPipes(const ThreadWPipes&) = delete;
+  ThreadWPipes& operator=(const ThreadWPipes&) = delete;
+
+  /** Starts the thread on a body that outlives it. Throws Poco::Exception when it runs already. */
+  void start(Poco::Runnable& body);
+  /** Waits for the thread's end, at most so many milliseconds. True when it has ended (or never ran). */
+  bool join(long milliseconds);
+  bool isRunning() const;
+
+  /** Hands a message over. Any thread; takes ownership. */
+  void pushToInput(std::unique_ptr<PipeMessage> message);
+  /** Takes all waiting messages, oldest first. The thread that reads the pipe only. */
+  std::vector<std::unique_ptr<PipeMessage>> popFromInput();
+  /** Descriptor for select; owned by this object. */
+  int getInputReadFD() const { return _readFd; }
+
+ private:
+  Poco::Thread _thread;
+  mutable Poco::FastMutex _mutex;
+  std::deque<std::unique_ptr<PipeMessage>> _input;
+  int _readFd = -1;
+  int _writeFd = -1;
+};
+
+}  // namespace Vela
+#endif

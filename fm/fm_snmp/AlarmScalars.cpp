@@ -1,0 +1,241 @@
+#include "AlarmScalars.h"
+
+#include <cstdint>
+#include <exception>
+#include <string>
+
+#include "LoggingWrapper.h"
+#include "MoConnector.h"
+#include "SnmpUtil.h"
+#include "kavrelAlarmMIB.h"
+
+namespace VelaFmSnmp {
+
+namespace {
+
+struct Scalar {
+  const char* name;
+  Netsnmp_Node_Handler* handler;
+  const oid (&id)[12];
+  int modes;
+};
+
+constexpr Scalar scalars[] = {
+    {"kavAlarmSumCritical", handle_kavAlarmSumCritical, mibOid<1, 1, 2>, HANDLER_CAN_RONLY},
+    {"kavAlarmSumMajor", handle_kavAlarmSumMajor, mibOid<1, 1, 3>, HANDLER_CAN_RONLY},
+    {"kavAlarmSumMinor", handle_kavAlarmSumMinor, mibOid<1, 1, 4>, HANDLER_CAN_RONLY},
+    {"kavAlarmSumWarning", handle_kavAlarmSumWarning, mibOid<1, 1, 5>, HANDLER_CAN_RONLY},
+    {"kavAlarmSumIndeterminate", handle_kavAlarmSumIndeterminate, mibOid<1, 1, 1>, HANDLER_CAN_RONLY},
+    {"kavAlarmActiveNumber", handle_kavAlarmActiveNumber, mibOid<1, 3, 1>, HANDLER_CAN_RONLY},
+    {"kavAlarmActiveLastSequenceNo", handle_kavAlarmActiveLastSequenceNo, mibOid<1, 3, 3>, HANDLER_CAN_RONLY},
+    {"kavAlarmAlertNumber", handle_kavAlarmAlertNumber, mibOid<1, 4, 1>, HANDLER_CAN_RONLY},
+    {"kavAlarmAlertLastSequenceNo", handle_kavAlarmAlertLastSequenceNo, mibOid<1, 4, 3>, HANDLER_CAN_RONLY},
+    {"kavAlarmHbInterval", handle_kavAlarmHbInterval, mibOid<1, 5, 1>, HANDLER_CAN_RWRITE},
+    {"kavAlarmActiveTableURL", handle_kavAlarmActiveTableURL, mibOid<1, 3, 4>, HANDLER_CAN_RONLY},
+    {"kavAlarmActiveLastChanged", handle_kavAlarmActiveLastChanged, mibOid<1, 3, 2>, HANDLER_CAN_RONLY},
+    {"kavAlarmAlertTableURL", handle_kavAlarmAlertTableURL, mibOid<1, 4, 4>, HANDLER_CAN_RONLY},
+    {"kavAlarmAlertLastChanged", handle_kavAlarmAlertLastChanged, mibOid<1, 4, 2>, HANDLER_CAN_RONLY},
+};
+
+void setUnsigned(netsnmp_request_info* request, unsigned long value) {
+  const unsigned long wireValue = value & UINT32_MAX;
+  snmp_set_var_typed_value(request->requestvb, ASN_UNSIGNED, &wireValue, sizeof wireValue);
+}
+
+void setText(netsnmp_request_info* request, const std::string& text) {
+  snmp_set_var_typed_value(request->requestvb, ASN_OCTET_STR, text.data(), text.size());
+}
+
+/** Answers the requests of a read-only object; `answer` sets a request's value or returns false if there is none. */
+template <class Answer>
+int answerGet(netsnmp_agent_request_info* info, netsnmp_request_info* requests, Answer answer) {
+  if (info->mode != MODE_GET) return SNMP_ERR_GENERR;
+  for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
+    if (!answer(request)) netsnmp_set_request_error(info, request, SNMP_NOSUCHINSTANCE);
+  }
+  return SNMP_ERR_NOERROR;
+}
+
+int answerZero(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerGet(info, requests, [](netsnmp_request_info* request) {
+    setUnsigned(request, 0);
+    return true;
+  });
+}
+
+int answerEmptyText(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerGet(info, requests, [](netsnmp_request_info* request) {
+    setText(request, "");
+    return true;
+  });
+}
+
+/** The agent library is C: no exception may pass through it. */
+int guarded(int (AlarmScalars::*handler)(netsnmp_agent_request_info*, netsnmp_request_info*),
+            netsnmp_agent_request_info* info, netsnmp_request_info* requests) noexcept {
+  try {
+    return (AlarmScalars::getInstance().*handler)(info, requests);
+  } catch (const std::exception& ex) {
+    VELA_LOG(Vela::LogError, "Failed to answer a request for a scalar: %s", ex.what());
+    return SNMP_ERR_GENERR;
+  }
+}
+
+}  // namespace
+
+AlarmScalars& AlarmScalars::getInstance() {
+  static AlarmScalars instance;
+  return instance;
+}
+
+void AlarmScalars::initHandlers() {
+  for (const Scalar& scalar : scalars) {
+    netsnmp_handler_registration* const registration =
+        netsnmp_create_handler_registration(scalar.name, scalar.handler, scalar.id, std::size(scalar.id), scalar.modes);
+    if (registration == nullptr || netsnmp_register_scalar(registration) != MIB_REGISTERED_OK)
+      VELA_LOG(Vela::LogError, "Could not register %s", scalar.name);
+  }
+  VELA_LOG(Vela::LogInfo, "kavAlarm handlers are initialized");
+}
+
+int AlarmScalars::handleSumCritical(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerCount(&MoConnector::getAlarmSumCritical, info, requests);
+}
+
+int AlarmScalars::handleSumMajor(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerCount(&MoConnector::getAlarmSumMajor, info, requests);
+}
+
+int AlarmScalars::handleSumMinor(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerCount(&MoConnector::getAlarmSumMinor, info, requests);
+}
+
+int AlarmScalars::handleSumWarning(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerCount(&MoConnector::getAlarmSumWarning, info, requests);
+}
+
+int AlarmScalars::handleActiveNumber(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerCount(&MoConnector::getAlarmNumActive, info, requests);
+}
+
+int AlarmScalars::handleActiveLastSequenceNo(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerGet(info, requests, [this](netsnmp_request_info* request) {
+    unsigned long long number = 0;
+    if (_connector == nullptr || _connector->getAlarmLastSeqenceNo(number) != 0) return false;
+    setUnsigned(request, number);
+    return true;
+  });
+}
+
+int AlarmScalars::handleActiveLastChanged(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerLastChanged(info, requests);
+}
+
+int AlarmScalars::handleAlertLastChanged(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerLastChanged(info, requests);
+}
+
+int AlarmScalars::handleSumIndeterminate(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerZero(info, requests);
+}
+
+int AlarmScalars::handleAlertNumber(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerZero(info, requests);
+}
+
+int AlarmScalars::handleAlertLastSequenceNo(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerZero(info, requests);
+}
+
+int AlarmScalars::handleActiveTableURL(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerEmptyText(info, requests);
+}
+
+int AlarmScalars::handleAlertTableURL(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerEmptyText(info, requests);
+}
+
+int AlarmScalars::handleHeartbeatInterval(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
+    switch (info->mode) {
+      case MODE_SET_RESERVE1:
+        checkHeartbeatInterval(info, request);
+        break;
+      case MODE_SET_ACTION:
+        writeHeartbeatInterval(info, request);
+        break;
+      case MODE_GET:
+        readHeartbeatInterval(info, request);
+        break;
+      default:
+        break;
+    }
+  }
+  return SNMP_ERR_NOERROR;
+}
+
+void AlarmScalars::checkHeartbeatInterval(netsnmp_agent_request_info* info, netsnmp_request_info* request) {
+  if (request->requestvb->type != ASN_UNSIGNED) netsnmp_set_request_error(info, request, SNMP_ERR_WRONGTYPE);
+}
+
+void AlarmScalars::writeHeartbeatInterval(netsnmp_agent_request_info* info, netsnmp_request_info* request) {
+  const auto interval = static_cast<unsigned int>(*request->requestvb->val.integer);
+  VELA_LOG(Vela::LogInfo, "SET of heartbeatInterval, value = %d", static_cast<int>(interval));
+  if (_connector != nullptr && _connector->setHeartbeatInterval(interval) == 0) return;
+  VELA_LOG(Vela::LogError, "Could not set heartbeatInterval.");
+  netsnmp_set_request_error(info, request, SNMP_ERR_GENERR);
+}
+
+void AlarmScalars::readHeartbeatInterval(netsnmp_agent_request_info* info, netsnmp_request_info* request) {
+  unsigned int interval = 0;
+  if (_connector == nullptr || _connector->getHeartbeatInterval(interval) != 0) {
+    netsnmp_set_request_error(info, request, SNMP_NOSUCHINSTANCE);
+    return;
+  }
+  setUnsigned(request, interval);
+  VELA_LOG(Vela::LogInfo, "GET of heartbeatInterval returning %d", static_cast<int>(interval));
+}
+
+int AlarmScalars::answerCount(CountReader read, netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerGet(info, requests, [this, read](netsnmp_request_info* request) {
+    unsigned int count = 0;
+    if (_connector == nullptr || (_connector->*read)(count) != 0) return false;
+    setUnsigned(request, count);
+    return true;
+  });
+}
+
+/** The model keeps one time of the last change, for alarms and alerts alike. */
+int AlarmScalars::answerLastChanged(netsnmp_agent_request_info* info, netsnmp_request_info* requests) {
+  return answerGet(info, requests, [this](netsnmp_request_info* request) {
+    std::string time;
+    if (_connector == nullptr || _connector->getAlarmLastChanged(time) != 0) return false;
+    setText(request, SnmpUtil::getDateAndTime(SnmpUtil::parseTimeStr(time.c_str())));
+    return true;
+  });
+}
+
+#define VELA_SCALAR_HANDLER(object, member)                                                                  \
+  int handle_##object(netsnmp_mib_handler*, netsnmp_handler_registration*, netsnmp_agent_request_info* info, \
+                      netsnmp_request_info* requests) {                                                      \
+    return guarded(&AlarmScalars::member, info, requests);                                                   \
+  }
+
+VELA_SCALAR_HANDLER(kavAlarmSumCritical, handleSumCritical)
+VELA_SCALAR_HANDLER(kavAlarmSumMajor, handleSumMajor)
+VELA_SCALAR_HANDLER(kavAlarmSumMinor, handleSumMinor)
+VELA_SCALAR_HANDLER(kavAlarmSumWarning, handleSumWarning)
+VELA_SCALAR_HANDLER(kavAlarmSumIndeterminate, handleSumIndeterminate)
+VELA_SCALAR_HANDLER(kavAlarmActiveNumber, handleActiveNumber)
+VELA_SCALAR_HANDLER(kavAlarmActiveLastSequenceNo, handleActiveLastSequenceNo)
+VELA_SCALAR_HANDLER(kavAlarmAlertNumber, handleAlertNumber)
+VELA_SCALAR_HANDLER(kavAlarmAlertLastSequenceNo, handleAlertLastSequenceNo)
+VELA_SCALAR_HANDLER(kavAlarmHbInterval, handleHeartbeatInterval)
+VELA_SCALAR_HANDLER(kavAlarmActiveTableURL, handleActiveTableURL)
+VELA_SCALAR_HANDLER(kavAlarmActiveLastChanged, handleActiveLastChanged)
+VELA_SCALAR_HANDLER(kavAlarmAlertTableURL, handleAlertTableURL)
+VELA_SCALAR_HANDLER(kavAlarmAlertLastChanged, handleAlertLastChanged)
+
+#undef VELA_SCALAR_HANDLER
+
+}  // namespace VelaFmSnmp

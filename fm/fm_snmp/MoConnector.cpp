@@ -1,0 +1,443 @@
+#include "MoConnector.h"
+
+#include <Poco/DigestEngine.h>
+#include <Poco/SHA2Engine.h>
+
+#include <algorithm>
+#include <exception>
+#include <optional>
+#include <utility>
+
+#include "LoggingWrapper.h"
+#include "MoConnectorVisitors.h"
+#include "Portal.h"
+#include "VelaException.h"
+
+namespace VelaFmSnmp {
+
+namespace {
+
+constexpr int LockPolicy = VELA_MO_LOCK_ON_WRITE;
+constexpr unsigned LockTimeoutSeconds = 10;
+
+const char* const NodePath = "ManagedElement";
+const char* const FmPath = "ManagedElement,SystemFunctions,Fm";
+const char* const SysMPath = "ManagedElement,SystemFunctions,SysM";
+const char* const SnmpPath = "ManagedElement,SystemFunctions,SysM,Snmp";
+const char* const TlsPath = "ManagedElement,SystemFunctions,SecM,Tls";
+const char* const TransportPath = "ManagedElement,Transport";
+const char* const AccessPointClass = "OamAccessPoint";
+const char* const AlarmClass = "FmAlarm";
+
+const char* const AdministrativeState = "administrativeState";
+const char* const OperationalState = "operationalState";
+const char* const HeartbeatInterval = "heartbeatInterval";
+
+constexpr int Unlocked = 1;
+constexpr int Disabled = 0;
+constexpr int Enabled = 1;
+constexpr std::uint32_t DefaultPort = 161;
+constexpr std::uint32_t DefaultPortDtls = 10161;
+const char* const DefaultCipherFilter = "ALL:!aNULL:!eNULL:@STRENGTH";
+
+void logReadProblem(const char* attribute, const std::string& dn, const std::exception& ex) {
+  VELA_LOG(Vela::LogError, "Problem reading %s attribute from SPI, mo (%s). Ex: %s", attribute, dn.c_str(), ex.what());
+}
+
+/** The base object, looked up again when it was not there at the start or is not there any more. */
+std::string findBase(Vela::MoAccessor& accessor, const std::string& known, const char* classPath) {
+  return !known.empty() && accessor.exists(known) ? known : accessor.getFirstMoInstance(classPath);
+}
+
+/** Reads an optional attribute; unset or unreadable (logged) gives the fallback. */
+template <class T>
+T readOr(Vela::MoAccessor& accessor, const std::string& dn, const char* attribute, T fallback) {
+  try {
+    return accessor.getOptionalAttr<T>(dn, attribute).value_or(std::move(fallback));
+  } catch (const std::exception& ex) {
+    logReadProblem(attribute, dn, ex);
+    return fallback;
+  }
+}
+
+void readService(Vela::MoAccessor& accessor, SnmpConfig& config) {
+  const std::string& snmp = config.snmpMoName;
+  config.administrativeState = accessor.getAttr<std::int32_t>(snmp, AdministrativeState) == Unlocked;
+  config.snmpId = accessor.getOptionalAttr<std::string>(snmp, "snmpId").value_or("");
+  config.engineId = accessor.getOptionalAttr<std::string>(snmp, "engineId").value_or("");
+  if (config.engineId.empty()) {
+    VELA_TRACE("Empty engineID");
+  } else {
+    VELA_TRACE("EngineId : %s", config.engineId.c_str());
+  }
+  config.enableSourceCheckForV1V2C = accessor.getOptionalAttr<bool>(snmp, "enableSourceCheckForV1V2C").value_or(false);
+}
+
+/** The addresses that the SNMP object itself has; an entry with a fault is left out. */
+SnmpConfig::AddressList readAddresses(Vela::MoAccessor& accessor, const std::string& snmp, const char* attribute) {
+  SnmpConfig::AddressList addresses;
+  for (const Vela::MoStruct& entry : accessor.getSeqAttr<Vela::MoStruct>(snmp, attribute)) {
+    try {
+      std::string host = entry.getString("host");
+      addresses.emplace_back(std::move(host), entry.getUInt32("port"));
+    } catch (const std::exception& ex) {
+      logReadProblem(attribute, snmp, ex);
+    }
+  }
+  return addresses;
+}
+
+void readAgentAddress(Vela::MoAccessor& accessor, MoConnector::OamAccessPointHandler& accessPoints,
+                      SnmpConfig& config) {
+  const std::string& snmp = config.snmpMoName;
+  config.agentAddress = readAddresses(accessor, snmp, "agentAddress");
+  config.isAgentAddressFromAccessPoint = config.agentAddress.empty();
+  if (!config.agentAddress.empty()) return;
+  VELA_LOG(Vela::LogInfo, "No agentAddress struct under SNMP, checking oamAccessPoint moref");
+  config.agentAddress =
+      accessPoints.buildAgentAddressesWithGivenPort(accessor, readOr(accessor, snmp, "port", DefaultPort));
+  if (!config.agentAddress.empty()) return;
+  config.isAgentAddressFromAccessPoint = false;
+  VELA_LOG(Vela::LogInfo, "No agentAddress struct defined in either SNMP or under oamAccessPoint moref");
+}
+
+void readAgentAddressDtls(Vela::MoAccessor& accessor, MoConnector::OamAccessPointHandler& accessPoints,
+                          SnmpConfig& config) {
+  const std::string& snmp = config.snmpMoName;
+  SnmpConfig::AddressList& addresses = config.tlsOptions.agentAddressDtls;
+  addresses = readAddresses(accessor, snmp, "agentAddressDtls");
+  if (!addresses.empty()) return;
+  VELA_LOG(Vela::LogInfo, "No agentAddressDtls  struct under SNMP, checking oamAccessPoint moref");
+  addresses =
+      accessPoints.buildAgentAddressesWithGivenPort(accessor, readOr(accessor, snmp, "portDtls", DefaultPortDtls));
+  if (!addresses.empty()) return;
+  VELA_LOG(Vela::LogInfo, "No agentAddressDtls struct defined in either SNMP or under oamAccessPoint moref");
+}
+
+void readTargetsAndViews(Vela::MoAccessor& accessor, SnmpConfig& config) {
+  SnmpTargetV1Visitor v1(config);
+  SnmpTargetV2Visitor v2c(config);
+  SnmpTargetV3Visitor v3(config);
+  SnmpTargetV3DtlsVisitor v3Dtls(config);
+  SnmpView viewV1(config, SnmpProtocolV1);
+  SnmpView viewV2c(config, SnmpProtocolV2c);
+  SnmpView viewV3(config, SnmpProtocolV3);
+  const std::pair<const char*, Vela::MoAccessor::IMoTraverser*> visitors[] = {
+      {"SnmpTargetV1", &v1},   {"SnmpTargetV2C", &v2c},   {"SnmpTargetV3", &v3},   {"SnmpTargetV3Dtls", &v3Dtls},
+      {"SnmpViewV1", &viewV1}, {"SnmpViewV2C", &viewV2c}, {"SnmpViewV3", &viewV3},
+  };
+  for (const auto& [className, visitor] : visitors) accessor.traverseChildren(config.snmpMoName, className, *visitor);
+}
+
+/** Digest of everything configured in the DTLS targets; empty when there are none. */
+std::string digestOfTlsTargets(const SnmpConfig& config) {
+  Poco::SHA2Engine engine;
+  bool isAny = false;
+  const auto add = [&engine](const std::string& text) { engine.update(std::to_string(text.size()) + ":" + text); };
+  for (const auto& [name, target] : config.getTargets()) {
+    if (target->getSecurityModel() != SecurityModelTls) continue;
+    const auto& tls = static_cast<const SnmpTargetV3Tls&>(*target);
+    isAny = true;
+    for (const std::string& text : {tls.name, tls.moName, tls.address, tls.user}) add(text);
+    for (const std::uint32_t number :
+         {static_cast<std::uint32_t>(tls.administrativeState), tls.port, static_cast<std::uint32_t>(tls.isMibWritable),
+          static_cast<std::uint32_t>(tls.hasNameAttribute), tls.missingAttributes, tls.defaultedAttributes,
+          tls.informRetryCount, tls.informTimeout, static_cast<std::uint32_t>(tls.transportMethod)}) {
+      add(std::to_string(number));
+    }
+  }
+  return isAny ? Poco::DigestEngine::digestToHex(engine.digest()) : std::string();
+}
+
+void readTls(Vela::MoAccessor& accessor, SnmpConfig::tlsOptions_t& options) {
+  options.cipherFilter = DefaultCipherFilter;
+  const std::string tls = accessor.getFirstMoInstance(TlsPath);
+  if (tls.empty()) {
+    VELA_LOG(Vela::LogInfo, "Unable to get SecM_Tls_Dn from db");
+    return;
+  }
+  try {
+    options.cipherFilter = accessor.getOptionalAttr<std::string>(tls, "cipherFilter").value_or(DefaultCipherFilter);
+  } catch (const std::exception& ex) {
+    VELA_LOG(Vela::LogError, "Unable to get cipherFilter from db");
+    VELA_TRACE("%s", ex.what());
+  }
+  options.nodeCredential = readOr(accessor, tls, "nodeCredential", std::string());
+  try {
+    options.trustCategories = accessor.getSeqAttr<std::string>(tls, "trustCategory");
+  } catch (const std::exception& ex) {
+    logReadProblem("trustCategory", tls, ex);
+  }
+}
+
+/** Whether packets of a traffic class are to be marked: unless its object exists and is locked. */
+bool readDscpEnabled(Vela::MoAccessor& accessor, const std::string& transport, const char* category) {
+  if (transport.empty()) return true;
+  const std::string dn = transport + ",DiffServCategory=" + category;
+  if (!accessor.exists(dn)) return true;
+  return readOr<std::int32_t>(accessor, dn, AdministrativeState, Unlocked) == Unlocked;
+}
+
+void readDscp(Vela::MoAccessor& accessor, SnmpConfig& config) {
+  const std::string transport = accessor.getFirstMoInstance(TransportPath);
+  config.dscpCmEnabled = readDscpEnabled(accessor, transport, "OamCM");
+  config.dscpFmEnabled = readDscpEnabled(accessor, transport, "OamFM");
+}
+
+/** A regular expression that matches exactly one distinguished name. */
+std::string toExpression(const std::string& dn) {
+  static const std::string special = "\\^$.|?*+()[]{}";
+  std::string expression = "^";
+  for (const char c : dn) {
+    if (special.find(c) != std::string::npos) expression += '\\';
+    expression += c;
+  }
+  return expression + "$";
+}
+
+std::list<std::string> toExpressions(const std::list<std::string>& references) {
+  std::list<std::string> expressions;
+  for (const std::string& reference : references) expressions.push_back(toExpression(reference));
+  return expressions;
+}
+
+int failureCode(const std::exception& ex) {
+  const auto* failure = dynamic_cast<const Vela::VelaException*>(&ex);
+  return failure != nullptr && failure->getCode() != VELA_OK ? failure->getCode() : VELA_ERROR;
+}
+
+bool operator==(const Vela::MoEnum& left, const Vela::MoEnum& right) { return left.value == right.value; }
+
+/** Whether an attribute has a value already. */
+template <class T>
+bool hasValue(Vela::MoAccessor& accessor, const std::string& dn, const char* attribute, const T& value) {
+  const std::optional<T> current = accessor.getOptionalAttr<T>(dn, attribute);
+  return current.has_value() && *current == value;
+}
+
+}  // namespace
+
+// --- Access points
+
+void MoConnector::OamAccessPointHandler::setSubscriptions(Subscriptions* subscriptions) {
+  _subscriptions = subscriptions;
+}
+
+void MoConnector::OamAccessPointHandler::reset() {
+  endTemporaryWatch();
+  _inUse.clear();
+  _found.clear();
+}
+
+std::list<std::string> MoConnector::OamAccessPointHandler::getAllAccessPointMorefList(
+    Vela::MoAccessor& accessor) const {
+  std::list<std::string> references;
+  for (const std::string& dn : accessor.getChildren(accessor.getFirstMoInstance(SysMPath), AccessPointClass)) {
+    const std::string reference = readOr(accessor, dn, "accessPoint", std::string());
+    const bool isKnown = std::find(references.begin(), references.end(), reference) != references.end();
+    if (!reference.empty() && !isKnown) references.push_back(reference);
+  }
+  return references;
+}
+
+SnmpConfig::AddressList MoConnector::OamAccessPointHandler::buildAgentAddressesWithGivenPort(Vela::MoAccessor& accessor,
+                                                                                             std::uint32_t port) {
+  _found = getAllAccessPointMorefList(accessor);
+  watchTemporarily();
+  SnmpConfig::AddressList addresses;
+  for (const std::string& dn : _found) {
+    const std::string address = readOr(accessor, dn, "address", std::string());
+    const std::string host = address.substr(0, address.find('/'));
+    if (host.empty()) continue;
+    if (std::find(addresses.begin(), addresses.end(), SnmpConfig::Address(host, port)) != addresses.end()) continue;
+    VELA_LOG(Vela::LogInfo, "Building agentAddress with host: %s and port: %u", host.c_str(), port);
+    addresses.emplace_back(host, port);
+  }
+  return addresses;
+}
+
+void MoConnector::OamAccessPointHandler::checkAndRestartSubscriptions() {
+  if (_found == _inUse) {
+    VELA_LOG(Vela::LogInfo, "Nothing changed, no stop or start subscriptions required.");
+  } else {
+    if (_subscriptions != nullptr) {
+      _subscriptions->stopSubscriptionsOnOamAccessPointMoRefs();
+      _subscriptions->startSubscriptionsOnOamAccessPointMoRefs(toExpressions(_found));
+    }
+    setToList();
+  }
+  endTemporaryWatch();
+}
+
+void MoConnector::OamAccessPointHandler::watchTemporarily() {
+  if (_found.empty() || _found == _inUse || _found == _temporary) return;
+  endTemporaryWatch();
+  if (_subscriptions != nullptr)
+    _subscriptions->startTemporarySubscriptionsOnOamAccessPointMoRefs(toExpressions(_found));
+  _temporary = _found;
+}
+
+void MoConnector::OamAccessPointHandler::endTemporaryWatch() {
+  if (_temporary.empty()) return;
+  if (_subscriptions != nullptr) _subscriptions->stopTemporarySubscriptionsOnOamAccessPointMoRefs();
+  _temporary.clear();
+}
+
+// --- MoConnector
+
+MoConnector::MoConnector() = default;
+
+MoConnector::~MoConnector() = default;
+
+void MoConnector::init(VelaMgmtSpiInterfacePortal_1T* portal) {
+  if (portal != nullptr && Vela::Portal::get() == nullptr) Vela::Portal::set(portal);
+  _accessPoints.reset();
+  Vela::MoAccessor accessor(LockPolicy, LockTimeoutSeconds);
+  _fmBaseDn = accessor.getFirstMoInstance(FmPath);
+  _snmpBaseDn = accessor.getFirstMoInstance(SnmpPath);
+  _nodeBaseDn = accessor.getFirstMoInstance(NodePath);
+  VELA_TRACE("node %s, FM %s, SNMP %s", _nodeBaseDn.c_str(), _fmBaseDn.c_str(), _snmpBaseDn.c_str());
+}
+
+void MoConnector::setSubscriptions(OamAccessPointHandler::Subscriptions* subscriptions) {
+  _accessPoints.setSubscriptions(subscriptions);
+}
+
+void MoConnector::getSnmpConfig(SnmpConfig& config, bool dtlsSupported) const {
+  config.clear();
+  try {
+    Vela::MoAccessor accessor(LockPolicy, LockTimeoutSeconds);
+    config.snmpMoName = findBase(accessor, _snmpBaseDn, SnmpPath);
+    if (config.snmpMoName.empty()) throw Vela::VelaException("The model has no object %s", SnmpPath);
+    _accessPoints.beginReading();
+    readService(accessor, config);
+    readAgentAddress(accessor, _accessPoints, config);
+    if (dtlsSupported) readAgentAddressDtls(accessor, _accessPoints, config);
+    readTargetsAndViews(accessor, config);
+    config.tlsOptions.targetDigest = digestOfTlsTargets(config);
+    if (dtlsSupported) readTls(accessor, config.tlsOptions);
+    readDscp(accessor, config);
+    _accessPoints.checkAndRestartSubscriptions();
+  } catch (const Vela::VelaException&) {
+    throw;
+  } catch (const std::exception& ex) {
+    throw Vela::VelaException("%s", ex.what());
+  }
+}
+
+bool MoConnector::visit(ISnmpXmodDataProviderAlarmVisitor& visitor) {
+  try {
+    Vela::MoAccessor accessor(LockPolicy, LockTimeoutSeconds);
+    AlarmVisitor alarms(visitor);
+    visitor.beginAlarms();
+    accessor.traverseChildren(findBase(accessor, _fmBaseDn, FmPath), AlarmClass, alarms);
+    visitor.endAlarms();
+    return true;
+  } catch (const std::exception& ex) {
+    VELA_LOG(Vela::LogError, "Failed to retrieve alarm list from the IMM: %s", ex.what());
+  } catch (...) {
+    VELA_LOG(Vela::LogError, "Failed to retrieve alarm list from the IMM");
+  }
+  return false;
+}
+
+template <class T>
+int MoConnector::getAnyAttribute(const std::string& base, const char* classPath, const char* name, T& value) const {
+  try {
+    Vela::MoAccessor accessor(LockPolicy, LockTimeoutSeconds);
+    value = accessor.getAttr<T>(findBase(accessor, base, classPath), name);
+    return VELA_OK;
+  } catch (const std::exception& ex) {
+    logReadProblem(name, base, ex);
+    return failureCode(ex);
+  }
+}
+
+int MoConnector::getHeartbeatInterval(unsigned int& seconds) const {
+  return getAnyAttribute(_fmBaseDn, FmPath, HeartbeatInterval, seconds);
+}
+
+int MoConnector::getAlarmSumCritical(unsigned int& count) const {
+  return getAnyAttribute(_fmBaseDn, FmPath, "sumCritical", count);
+}
+
+int MoConnector::getAlarmSumMajor(unsigned int& count) const {
+  return getAnyAttribute(_fmBaseDn, FmPath, "sumMajor", count);
+}
+
+int MoConnector::getAlarmSumMinor(unsigned int& count) const {
+  return getAnyAttribute(_fmBaseDn, FmPath, "sumMinor", count);
+}
+
+int MoConnector::getAlarmSumWarning(unsigned int& count) const {
+  return getAnyAttribute(_fmBaseDn, FmPath, "sumWarning", count);
+}
+
+int MoConnector::getAlarmNumActive(unsigned int& count) const {
+  return getAnyAttribute(_fmBaseDn, FmPath, "totalActive", count);
+}
+
+int MoConnector::getAlarmLastSeqenceNo(unsigned long long& number) const {
+  std::uint64_t value = 0;
+  const int code = getAnyAttribute(_fmBaseDn, FmPath, "lastSequenceNo", value);
+  if (code == VELA_OK) number = value;
+  return code;
+}
+
+int MoConnector::getAlarmLastChanged(std::string& time) const {
+  return getAnyAttribute(_fmBaseDn, FmPath, "lastChanged", time);
+}
+
+template <class T>
+void MoConnector::writeAttribute(const std::string& dn, const char* name, const T& value) const {
+  VELA_TRACE(">> Setting attribute <%s> in mo <%s>", name, dn.c_str());
+  try {
+    Vela::MoAccessor accessor(LockPolicy, LockTimeoutSeconds);
+    if (hasValue(accessor, dn, name, value)) return;
+    accessor.setAttr(dn, name, value);
+    accessor.commit();
+  } catch (const std::exception& ex) {
+    const auto* failure = dynamic_cast<const Vela::VelaException*>(&ex);
+    if (failure != nullptr && failure->getCode() != VELA_OK) {
+      VELA_LOG(Vela::LogError, "Failed to set attribute :'%s' in MO :%s, reason (%d )!", name, dn.c_str(),
+               failure->getCode());
+    }
+    VELA_LOG(Vela::LogError, "Problem setting attribute (%s) in (%s), msg :(%s)", name, dn.c_str(), ex.what());
+    if (failure != nullptr) throw;
+    throw Vela::VelaException("%s", ex.what());
+  }
+}
+
+template <class T>
+int MoConnector::setAnyAttribute(const std::string& base, const char* classPath, const char* name,
+                                 const T& value) const {
+  try {
+    writeAttribute(currentBase(base, classPath), name, value);
+    return VELA_OK;
+  } catch (const std::exception& ex) {
+    return failureCode(ex);  // logged where it happened
+  }
+}
+
+std::string MoConnector::currentBase(const std::string& base, const char* classPath) const {
+  Vela::MoAccessor accessor(LockPolicy, LockTimeoutSeconds);
+  return findBase(accessor, base, classPath);
+}
+
+int MoConnector::setHeartbeatInterval(unsigned int seconds) {
+  return setAnyAttribute(_fmBaseDn, FmPath, HeartbeatInterval, static_cast<std::uint32_t>(seconds));
+}
+
+int MoConnector::setEngineId(const std::string& engineId) const {
+  return setAnyAttribute(_snmpBaseDn, SnmpPath, "engineId", engineId);
+}
+
+void MoConnector::setSnmpOperationalState(bool enabled) const {
+  setTargetOperationalState(currentBase(_snmpBaseDn, SnmpPath).c_str(), enabled);
+}
+
+void MoConnector::setTargetOperationalState(const char* dn, bool enabled) const {
+  writeAttribute(dn, OperationalState, Vela::MoEnum{enabled ? Enabled : Disabled});
+}
+
+}  // namespace VelaFmSnmp

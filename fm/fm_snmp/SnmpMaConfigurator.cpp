@@ -1,0 +1,496 @@
+// The configuration header of net-snmp comes before its others.
+#include <net-snmp/net-snmp-config.h>
+#include <net-snmp/net-snmp-includes.h>
+
+#include "SnmpMaConfigurator.h"
+
+#include <LoggingWrapper.h>
+
+#include "ConfigurationFault.h"
+#include "HexMask.h"
+#include "MoConnector.h"
+#include "SnmpConfigHandler.h"
+#include "SnmpMaSession.h"
+#include "SnmpPdu.h"
+#include "SnmpTarnWrapper.h"
+#include "SnmpUtil.h"
+#include "TargetDiff.h"
+
+namespace VelaFmSnmp {
+
+namespace {
+
+/** Prefix of the names of notify, address and parameter rows. */
+const char* const notificationPrefix = "ntf";
+constexpr std::size_t maxCommunity = 32;
+constexpr std::size_t maxUser = 32;
+
+void requireCommunity(const std::string& community) {
+  if (community.empty() || community.size() > maxCommunity)
+    throw ConfigurationFault("target community must be between 1 and 32 characters in length");
+}
+
+NotifyType notifyTypeOf(int transportMethod) {
+  return transportMethod == TransportTrap ? NotifyTrap : NotifyInform;
+}
+
+/** Authenticated informs are sent by a session of the master agent's own, from its configuration: through the tables
+ *  they would not arrive, and hold everybody else's up. */
+bool isSentByAgentSession(const SnmpTargetV3Usm& target) {
+  return target.transportMethod == TransportInform &&
+         (target.getSecurityModel() == SecurityModelTls || target.snmpSecurityLevel != LevelNoAuthNoPriv);
+}
+
+/** Throws ConfigurationFault when the values of a target make no target. */
+void checkTarget(const SnmpBaseTarget& target) {
+  if (const auto* v1 = dynamic_cast<const SnmpTargetV1*>(&target)) return requireCommunity(v1->community);
+  if (const auto* v2 = dynamic_cast<const SnmpTargetV2C*>(&target)) return requireCommunity(v2->community);
+  const auto* v3 = dynamic_cast<const SnmpTargetV3Usm*>(&target);
+  if (v3 == nullptr) throw ConfigurationFault("unknown version %u", target.version());
+  if (v3->getSecurityModel() == SecurityModelUsm) {
+    UsmUserConfigurator::userOf(*v3);
+  } else if (v3->user.empty() || v3->user.size() > maxUser) {
+    throw ConfigurationFault("target user must be between 1 and 32 characters in length");
+  }
+}
+
+const char* stateName(bool isEnabled) { return isEnabled ? "ENABLED" : "DISABLED"; }
+
+void insertOwners(const SnmpConfig::ViewMap& views, const std::vector<std::string>& names,
+                  std::set<ViewOwner>& owners) {
+  for (const std::string& name : names) {
+    const auto view = views.find(name);
+    if (view == views.end()) continue;
+    for (const ViewOwner& owner : ViewConfigurator::ownersOf(*view->second)) owners.insert(owner);
+  }
+}
+
+}  // namespace
+
+struct SnmpMaConfigurator::TrapRows {
+  MessageProcessingModel mpModel;
+  int securityLevel;
+  std::optional<NotifyType> notifyType; /**< none: the notifications are not sent through the tables */
+  std::string tlsFingerprint;           /**< empty: no TLSTM rows */
+};
+
+void SnmpMaConfigurator::setCurrentConfig(const SnmpConfig& config) {
+  const SnmpConfig copy = config;  // which may be the current one
+  _current = copy;
+}
+
+void SnmpMaConfigurator::clear() {
+  _current = SnmpConfig();
+  _configured = false;
+  _views.clear();
+  _access.clear();
+  _users.clear();
+  _tls.clear();
+  _names.clear();
+  _writtenTargets.clear();
+  _writtenViews.clear();
+  _faultyViews.clear();
+  _rows.clear();
+  _operational.clear();
+  _refused.clear();
+}
+
+void SnmpMaConfigurator::reconfigure(SnmpMaSession& session, const SnmpConfig& config) {
+  const SnmpConfig next = config;  // which may be the current one
+  const bool force = !_configured;
+  _refusal = nullptr;
+  _isReversedPort.reset();
+  _resolver.forget();
+  try {
+    VELA_TRACE("securityEngineID: 0x%s", SnmpUtil::toHex(session.securityEngineID()).c_str());
+    VELA_TRACE("contextEngineID: 0x%s", SnmpUtil::toHex(session.contextEngineID()).c_str());
+    _engineBoots = getEngineBoots(session);
+    _tls.setOptions(next.tlsOptions);
+    reconfigureViews(session, next, force);
+    reconfigureTrustCategory(session, force);
+    reconfigureTargets(session, next, force);
+    if (_refusal) std::rethrow_exception(_refusal);
+  } catch (...) {
+    finish(next, false);
+    throw;
+  }
+  finish(next, true);
+}
+
+void SnmpMaConfigurator::finish(const SnmpConfig& config, bool isConfigured) {
+  _configured = isConfigured;
+  _users.forgetKeys();
+  _current = config;
+  setOperationalStates();
+}
+
+void SnmpMaConfigurator::attempt(const std::string& object, const std::function<void()>& requests) {
+  try {
+    requests();
+    _refused.erase(object);
+  } catch (const SnmpSessionException& ex) {
+    if (!ex.isRefusal()) throw;
+    const bool isFirst = _refused.insert(object).second;
+    if (isFirst && !_refusal) _refusal = std::current_exception();
+    throw ConfigurationFault("%s", ex.what());
+  }
+}
+
+void SnmpMaConfigurator::reconfigureViews(SnmpMaSession& session, const SnmpConfig& config, bool force) {
+  const ConfigurationDiff diff = calcDiffViews(_writtenViews, config.getViews(), force);
+  std::set<ViewOwner> owners;
+  owners.swap(_faultyViews);
+  const std::set<ViewOwner> faulty = owners;
+  insertOwners(_writtenViews, diff.removed, owners);
+  insertOwners(_writtenViews, diff.changed, owners);
+  insertOwners(config.getViews(), diff.changed, owners);
+  insertOwners(config.getViews(), diff.added, owners);
+  if (force) {
+    owners.insert(_views.getOwners().begin(), _views.getOwners().end());
+    _views.writeDefaultViews(session);
+  }
+  if (owners.empty()) return;
+
+  std::map<ViewOwner, ViewConfigurator::ViewObjects> objects;
+  for (const auto& [name, view] : config.getViews()) {
+    for (const ViewOwner& owner : ViewConfigurator::ownersOf(*view)) {
+      if (owners.count(owner) != 0) objects[owner].push_back(view.get());
+    }
+  }
+  for (const ViewOwner& owner : owners) {
+    try {
+      attempt("view " + owner.first, [&] {
+        _views.configureOwner(session, owner, objects[owner], force || faulty.count(owner) != 0);
+      });
+    } catch (const ConfigurationFault& fault) {
+      VELA_LOG(Vela::LogError, "Failed to configure the views of %s: %s", owner.first.c_str(), fault.what());
+      _faultyViews.insert(owner);
+    }
+  }
+  _writtenViews = config.getViews();
+}
+
+void SnmpMaConfigurator::reconfigureTrustCategory(SnmpMaSession& session, bool force) {
+  _tls.reconfigureTrustCategory(session, force);
+}
+
+void SnmpMaConfigurator::reconfigureTargets(SnmpMaSession& session, const SnmpConfig& config, bool force) {
+  static const SnmpConfig::TargetMap none;
+  const SnmpConfig::TargetMap& targets = config.isEnabled() ? config.getTargets() : none;
+  if (_handler) _resolver.setIpVersion(_handler->getIpVersion());
+  const ConfigurationDiff diff = calcDiffTargets(_writtenTargets, targets, force);
+  Faults faults = findFaults(targets);
+  const std::map<std::string, UsmUser> users = planUsers(targets, faults);
+  createUsers(session, users, force, targets, faults);
+  const std::set<std::string> withoutAccess = configureEffectiveAccess(session, targets, faults, force);
+
+  for (const std::string& name : diff.removed) removeTarget(session, name);
+  for (const std::vector<std::string>* names : {&diff.added, &diff.changed}) {
+    for (const std::string& name : *names) applyTarget(session, targets.at(name), faults);
+  }
+  // What did not change may have got into conflict with what did.
+  for (const auto& fault : faults) updateTargetOperationalState(fault.first, false);
+  for (const std::string& name : withoutAccess) updateTargetOperationalState(name, false);
+  deleteUnusedUsers(session, users);
+  _writtenTargets = targets;
+}
+
+bool SnmpMaConfigurator::isConfigurable(const SnmpBaseTarget& target) const {
+  return target.administrativeState && target.isComplete &&
+         (target.getSecurityModel() != SecurityModelTls || _tls.isEnabled());
+}
+
+SnmpMaConfigurator::Faults SnmpMaConfigurator::findFaults(const SnmpConfig::TargetMap& targets) const {
+  Faults faults;
+  for (const auto& [name, target] : targets) {
+    if (!target->administrativeState) continue;
+    if (!target->isComplete) {
+      faults.emplace(name, "mandatory attributes could not be read");
+      continue;
+    }
+    if (!isConfigurable(*target)) continue;
+    try {
+      checkTarget(*target);
+    } catch (const ConfigurationFault& fault) {
+      faults.emplace(name, fault.what());
+    }
+  }
+  return faults;
+}
+
+std::map<std::string, UsmUser> SnmpMaConfigurator::planUsers(const SnmpConfig::TargetMap& targets,
+                                                             Faults& faults) const {
+  std::map<std::string, UsmUser> users;
+  for (const auto& [name, target] : targets) {
+    const auto* usm = dynamic_cast<const SnmpTargetV3Usm*>(target.get());
+    if (usm == nullptr || usm->getSecurityModel() != SecurityModelUsm || !isConfigurable(*target) ||
+        faults.count(name) != 0)
+      continue;
+    UsmUser user = UsmUserConfigurator::userOf(*usm);
+    const auto [planned, isNew] = users.emplace(user.name, user);
+    if (isNew || planned->second.covers(user)) continue;
+    // The agent knows a user once, so targets that share one must agree on it.
+    if (user.covers(planned->second))
+      planned->second = std::move(user);
+    else
+      faults.emplace(name, "another target has user " + user.name + " with other protocols or pass phrases");
+  }
+  return users;
+}
+
+void SnmpMaConfigurator::createUsers(SnmpMaSession& session, const std::map<std::string, UsmUser>& users, bool force,
+                                     const SnmpConfig::TargetMap& targets, Faults& faults) {
+  std::map<std::string, std::string> failed;
+  for (const auto& [userName, user] : users) {
+    if (!force && _users.isWritten(user)) continue;
+    try {
+      attempt("user " + userName, [&, &wanted = user] { _users.usmCreateUser(session, wanted); });
+    } catch (const ConfigurationFault& fault) {
+      failed.emplace(userName, fault.what());
+    }
+  }
+  if (failed.empty()) return;
+  for (const auto& [name, target] : targets) {
+    const auto fault = failed.find(target->getSecurityName());
+    if (fault != failed.end() && target->getSecurityModel() == SecurityModelUsm) faults.emplace(name, fault->second);
+  }
+}
+
+void SnmpMaConfigurator::deleteUnusedUsers(SnmpMaSession& session, const std::map<std::string, UsmUser>& users) {
+  for (const std::string& name : _users.getWrittenNames()) {
+    if (users.count(name) != 0) continue;
+    try {
+      attempt("user " + name, [&] { _users.usmDeleteUser(session, name); });
+    } catch (const ConfigurationFault& fault) {
+      VELA_LOG(Vela::LogError, "Failed to delete USM user %s: %s", name.c_str(), fault.what());
+    }
+  }
+}
+
+std::set<std::string> SnmpMaConfigurator::configureEffectiveAccess(SnmpMaSession& session,
+                                                                   const SnmpConfig::TargetMap& targets,
+                                                                   const Faults& faults, bool force) {
+  struct Plan {
+    bool isWritable = false;
+    std::vector<const SnmpBaseTarget*> targets;
+  };
+  std::map<AccessKey, Plan> plans;
+  for (const auto& [name, target] : targets) {
+    if (!isConfigurable(*target) || faults.count(name) != 0) continue;
+    Plan& plan = plans[AccessConfigurator::accessKeyOf(*target)];
+    plan.isWritable = plan.isWritable || target->isMibWritable;
+    plan.targets.push_back(target.get());
+  }
+  for (const AccessKey& key : _access.getWritten()) {
+    if (plans.count(key) != 0) continue;
+    try {
+      attempt("access " + key.securityName, [&] { _access.removeAccess(session, key); });
+    } catch (const ConfigurationFault& fault) {
+      VELA_LOG(Vela::LogError, "Failed to configure snmp access for %s: %s", key.securityName.c_str(), fault.what());
+    }
+  }
+  std::set<std::string> failed;
+  for (const auto& [key, plan] : plans) {
+    const SnmpBaseTarget& target = *plan.targets.front();
+    const AccessViews views = _views.getAccessViews(ViewConfigurator::ownerOf(target), plan.isWritable);
+    if (!force && _access.isWritten(key, views)) continue;
+    try {
+      attempt("access " + key.securityName, [&] { _access.configureAccess(session, target, views, true); });
+    } catch (const ConfigurationFault& fault) {
+      for (const SnmpBaseTarget* concerned : plan.targets) {
+        VELA_LOG(Vela::LogError, "Failed to configure snmp access for %s: %s", concerned->name.c_str(), fault.what());
+        failed.insert(concerned->name);
+      }
+    }
+  }
+  return failed;
+}
+
+void SnmpMaConfigurator::removeTarget(SnmpMaSession& session, const std::string& name) {
+  const Poco::AutoPtr<SnmpBaseTarget> target = _writtenTargets.at(name);
+  updateTargetOperationalState(name, false);
+  try {
+    attempt("target " + name, [&] { configureTrapTarget(session, *target, false); });
+  } catch (const ConfigurationFault& fault) {
+    VELA_LOG(Vela::LogError, "Failed to configure snmp target %s: %s", name.c_str(), fault.what());
+  }
+  _names.eraseNotificationNames(*target);
+  _writtenTargets.erase(name);
+}
+
+void SnmpMaConfigurator::applyTarget(SnmpMaSession& session, const Poco::AutoPtr<SnmpBaseTarget>& target,
+                                     const Faults& faults) {
+  const std::string& name = target->name;
+  updateTargetOperationalState(name, false);
+  _writtenTargets[name] = target;
+  try {
+    const auto fault = faults.find(name);
+    const bool add = isConfigurable(*target) && fault == faults.end();
+    attempt("target " + name, [&] { configureTrapTarget(session, *target, add); });
+    if (fault != faults.end()) throw ConfigurationFault("%s", fault->second.c_str());
+    updateTargetOperationalState(name, add);
+  } catch (const ConfigurationFault& fault) {
+    VELA_LOG(Vela::LogError, "Failed to configure snmp target %s: %s", name.c_str(), fault.what());
+  }
+}
+
+void SnmpMaConfigurator::configureTrapTarget(SnmpMaSession& session, const SnmpBaseTarget& target, bool add) {
+  const std::string rowName = _names.getUniqueName(notificationPrefix, target);
+  const auto present = _rows.find(rowName);
+  if (present != _rows.end() || !_configured) {
+    const bool isTls = target.getSecurityModel() == SecurityModelTls && _tls.isEnabled();
+    deleteRows(session, rowName, isTls || (present != _rows.end() && present->second));
+  }
+  if (!add) return;
+  if (const auto* v1 = dynamic_cast<const SnmpTargetV1*>(&target)) return configureTrapTargetV1(session, *v1);
+  if (const auto* v2 = dynamic_cast<const SnmpTargetV2C*>(&target)) return configureTrapTargetV2(session, *v2);
+  const auto* v3 = dynamic_cast<const SnmpTargetV3Usm*>(&target);
+  if (v3 == nullptr) throw ConfigurationFault("unknown version %u", target.version());
+  if (v3->getSecurityModel() == SecurityModelTls)
+    configureTrapTargetV3Dtls(session, *v3);
+  else
+    configureTrapTargetV3(session, *v3);
+}
+
+void SnmpMaConfigurator::configureTrapTargetV1(SnmpMaSession& session, const SnmpTargetV1& target) {
+  requireCommunity(target.community);
+  createRows(session, target, {MpModelV1, LevelNoAuthNoPriv, NotifyTrap, std::string()});
+}
+
+void SnmpMaConfigurator::configureTrapTargetV2(SnmpMaSession& session, const SnmpTargetV2C& target) {
+  requireCommunity(target.community);
+  createRows(session, target, {MpModelV2c, LevelNoAuthNoPriv, notifyTypeOf(target.transportMethod), std::string()});
+}
+
+void SnmpMaConfigurator::configureTrapTargetV3(SnmpMaSession& session, const SnmpTargetV3Usm& target) {
+  TrapRows rows{MpModelV3, target.snmpSecurityLevel, std::nullopt, std::string()};
+  if (!isSentByAgentSession(target)) rows.notifyType = notifyTypeOf(target.transportMethod);
+  createRows(session, target, rows);
+}
+
+void SnmpMaConfigurator::configureTrapTargetV3Dtls(SnmpMaSession& session, const SnmpTargetV3Usm& target) {
+  TrapRows rows{MpModelV3, LevelAuthPriv, std::nullopt, _tls.getLocalFingerPrint()};
+  if (!isSentByAgentSession(target)) rows.notifyType = notifyTypeOf(target.transportMethod);
+  createRows(session, target, rows);
+}
+
+void SnmpMaConfigurator::createRows(SnmpMaSession& session, const SnmpBaseTarget& target, const TrapRows& rows) {
+  const std::string name = _names.getUniqueName(notificationPrefix, target);
+  const bool isTls = !rows.tlsFingerprint.empty();
+  TargetTransport transport{_resolver.resolve(target.address), target.port, isTls, false};
+  if (transport.address.family() == Poco::Net::IPAddress::IPv6) transport.isReversedPort = isReversedIpv6Port();
+
+  SnmpPdu pdu(SNMP_MSG_SET);
+  MasterAgentTables::addSpinLock(session, pdu, MasterAgentTables::snmpTargetSpinLock);
+  if (rows.notifyType) MasterAgentTables::createNotify(pdu, name, name, *rows.notifyType);
+  MasterAgentTables::createTargetAddr(pdu, name, transport, name, name, target.getInformTimeout(),
+                                      target.getInformRetryCount());
+  MasterAgentTables::createTargetParams(pdu, name, rows.mpModel, static_cast<unsigned>(target.getSecurityModel()),
+                                        target.getSecurityName(), static_cast<unsigned>(rows.securityLevel));
+  if (isTls) {
+    TlsConfigurator::tlsCreateParamsEntry(pdu, name, rows.tlsFingerprint);
+    TlsConfigurator::tlsCreateAddrEntry(pdu, name);
+  }
+  _rows[name] = isTls;
+  MasterAgentTables::send(session, "configureTrapTarget(" + target.name + ")", pdu);
+}
+
+void SnmpMaConfigurator::deleteRows(SnmpMaSession& session, const std::string& rowName, bool hasTlsRows) {
+  SnmpPdu pdu(SNMP_MSG_SET);
+  MasterAgentTables::addSpinLock(session, pdu, MasterAgentTables::snmpTargetSpinLock);
+  MasterAgentTables::deleteNotify(pdu, rowName);
+  MasterAgentTables::deleteTargetAddr(pdu, rowName);
+  MasterAgentTables::deleteTargetParams(pdu, rowName);
+  if (hasTlsRows) {
+    TlsConfigurator::tlsDeleteParamsEntry(pdu, rowName);
+    TlsConfigurator::tlsDeleteAddrEntry(pdu, rowName);
+  }
+  MasterAgentTables::send(session, "deleteTrapTarget(" + rowName + ")", pdu);
+  _rows.erase(rowName);
+}
+
+bool SnmpMaConfigurator::isReversedIpv6Port() {
+  if (_handler == nullptr || !_handler->isIpv6PortWorkaroudEnabled()) return false;
+  if (!_isReversedPort) {
+    try {
+      bool isReversed = false;
+      const bool isAnswered = _handler->getTarnWrapper().isIpv6PortReverseByteOrder(isReversed);
+      _isReversedPort = !isAnswered || isReversed;
+    } catch (const Vela::VelaException& ex) {
+      VELA_LOG(Vela::LogError, "exception while checking ipv6PortReverseByteOrder support: %s", ex.what());
+      _isReversedPort = false;
+    }
+  }
+  return *_isReversedPort;
+}
+
+bool SnmpMaConfigurator::checkEngineBootCount(SnmpMaSession& session) const {
+  if (getEngineBoots(session) == _engineBoots) return false;
+  VELA_LOG(Vela::LogWarning, "Boot count indicates a restarted master agent");
+  return true;
+}
+
+int SnmpMaConfigurator::getEngineBoots(SnmpMaSession& session) {
+  long long boots = 0;
+  if (!session.getInt(MasterAgentTables::snmpEngineBoots, &boots, "snmpEngineBoots"))
+    throw Vela::VelaException("Failed to read snmpEngineBoots.0");
+  VELA_LOG(Vela::LogInfo, "snmpEngineBoots.0: %d (EngineId: %s)", static_cast<int>(boots),
+           SnmpUtil::toHex(getEngineId(session)).c_str());
+  return static_cast<int>(boots);
+}
+
+std::string SnmpMaConfigurator::getEngineId(SnmpMaSession& session) {
+  std::string engineId;
+  session.getString(MasterAgentTables::snmpEngineId, engineId);
+  return engineId;
+}
+
+void SnmpMaConfigurator::updateTargetOperationalState(const std::string& name, bool isOperational) {
+  if (isOperational)
+    _operational.insert(name);
+  else
+    _operational.erase(name);
+}
+
+void SnmpMaConfigurator::setOperationalStates() {
+  int enabled = 0;
+  int operational = 0;
+  for (auto& [name, target] : _current.targets) {
+    target->operational = _operational.count(name) != 0;
+    // A DTLS target cannot be operational without DTLS, which is not held against the service.
+    if (!target->administrativeState || (target->getSecurityModel() == SecurityModelTls && !_tls.isEnabled())) continue;
+    ++enabled;
+    if (target->operational) ++operational;
+  }
+  VELA_LOG(Vela::LogInfo, "Number of operational targets %d of %d enabled", operational, enabled);
+  _isServiceOperational = enabled == 0 || operational > 0;
+}
+
+void SnmpMaConfigurator::updateAllOperationalStates(const MoConnector& connector) const {
+  const bool isActive = _configured && _current.isEnabled();
+  const auto write = [](const auto& request) {
+    try {
+      request();
+    } catch (const Vela::VelaException& ex) {
+      VELA_LOG(Vela::LogError, "Failed to set operationalState! (%s)", ex.what());
+    }
+  };
+  for (const auto& [name, target] : _current.getTargets()) {
+    const bool isOperational = isActive && target->operational;
+    VELA_LOG(Vela::LogInfo, "Setting target %s operationalState=%s", name.c_str(), stateName(isOperational));
+    write([&, &dn = target->moName] { connector.setTargetOperationalState(dn.c_str(), isOperational); });
+  }
+  const bool isServiceOperational = isActive && _isServiceOperational;
+  VELA_LOG(Vela::LogInfo, "Setting FmSnmp operationalState=%s", stateName(isServiceOperational));
+  write([&] { connector.setSnmpOperationalState(isServiceOperational); });
+}
+
+bool SnmpMaConfigurator::parseTargetAddrUDP(Poco::Net::IPAddress& result, const std::string& host) {
+  return AddressResolver::parse(result, host);
+}
+
+bool SnmpMaConfigurator::convertHexMask(unsigned char* buffer, int* length, int size, const char* text) {
+  return VelaFmSnmp::convertHexMask(buffer, length, size, text);
+}
+
+}  // namespace VelaFmSnmp

@@ -1,0 +1,152 @@
+#ifndef VELA_FM_SNMP_MA_CONFIGURATOR_H
+#define VELA_FM_SNMP_MA_CONFIGURATOR_H
+
+#include <atomic>
+#include <exception>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "AccessConfigurator.h"
+#include "AddressResolver.h"
+#include "MasterAgentTables.h"
+#include "SnmpTypes.h"
+#include "TargetNames.h"
+#include "TlsConfigurator.h"
+#include "UsmUserConfigurator.h"
+#include "ViewConfigurator.h"
+
+namespace VelaFmSnmp {
+
+class MoConnector;
+class SnmpConfigHandler;
+class SnmpMaSession;
+
+/**
+ * Brings the master agent's tables (USM, VACM, targets, notifications, TLSTM) in line with a configuration by SNMP SETs,
+ * and remembers what it wrote, so that a changed configuration costs the requests of what changed.
+ *
+ * A fault in one target is logged, leaves that target not operational and concerns no other one. A failure of the
+ * session (SnmpSessionException, Vela::VelaException) leaves reconfigure, and the next reconfigure writes everything
+ * anew. Rows that the agent refuses as inconsistent fail a reconfigure too, after all others have been written; when it
+ * refuses them once more, they are a fault of their target.
+ *
+ * The adaptor thread only, except checkEngineBootCount.
+ */
+class SnmpMaConfigurator {
+ public:
+  SnmpMaConfigurator() = default;
+  SnmpMaConfigurator(const SnmpMaConfigurator&) = delete;
+  SnmpMaConfigurator& operator=(const SnmpMaConfigurator&) = delete;
+
+  /** The static settings; not owned. Null: names resolve to either family, port octets are in network order. */
+  void setConfigurationHandler(SnmpConfigHandler* handler) { _handler = handler; }
+
+  /** The configuration applied last, or set. */
+  const SnmpConfig& getCurrentConfig() const { return _current; }
+  /** Makes a configuration the current one without touching the master agent. */
+  void setCurrentConfig(const SnmpConfig& config);
+  /** Whether the master agent is known to be in line with what was applied last. */
+  bool isConfigured() const { return _configured; }
+  /** The master agent may have been restarted: the next reconfigure deletes and writes every row. */
+  void invalidate() { _configured = false; }
+  /** Forgets the current configuration and all that was written. */
+  void clear();
+
+  /**
+   * Applies a configuration (which may be the current one) and makes it the current one. The targets' operational
+   * states are set also when a failure leaves this call. Of a configuration that is not enabled no target is written.
+   */
+  void reconfigure(SnmpMaSession& session, const SnmpConfig& config);
+
+  /**
+   * Writes (or removes) the rows that send notifications to one target; rows written under its name go before.
+   * Throws Vela::VelaException when the target cannot be configured.
+   */
+  void configureTrapTarget(SnmpMaSession& session, const SnmpBaseTarget& target, bool add);
+
+  /**
+   * Compares the master agent's boot count with that of the last configuration. Any thread, with a session of its own.
+   * @return true when it no longer matches: the master agent was restarted
+   * @throws Vela::VelaException when it cannot be read
+   */
+  bool checkEngineBootCount(SnmpMaSession& session) const;
+  /** snmpEngineBoots.0; throws Vela::VelaException when it cannot be read. */
+  static int getEngineBoots(SnmpMaSession& session);
+  /** snmpEngineID.0, raw octets; empty when it cannot be read. */
+  static std::string getEngineId(SnmpMaSession& session);
+
+  /** Sets the established states in the current configuration's targets and derives the service's own state: ENABLED
+   *  when one of the unlocked targets is operational, or none is there. */
+  void setOperationalStates();
+  /** Writes the states of all targets and of the service to the model; a failed write is logged. While the master agent
+   *  is not configured, or the service is not enabled, all of them are DISABLED. */
+  void updateAllOperationalStates(const MoConnector& connector) const;
+
+  /** Parses a literal IPv4 or IPv6 address; false when the text is none. Names are not resolved. */
+  static bool parseTargetAddrUDP(Poco::Net::IPAddress& result, const std::string& host);
+  /** As the function of the same name in HexMask.h. */
+  static bool convertHexMask(unsigned char* buffer, int* length, int size, const char* text);
+
+ private:
+  /** Targets that must not become operational, by name, with the reason. */
+  using Faults = std::map<std::string, std::string>;
+  /** What the rows of one target hold besides its address. */
+  struct TrapRows;
+
+  void reconfigureViews(SnmpMaSession& session, const SnmpConfig& config, bool force);
+  void reconfigureTrustCategory(SnmpMaSession& session, bool force);
+  void reconfigureTargets(SnmpMaSession& session, const SnmpConfig& config, bool force);
+  Faults findFaults(const SnmpConfig::TargetMap& targets) const;
+  std::map<std::string, UsmUser> planUsers(const SnmpConfig::TargetMap& targets, Faults& faults) const;
+  void createUsers(SnmpMaSession& session, const std::map<std::string, UsmUser>& users, bool force,
+                   const SnmpConfig::TargetMap& targets, Faults& faults);
+  void deleteUnusedUsers(SnmpMaSession& session, const std::map<std::string, UsmUser>& users);
+  /** Returns the targets whose access failed; their notifications may still be sent. */
+  std::set<std::string> configureEffectiveAccess(SnmpMaSession& session, const SnmpConfig::TargetMap& targets,
+                                                 const Faults& faults, bool force);
+  void removeTarget(SnmpMaSession& session, const std::string& name);
+  void applyTarget(SnmpMaSession& session, const Poco::AutoPtr<SnmpBaseTarget>& target, const Faults& faults);
+  bool isConfigurable(const SnmpBaseTarget& target) const;
+
+  void configureTrapTargetV1(SnmpMaSession& session, const SnmpTargetV1& target);
+  void configureTrapTargetV2(SnmpMaSession& session, const SnmpTargetV2C& target);
+  void configureTrapTargetV3(SnmpMaSession& session, const SnmpTargetV3Usm& target);
+  void configureTrapTargetV3Dtls(SnmpMaSession& session, const SnmpTargetV3Usm& target);
+  void createRows(SnmpMaSession& session, const SnmpBaseTarget& target, const TrapRows& rows);
+  void deleteRows(SnmpMaSession& session, const std::string& rowName, bool hasTlsRows);
+  bool isReversedIpv6Port();
+
+  /** Runs the requests of one object. A refusal becomes a ConfigurationFault; the object's first one is kept for the end
+   *  of the pass, too. */
+  void attempt(const std::string& object, const std::function<void()>& requests);
+  void updateTargetOperationalState(const std::string& name, bool isOperational);
+  void finish(const SnmpConfig& config, bool isConfigured);
+
+  SnmpConfigHandler* _handler = nullptr;
+  SnmpConfig _current;
+  bool _configured = false;
+  std::atomic<int> _engineBoots{-1};
+  bool _isServiceOperational = false;
+
+  ViewConfigurator _views;
+  AccessConfigurator _access;
+  UsmUserConfigurator _users;
+  TlsConfigurator _tls;
+  AddressResolver _resolver;
+  TargetNames _names;
+
+  SnmpConfig::TargetMap _writtenTargets;
+  SnmpConfig::ViewMap _writtenViews;
+  std::set<ViewOwner> _faultyViews;
+  std::map<std::string, bool> _rows;   /**< row names that may stand in the master agent; whether TLSTM rows, too */
+  std::set<std::string> _operational;  /**< names of the targets established as operational */
+  std::set<std::string> _refused;      /**< objects whose rows the agent refused */
+  std::exception_ptr _refusal;         /**< the first refusal of this pass */
+  std::optional<bool> _isReversedPort; /**< the tool's answer, in this pass */
+};
+
+}  // namespace VelaFmSnmp
+#endif

@@ -1,0 +1,348 @@
+// The configuration header of net-snmp comes before its others.
+#include <net-snmp/net-snmp-config.h>
+#include <net-snmp/net-snmp-includes.h>
+
+#include "SnmpMaSession.h"
+
+#include <LoggingWrapper.h>
+
+#include <Poco/ScopedLock.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <mutex>
+
+namespace VelaFmSnmp {
+
+namespace {
+
+constexpr int sessionRetries = 10;
+constexpr long sessionTimeoutUs = 200000;
+constexpr std::size_t minimumPassPhrase = USM_LENGTH_P_MIN;
+// Loop-back with an ephemeral port; it serves an agent on ::1 as well.
+const char* const localAddress = "127.0.0.1:0";
+
+using Lock = Poco::ScopedLock<Poco::Mutex>;
+
+// Opening and closing touch the library's lists of users and engines, which have no lock of their own.
+std::mutex& openCloseMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+SnmpMaSession::Factory& sessionFactory() {
+  static SnmpMaSession::Factory factory;
+  return factory;
+}
+
+const netsnmp_session* sessionOf(void* handle) { return handle ? snmp_sess_session(handle) : nullptr; }
+
+std::string libraryError(netsnmp_session* session, int* libErr, int* sysErr) {
+  char* text = nullptr;
+  ::snmp_error(session, sysErr, libErr, &text);
+  const std::string result = text ? text : "";
+  SNMP_FREE(text);
+  return result;
+}
+
+/** Takes the bytes of an engine id; they are the library's. */
+std::string engineId(const u_char* bytes, std::size_t length) {
+  if (bytes == nullptr || length == 0) {
+    VELA_LOG(Vela::LogError, "Missing EngineID!");
+    return std::string();
+  }
+  return std::string(bytes, bytes + length);
+}
+
+void deriveKey(const oid* authProtocol, std::size_t protocolLength, const std::string& passPhrase, u_char* key,
+               std::size_t* keyLength, const char* kind) {
+  *keyLength = USM_AUTH_KU_LEN;
+  // The library takes the pass phrase as unsigned octets.
+  const auto* phrase = reinterpret_cast<const u_char*>(passPhrase.data());
+  if (generate_Ku(authProtocol, static_cast<u_int>(protocolLength), phrase, passPhrase.size(), key, keyLength) ==
+      SNMPERR_SUCCESS)
+    return;
+  VELA_LOG(Vela::LogError, "Error generating SNMPv3 Ku from %s pass phrase.", kind);
+  throw Vela::VelaException("Error generating SNMPv3 Ku from %s pass phrase.", kind);
+}
+
+struct CloseHandle {
+  void operator()(void* handle) const { snmp_sess_close(handle); }
+};
+using SessionHandle = std::unique_ptr<void, CloseHandle>;
+
+/** Exchanges one request and its response. */
+bool isAnswered(void* handle) {
+  const SnmpOid probedObject(".1.3.6.1.6.3.10.2.1.2.0");  // snmpEngineBoots.0
+  SnmpPdu request(SNMP_MSG_GET);
+  request.addNullVarbind(probedObject);
+  snmp_pdu* answer = nullptr;
+  const int status = snmp_sess_synch_response(handle, request.release(), &answer);
+  SnmpPdu owner;
+  owner.set(answer);
+  return status == STAT_SUCCESS && answer != nullptr;
+}
+
+[[noreturn]] void throwOpenFailure(const std::string& host, netsnmp_session* session) {
+  int libErr = 0;
+  int sysErr = 0;
+  const std::string text = libraryError(session, &libErr, &sysErr);
+  throw SnmpSessionException("Failed to open snmp session to " + host + ", error: " + text + " (" +
+                             std::to_string(libErr) + "," + std::to_string(sysErr) + ")");
+}
+
+SessionHandle openHandle(const std::string& host, netsnmp_session& session) {
+  std::lock_guard<std::mutex> opening(openCloseMutex());
+  SessionHandle handle(snmp_sess_open(&session));
+  if (!handle) throwOpenFailure(host, &session);
+  // The library finds the engine out at the first request only; without an answer to that the session is worth nothing.
+  if (!isAnswered(handle.get())) throwOpenFailure(host, snmp_sess_session(handle.get()));
+  return handle;
+}
+
+bool isCounted(u_char type) {
+  return type == ASN_INTEGER || type == ASN_COUNTER || type == ASN_GAUGE || type == ASN_TIMETICKS;
+}
+
+void logFailedObject(const snmp_pdu& response) {
+  long index = 1;
+  for (const variable_list* variable = response.variables; variable; variable = variable->next_variable, ++index) {
+    if (index != response.errindex) continue;
+    const SnmpOid oid(variable->name, static_cast<unsigned int>(variable->name_length));
+    VELA_LOG(Vela::LogError, "Failed object: %s", oid.toString().c_str());
+    return;
+  }
+}
+
+/** Judges the agent's answer as sendPdu promises. */
+bool checkResponse(const std::string& requestName, const snmp_pdu& response) {
+  if (response.errstat == SNMP_ERR_NOERROR) return true;
+  const char* reason = snmp_errstring(static_cast<int>(response.errstat));
+  VELA_LOG(Vela::LogError, "Request %s failed. Reason: %s", requestName.c_str(), reason);
+  if (response.errindex != 0) logFailedObject(response);
+  if (response.errstat == SNMP_ERR_INCONSISTENTVALUE)
+    throw SnmpSessionException("Request " + requestName + " failed. Reason: " + reason, true);
+  return false;
+}
+
+}  // namespace
+
+std::unique_ptr<SnmpMaSession> SnmpMaSession::create() {
+  const Factory& factory = sessionFactory();
+  return factory ? factory() : std::make_unique<SnmpMaSession>();
+}
+
+void SnmpMaSession::setFactory(Factory factory) { sessionFactory() = std::move(factory); }
+
+SnmpMaSession::~SnmpMaSession() {
+  // A derived transport is gone here already, so this is the plain close.
+  SnmpMaSession::close();
+}
+
+void SnmpMaSession::initSession(const std::string& host, int port, const std::string& user, const std::string& authPass,
+                                const std::string& privPass) {
+  VELA_LOG(Vela::LogInfo, "init snmp session %s:%d", host.c_str(), port);
+  if (authPass.size() < minimumPassPhrase || privPass.size() < minimumPassPhrase)
+    throw Vela::VelaException("The pass phrases of the snmp session need at least %zu characters", minimumPassPhrase);
+  SnmpMaSession::close();
+  _rootAuthPwd = authPass;
+  _rootPrivPwd = privPass;
+
+  // The library copies these texts but takes them as char*. The port counts in the peer's name only.
+  std::string peer = host + ":" + std::to_string(port);
+  std::string local = localAddress;
+  std::string securityName = user;
+  std::string contextName;
+
+  netsnmp_session session;
+  snmp_sess_init(&session);
+  session.version = SNMP_VERSION_3;
+  session.retries = sessionRetries;
+  session.timeout = sessionTimeoutUs;
+  session.peername = peer.data();
+  session.localname = local.data();
+  session.local_port = 0;
+  session.securityName = securityName.data();
+  session.securityNameLen = securityName.size();
+  session.contextName = contextName.data();
+  session.contextNameLen = 0;
+  session.securityModel = SNMP_SEC_MODEL_USM;
+  session.securityLevel = SNMP_SEC_LEVEL_AUTHPRIV;
+  oid authProtocol[] = {NETSNMP_USMAUTH_BASE_OID, NETSNMP_USMAUTH_HMACMD5};
+  oid privProtocol[] = {1, 3, 6, 1, 6, 3, 10, 1, 2, 2};
+  session.securityAuthProto = authProtocol;
+  session.securityAuthProtoLen = OID_LENGTH(authProtocol);
+  session.securityPrivProto = privProtocol;
+  session.securityPrivProtoLen = OID_LENGTH(privProtocol);
+  deriveKey(authProtocol, OID_LENGTH(authProtocol), authPass, session.securityAuthKey, &session.securityAuthKeyLen,
+            "authentication");
+  deriveKey(authProtocol, OID_LENGTH(authProtocol), privPass, session.securityPrivKey, &session.securityPrivKeyLen,
+            "privacy");
+
+  SessionHandle handle = openHandle(host, session);
+  Lock lock(_mutex);
+  _handle = handle.release();
+  _remotePort = port;
+}
+
+void SnmpMaSession::initSessionWithPwdFile(const std::string& host, int port, const std::string& user,
+                                           const std::string& pwdFile) {
+  close();
+  std::ifstream file(pwdFile);
+  if (!file) throw Vela::VelaException("Failed to open password file (%s)", pwdFile.c_str());
+  std::string passPhrase;
+  if (!std::getline(file, passPhrase)) throw Vela::VelaException("Failed to read password file (%s)", pwdFile.c_str());
+  initSession(host, port, user, passPhrase, passPhrase);
+}
+
+void SnmpMaSession::close() {
+  Lock lock(_mutex);
+  if (_handle == nullptr) return;
+  std::lock_guard<std::mutex> closing(openCloseMutex());
+  snmp_sess_close(_handle);
+  _handle = nullptr;
+}
+
+bool SnmpMaSession::isOpen() const {
+  Lock lock(_mutex);
+  return _handle != nullptr;
+}
+
+std::string SnmpMaSession::getPeername() const {
+  Lock lock(_mutex);
+  const netsnmp_session* session = sessionOf(_handle);
+  return session && session->peername ? session->peername : "";
+}
+
+int SnmpMaSession::getRemotePort() const {
+  Lock lock(_mutex);
+  return _handle ? _remotePort : 0;
+}
+
+SnmpOid SnmpMaSession::getSecurityAuthProto() const {
+  Lock lock(_mutex);
+  const netsnmp_session* session = sessionOf(_handle);
+  if (session == nullptr) return SnmpOid();
+  return SnmpOid(session->securityAuthProto, static_cast<unsigned int>(session->securityAuthProtoLen));
+}
+
+SnmpOid SnmpMaSession::getSecurityPrivProto() const {
+  Lock lock(_mutex);
+  const netsnmp_session* session = sessionOf(_handle);
+  if (session == nullptr) return SnmpOid();
+  return SnmpOid(session->securityPrivProto, static_cast<unsigned int>(session->securityPrivProtoLen));
+}
+
+std::string SnmpMaSession::contextEngineID() const {
+  Lock lock(_mutex);
+  const netsnmp_session* session = sessionOf(_handle);
+  return session ? engineId(session->contextEngineID, session->contextEngineIDLen) : engineId(nullptr, 0);
+}
+
+std::string SnmpMaSession::securityEngineID() const {
+  Lock lock(_mutex);
+  const netsnmp_session* session = sessionOf(_handle);
+  return session ? engineId(session->securityEngineID, session->securityEngineIDLen) : engineId(nullptr, 0);
+}
+
+int SnmpMaSession::snmp_synch_response(SnmpPdu& request, SnmpPdu* response) const {
+  snmp_pdu* answer = nullptr;
+  // The library frees the request in every case.
+  const int status = snmp_sess_synch_response(_handle, request.release(), &answer);
+  SnmpPdu owner;
+  owner.set(answer);
+  if (response) response->set(owner.release());
+  return status;
+}
+
+std::string SnmpMaSession::snmp_error(int* libErr, int* sysErr) const {
+  Lock lock(_mutex);
+  if (_handle == nullptr) {
+    VELA_LOG(Vela::LogError, "snmp_error called with no session!?");
+    return "Session is null";
+  }
+  return libraryError(snmp_sess_session(_handle), libErr, sysErr);
+}
+
+bool SnmpMaSession::sendPdu(const std::string& requestName, SnmpPdu& request, SnmpPdu* response) const {
+  Lock lock(_mutex);
+  if (!isOpen()) throw Vela::VelaException("Session not active!");
+  SnmpPdu ownResponse;
+  SnmpPdu& answer = response ? *response : ownResponse;
+  const int status = snmp_synch_response(request, &answer);
+  if (status == STAT_SUCCESS && answer.get() != nullptr) return checkResponse(requestName, *answer.get());
+  if (status == STAT_TIMEOUT)
+    throw SnmpSessionException("Timeout: No Response from " + getPeername() + " (in " + requestName + ")");
+  int libErr = 0;
+  int sysErr = 0;
+  const std::string text = snmp_error(&libErr, &sysErr);
+  throw Vela::VelaException("Failed to send %s pdu, Status: %d (%d,%d:%s)", requestName.c_str(), status, libErr, sysErr,
+                            text.c_str());
+}
+
+bool SnmpMaSession::getOne(const SnmpOid& oid, const std::string& name, SnmpPdu& response) const {
+  SnmpPdu request(SNMP_MSG_GET);
+  request.addNullVarbind(oid);
+  return sendPdu(name + "(" + oid.toString() + ")", request, &response);
+}
+
+bool SnmpMaSession::getInt(const SnmpOid& oid, long long* value, const std::string& name) const {
+  SnmpPdu response;
+  if (getOne(oid, name, response) && extractInt(response.get()->variables, value)) return true;
+  VELA_LOG(Vela::LogError, "Failed to read int at oid %s", oid.toString().c_str());
+  return false;
+}
+
+bool SnmpMaSession::getString(const SnmpOid& oid, std::string& value) const {
+  SnmpPdu response;
+  if (getOne(oid, "getString", response) && extractString(response.get()->variables, value)) return true;
+  VELA_LOG(Vela::LogError, "Failed to read string at oid %s", oid.toString().c_str());
+  return false;
+}
+
+bool SnmpMaSession::getOid(const SnmpOid& oid, SnmpOid* value) const {
+  SnmpPdu response;
+  if (getOne(oid, "getOid", response) && extractOid(response.get()->variables, value)) return true;
+  VELA_LOG(Vela::LogError, "Failed to read oid at oid %s", oid.toString().c_str());
+  return false;
+}
+
+bool SnmpMaSession::extractInt(const variable_list* variables, long long* value) {
+  if (variables == nullptr) {
+    VELA_LOG(Vela::LogError, "Failed to extract int from pdu, list is null");
+    return false;
+  }
+  if (isCounted(variables->type) && variables->val.integer != nullptr) {
+    *value = *variables->val.integer;
+    return true;
+  }
+  if (variables->type == ASN_COUNTER64 && variables->val.counter64 != nullptr) {
+    const unsigned long long high = variables->val.counter64->high;
+    const unsigned long long low = variables->val.counter64->low & 0xffffffffUL;
+    *value = static_cast<long long>(high << 32U | low);
+    return true;
+  }
+  VELA_LOG(Vela::LogError, "Failed to extract int from pdu, type = %d", variables->type);
+  return false;
+}
+
+bool SnmpMaSession::extractString(const variable_list* variables, std::string& value) {
+  if (variables == nullptr || variables->type != ASN_OCTET_STR) {
+    VELA_LOG(Vela::LogError, "Failed to extract string from pdu");
+    return false;
+  }
+  value.assign(variables->val.string, variables->val.string + variables->val_len);
+  return true;
+}
+
+bool SnmpMaSession::extractOid(const variable_list* variables, SnmpOid* value) {
+  if (variables == nullptr || variables->type != ASN_OBJECT_ID) {
+    VELA_LOG(Vela::LogError, "Failed to extract oid from pdu");
+    return false;
+  }
+  *value = SnmpOid(variables->val.objid, static_cast<unsigned int>(variables->val_len / sizeof(oid)));
+  return true;
+}
+
+}  // namespace VelaFmSnmp

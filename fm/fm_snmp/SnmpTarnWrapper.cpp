@@ -1,0 +1,258 @@
+#include "SnmpTarnWrapper.h"
+
+#include <LoggingWrapper.h>
+#include <VelaException.h>
+
+#include <Poco/Net/IPAddress.h>
+#include <Poco/String.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "SecretFile.h"
+#include "SnmpMaConfigurator.h"
+#include "SnmpTypes.h"
+
+namespace VelaFmSnmp {
+
+namespace {
+
+constexpr int statusTimeoutMs = 2000;
+constexpr int infoTimeoutMs = 5000;
+constexpr int queryTimeoutMs = 20000;
+
+/** Octets of an engine id (RFC 3411, SnmpEngineID), in hexadecimal digits. */
+constexpr std::size_t minEngineIdDigits = 2 * 5;
+constexpr std::size_t maxEngineIdDigits = 2 * 32;
+
+const char* manageWord(TarnManageOption option) {
+  switch (option) {
+    case TarnManageStart:
+      return "start";
+    case TarnManageStop:
+      return "stop";
+    case TarnManageRestart:
+      return "restart";
+    case TarnManageConfigure:
+      return "configure";
+    case TarnManageStatus:
+      return "status";
+  }
+  throw Vela::VelaException("Failed to manage snmpd, unknown option %d", static_cast<int>(option));
+}
+
+/** Whether a text may stand in a line-based file between tabulators. */
+bool isPlainField(const std::string& text) {
+  return !text.empty() && std::none_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; });
+}
+
+/** Appends the addresses in the agent's notation; one that is no literal address is logged and left out. */
+void appendAddresses(const SnmpConfig::AddressList& addresses, const char* ipv4Domain, const char* ipv6Domain,
+                     const char* failure, std::vector<std::string>& result) {
+  for (const auto& [host, port] : addresses) {
+    Poco::Net::IPAddress address;
+    if (!SnmpMaConfigurator::parseTargetAddrUDP(address, host)) {
+      VELA_LOG(Vela::LogError, "%s%s'", failure, host.c_str());
+      continue;
+    }
+    const bool isIpv6 = address.family() == Poco::Net::IPAddress::IPv6;
+    const std::string text = isIpv6 ? "[" + address.toString() + "]" : address.toString();
+    result.push_back((isIpv6 ? ipv6Domain : ipv4Domain) + (":" + text) + ":" + std::to_string(port));
+  }
+}
+
+std::string agentAddresses(const SnmpConfig& config) {
+  std::vector<std::string> addresses;
+  appendAddresses(config.agentAddress, "udp", "udp6", "Error while parsing address '", addresses);
+  if (config.tlsOptions.isEnabled())
+    appendAddresses(config.tlsOptions.agentAddressDtls, "dtlsudp", "dtlsudp6", "Error while parsing tls address '",
+                    addresses);
+  // Without any address the master agent would listen everywhere on the standard port.
+  if (addresses.empty() && !config.agentAddress.empty())
+    throw Vela::VelaException("None of the agent addresses can be used");
+  return Poco::cat(std::string(","), addresses.begin(), addresses.end());
+}
+
+std::string communityLines(const SnmpConfig& config) {
+  std::string lines;
+  const auto add = [&](const std::string& community, const std::string& source) {
+    if (isPlainField(community) && isPlainField(source)) {
+      lines.append(community).append("\t").append(source).append("\n");
+    } else {
+      VELA_LOG(Vela::LogError, "A community or its source cannot be configured, it is empty or not printable");
+    }
+  };
+  if (config.enableSourceCheckForV1V2C) {
+    for (const auto& [community, source] : config.getV1V2communitiesAndAddrWithPrefixLength()) add(community, source);
+  } else {
+    for (const std::string& community : config.getV1AndV2communities()) add(community, "default");
+  }
+  return lines;
+}
+
+std::string trapsessLines(const SnmpConfig& config) {
+  std::string lines;
+  const auto add = [&](const std::vector<std::string>& directives) {
+    for (const std::string& directive : directives) {
+      if (isPlainField(directive)) {
+        lines.append(directive).append("\n");
+      } else {
+        VELA_LOG(Vela::LogError, "An inform target cannot be configured, an attribute of it is not printable");
+      }
+    }
+  };
+  add(config.getInformTrapsessConfig());
+  add(config.getInformDtlsTrapsessConfig());
+  return lines;
+}
+
+/** An engine id that the agent would refuse counts as none, so that a typing error does not take SNMP down. */
+std::string engineIdArgument(const std::string& engineId) {
+  if (engineId.empty()) return "engineId=";
+  const bool hasPrefix = engineId.compare(0, 2, "0x") == 0 || engineId.compare(0, 2, "0X") == 0;
+  const std::string digits = hasPrefix ? engineId.substr(2) : engineId;
+  const bool isHex = std::all_of(digits.begin(), digits.end(), [](unsigned char c) { return std::isxdigit(c) != 0; });
+  if (isHex && digits.size() % 2 == 0 && digits.size() >= minEngineIdDigits && digits.size() <= maxEngineIdDigits)
+    return "engineId=0x" + digits;
+  VELA_LOG(Vela::LogError, "The engineId '%s' is not 5 to 32 octets in hexadecimal, not using it", engineId.c_str());
+  return "engineId=";
+}
+
+}  // namespace
+
+const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingDtls{1, 2, 0};
+const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingTrapSessAndCipherFilter{1, 6, 0};
+const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingIpv6PortReverseByteOrder{1, 9, 0};
+const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingEngineId{1, 10, 0};
+
+SnmpTarnWrapper::SnmpTarnWrapper(const std::string& tool) : _tool(tool) {}
+
+void SnmpTarnWrapper::setCancellation(const Vela::ScriptCancellation* cancellation) {
+  _tool.setCancellation(cancellation);
+}
+
+std::string SnmpTarnWrapper::runTool(const std::vector<std::string>& arguments, int timeoutMs, const char* what) const {
+  std::string output;
+  const int status = _tool.run(arguments, timeoutMs, output);
+  const std::string text = Poco::trim(output);
+  if (status != 0) throw Vela::VelaException(status, "%s failed with exit status %d: %s", what, status, text.c_str());
+  return text;
+}
+
+void SnmpTarnWrapper::manage(TarnManageOption option, int timeoutMs) const {
+  const char* word = manageWord(option);
+  runTool({"snmp", word}, timeoutMs, (_tool.getCommand() + " snmp " + word).c_str());
+  VELA_TRACE(" << Succeeded to %s snmpd", word);
+}
+
+bool SnmpTarnWrapper::isRunning() const {
+  try {
+    std::string output;
+    _tool.run({"snmp", "status"}, statusTimeoutMs, output);
+    return output.find("running on pid") != std::string::npos;
+  } catch (const Vela::VelaException& ex) {
+    VELA_LOG(Vela::LogError, "Failed to get the status of snmpd: %s", ex.what());
+    return false;
+  }
+}
+
+std::string SnmpTarnWrapper::getTarnNoBackupDir() const {
+  return runTool({"pso", "no-backup"}, infoTimeoutMs, "query of the no-backup directory");
+}
+
+Vela::TarnSpiVersion SnmpTarnWrapper::getTarnSpiRevision() const {
+  if (_revision) return *_revision;
+  std::string output;
+  const int status = _tool.run({"spi-revision"}, infoTimeoutMs, output);
+  const std::string text = Poco::trim(output);
+  VELA_LOG(Vela::LogInfo, "tarn spi-revision returned: '%s'", text.c_str());
+  if (status != 0 || text.empty()) throw Vela::VelaException("tarn spi version not found");
+  _revision = Vela::TarnSpiVersion::fromString(text);
+  return *_revision;
+}
+
+bool SnmpTarnWrapper::isTooOld(const Vela::TarnSpiVersion& minimum, const char* message) const {
+  if (!(getTarnSpiRevision() < minimum)) return false;
+  VELA_LOG(Vela::LogInfo, "%s", message);
+  return true;
+}
+
+bool SnmpTarnWrapper::query(const char* word, const char* failure) const {
+  try {
+    return runTool({"snmp", word}, queryTimeoutMs, word).find("yes") != std::string::npos;
+  } catch (const std::exception& ex) {
+    VELA_LOG(Vela::LogError, "exception while checking %s support: %s", failure, ex.what());
+    return false;
+  }
+}
+
+bool SnmpTarnWrapper::isDtlsSupported() const {
+  return !isTooOld(_minimumVersionSupportingDtls, "tarn spi-revision to old to support isDtlsSupported") &&
+         query("isDtlsSupported", "dtls");
+}
+
+bool SnmpTarnWrapper::isExactEngineIdSupported() const {
+  return !isTooOld(_minimumVersionSupportingEngineId, "tarn spi-revision to old to support isExactEngineIdSupported") &&
+         query("isExactEngineIdSupported", "engineId");
+}
+
+bool SnmpTarnWrapper::isIpv6PortReverseByteOrder(bool& reverse) const {
+  reverse = false;
+  if (isTooOld(_minimumVersionSupportingIpv6PortReverseByteOrder,
+               "tarn spi-revision too old to support isIpv6PortReverseByteOrder"))
+    return false;
+  reverse = query("ipv6PortReverseByteOrder", "ipv6PortReverseByteOrder");
+  return true;
+}
+
+void SnmpTarnWrapper::runConfigure(const std::vector<std::string>& arguments, int timeoutMs) const {
+  std::vector<std::string> all{"snmp", "configure"};
+  all.insert(all.end(), arguments.begin(), arguments.end());
+  runTool(all, timeoutMs, (_tool.getCommand() + " snmp configure").c_str());
+  VELA_TRACE(" << Succeeded to %s snmpd %s", "configure", arguments.front().c_str());
+}
+
+void SnmpTarnWrapper::configureWithFile(const char* key, const std::string& content, int timeoutMs) const {
+  const SecretFile file(content);
+  runConfigure({key + ("=" + file.getPath())}, timeoutMs);
+}
+
+void SnmpTarnWrapper::configure(TarnConfigureOption option, const SnmpConfig& config, int timeoutMs) {
+  VELA_TRACE(" >> TarnConfigureOption: %d", static_cast<int>(option));
+  try {
+    switch (option) {
+      case TarnConfigureAgentAddress: {
+        std::vector<std::string> arguments{"ipAddress=" + agentAddresses(config)};
+        if (!config.snmpId.empty()) arguments.push_back("snmpId=" + config.snmpId);
+        return runConfigure(arguments, timeoutMs);
+      }
+      case TarnConfigureCommunities:
+        return configureWithFile("communities", communityLines(config), timeoutMs);
+      case TarnConfigureTrapSess:
+        if (isTooOld(_minimumVersionSupportingTrapSessAndCipherFilter,
+                     "tarn spi-revision too old to support trapsess. Inform with authentication-enabled may not work. "
+                     "Refer VELA TR HT67423."))
+          return;
+        return configureWithFile("trapsess", trapsessLines(config), timeoutMs);
+      case TarnConfigureDtlsNodeCredential:
+        if (isTooOld(_minimumVersionSupportingDtls, "tarn spi-revision to old to support dtlsNodeCredential")) return;
+        return runConfigure({"dtlsNodeCredential=" + config.tlsOptions.nodeCredential}, timeoutMs);
+      case TarnConfigureCipherString:
+        if (isTooOld(_minimumVersionSupportingTrapSessAndCipherFilter,
+                     "tarn spi-revision too old to support setCipherString."))
+          return;
+        return runConfigure({"setCipherString=" + config.tlsOptions.cipherFilter}, timeoutMs);
+      case TarnConfigureEngineId:
+        if (isTooOld(_minimumVersionSupportingEngineId,
+                     "tarn spi-revision too old to support configuration of engineId."))
+          return;
+        return runConfigure({engineIdArgument(config.engineId)}, timeoutMs);
+    }
+    throw Vela::VelaException("Failed to configure snmpd, unknown option %d", static_cast<int>(option));
+  } catch (const std::exception& ex) {
+    VELA_LOG(Vela::LogError, "exception while configuring: %s", ex.what());
+    throw;
+  }
+}
+
+}  // namespace VelaFmSnmp

@@ -1,0 +1,68 @@
+/** What the fault-management service is told, and what it keeps of an active alarm. */
+#ifndef VELA_NODE_FM_ALARM_H
+#define VELA_NODE_FM_ALARM_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "VelaOamApiFm.h"
+
+namespace VelaNode {
+
+/** Severities of reports and events. */
+enum FmSeverity : DaxOamSpiNotificationFmSeverityT {
+  FmCleared = 0,
+  FmIndeterminate = 1,
+  FmWarning = 2,
+  FmMinor = 3,
+  FmMajor = 4,
+  FmCritical = 5
+};
+
+/** Name-value pairs in the order reported. */
+using FmAdditionalInfo = std::vector<std::pair<std::string, std::string>>;
+
+/** What makes two reports speak of one alarm. */
+struct FmAlarmKey {
+  std::string source; /**< distinguished name of the alarming object */
+  std::uint32_t majorType = 0;
+  std::uint32_t minorType = 0;
+  std::string specificProblem;
+
+  auto operator<=>(const FmAlarmKey&) const = default;
+};
+
+/** An alarm or alert as the alarming side reports it. */
+struct FmReport {
+  FmAlarmKey key;
+  FmSeverity severity = FmIndeterminate;
+  std::string additionalText;
+  std::uint32_t eventType = 1;
+  std::uint32_t probableCause = 418;
+  FmAdditionalInfo additionalInfo;
+};
+
+/** What changes of an active alarm; what is not set stays. */
+struct FmChange {
+  std::optional<FmSeverity> severity;
+  std::optional<std::string> additionalText;
+  std::optional<FmAdditionalInfo> additionalInfo;
+};
+
+/** An active alarm. Times are ns since the epoch. */
+struct FmAlarm : FmReport {
+  std::uint32_t index = 0;
+  std::uint64_t eventTime = 0;
+  std::uint64_t originalEventTime = 0;
+  std::string originalAdditionalText;
+  FmSeverity originalSeverity = FmIndeterminate;
+};
+
+/** A time as ISO 8601 with microseconds and zone (UTC), e.g. 2017-03-14T09:00:00.123456Z. */
+std::string formatTime(std::uint64_t timeNs);
+
+}  // namespace VelaNode
+#endif

@@ -1,0 +1,20 @@
+/** dscp-iptables-add NAME CLASS OPTIONS...: adds a rule. Exit status 1 when there is one of that name, 2 on failure. */
+#include "DscpRules.h"
+
+int main(int argc, char** argv) {
+  return Dscp::runCommand("dscp-iptables-add", [&]() -> int {
+    if (argc < 4) throw std::runtime_error("usage: dscp-iptables-add NAME CLASS OPTIONS...");
+    const std::string name = argv[1];
+    Dscp::requireName(name);
+    const std::string code = Dscp::codePoint(argv[2]);
+    const Dscp::Match match = Dscp::MatchParser().parse({argv + 3, argv + argc});
+    Dscp::requireFilter();
+    for (const char* filter : Dscp::Filters) {
+      if (Dscp::rulesNamed(filter, name).empty()) continue;
+      std::cerr << "dscp-iptables-add: there is a rule '" << name << "'\n";
+      return Dscp::RuleExists;
+    }
+    Dscp::addRules(name, match, code);
+    return Dscp::Success;
+  });
+}

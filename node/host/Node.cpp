@@ -1,0 +1,139 @@
+#include "Node.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "LoggingWrapper.h"
+#include "MoAttribute.h"
+#include "ScriptWrapper.h"
+#include "SecApi.h"
+#include "VelaException.h"
+
+namespace VelaNode {
+
+namespace {
+
+constexpr const char* hostName = "vela-node";
+constexpr const char* managementTool = "tarn";
+/** Time-out of the tool's stop, which itself goes from asking to killing. */
+constexpr int agentStopTimeoutMs = 30000;
+constexpr const char* agentProgram = "snmpd";
+constexpr const char* fmClassPath = "ManagedElement,SystemFunctions,Fm";
+constexpr const char* snmpClassPath = "ManagedElement,SystemFunctions,SysM,Snmp";
+
+/** Sums of the status: its names and the Fm object's. */
+constexpr std::pair<const char*, const char*> alarmSums[] = {{"total", "totalActive"},
+                                                             {"critical", "sumCritical"},
+                                                             {"major", "sumMajor"},
+                                                             {"minor", "sumMinor"},
+                                                             {"warning", "sumWarning"}};
+
+/** Process id of the running master agent, or 0. A process id that is not an agent's any more does not count. */
+pid_t findAgent(const std::filesystem::path& pidFile) {
+  pid_t pid = 0;
+  if (!(std::ifstream(pidFile) >> pid) || pid <= 0) return 0;
+  std::string program;
+  std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/comm"), program);
+  return program == agentProgram ? pid : 0;
+}
+
+std::string enumName(const MoObject& object, const char* attribute) {
+  const int index = object.getClass().findAttribute(attribute);
+  const auto position = static_cast<std::size_t>(index);
+  const VelaOamSpiMoAttribute_3T& content = *object.getAttribute(position);
+  return content.isSet ? formatScalar(content.values[0], object.getClass().getAttributes()[position].enumNames) : "";
+}
+
+}  // namespace
+
+Node::Node(const NodeFolder& folder, const NodeOptions& options)
+    : _folder(folder),
+      _model(folder.model()),
+      _services(hostName, folder.path()),
+      _commands(_services.getStore(), _fm, {[this] { return getStatus(); }, [] { ::kill(::getpid(), SIGTERM); }}),
+      _control([this](const Poco::JSON::Object& request, ControlReply& reply) {
+        return _commands.handle(request, reply);
+      }) {
+  HostLog& log = _services.getLog();
+  log.setLevel(options.logLevel);
+  log.setEcho(options.isVerbose);
+  log.open(folder.log());
+  Vela::LoggingWrapper::getInstance().setInterfaces(HostLog::getLogTable(), HostLog::getTraceTable());
+
+  MoStore& store = _services.getStore();
+  store.setEncryptor([](const std::string& clearText) { return Vela::SecApi::getInstance().encrypt(clearText); });
+  _model.load(store);
+  store.setPersister([this](const MoTree& tree) { _model.save(tree); });
+}
+
+Node::~Node() {
+  stop();
+  Vela::LoggingWrapper::getInstance().setInterfaces(nullptr, nullptr);
+}
+
+void Node::start(const std::filesystem::path& componentLibrary) {
+  cleanUp();
+  _fm.start();
+  _component.load(componentLibrary, AdaptorStateWatch::getAccessor(), _folder.configuration());
+  _component.start();
+  _control.start(_folder.controlSocket());
+}
+
+void Node::stop() {
+  _component.stop();
+  _fm.stop();
+  _control.stop();
+}
+
+void Node::cleanUp() {
+  std::string output;
+  int status = 0;
+  try {
+    status = Vela::ScriptWrapper(managementTool).run({"snmp", "stop"}, agentStopTimeoutMs, output);
+  } catch (const Vela::VelaException& ex) {
+    status = -1;
+    output = ex.what();
+  }
+  if (status != 0) {
+    _services.getLog().print(Vela::LogWarning, __func__, "A left-over master agent could not be stopped: %s",
+                             output.c_str());
+  }
+  for (const std::filesystem::directory_entry& entry :
+       std::filesystem::directory_iterator(_folder.controlSocket().parent_path())) {
+    if (entry.is_socket()) std::filesystem::remove(entry.path());
+  }
+}
+
+Poco::JSON::Object::Ptr Node::getStatus() {
+  const AdaptorStateWatch::State adaptor = _adaptorState.getState();
+  const pid_t agent = findAgent(_folder.agentPidFile());
+  const MoTree tree = _services.getStore().getTree();
+  const MoObjectPtr fm = tree.findFirst(fmClassPath);
+  const MoObjectPtr snmp = tree.findFirst(snmpClassPath);
+
+  Poco::JSON::Object::Ptr status(new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER));
+  status->set("directory", _folder.path().string());
+  status->set("pid", ::getpid());
+  status->set("component", ComponentHost::getStateName(_component.getState()));
+  status->set("adaptorState", adaptor.name);
+  status->set("adaptorStateReason", adaptor.reason);
+  status->set("snmpAdministrativeState", snmp ? enumName(*snmp, "administrativeState") : "");
+  status->set("snmpOperationalState", snmp ? enumName(*snmp, "operationalState") : "");
+  Poco::JSON::Object snmpd(Poco::JSON_PRESERVE_KEY_ORDER);
+  snmpd.set("running", agent != 0);
+  if (agent != 0) snmpd.set("pid", agent);
+  status->set("snmpd", snmpd);
+  Poco::JSON::Object alarms(Poco::JSON_PRESERVE_KEY_ORDER);
+  for (const auto& [name, attribute] : alarmSums) {
+    alarms.set(name, static_cast<Poco::UInt64>(fm ? fm->getUnsigned(attribute).value_or(0) : 0));
+  }
+  status->set("alarms", alarms);
+  status->set("lastAlarmSequenceNo", static_cast<Poco::UInt64>(_fm.getLastAlarmSequenceNo()));
+  status->set("lastAlertSequenceNo", static_cast<Poco::UInt64>(_fm.getLastAlertSequenceNo()));
+  return status;
+}
+
+}  // namespace VelaNode

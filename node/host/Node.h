@@ -1,0 +1,51 @@
+#ifndef VELA_NODE_NODE_H
+#define VELA_NODE_NODE_H
+
+#include <Poco/JSON/Object.h>
+
+#include <filesystem>
+#include <string>
+
+#include "AdaptorStateWatch.h"
+#include "ComponentHost.h"
+#include "ControlCommands.h"
+#include "ControlServer.h"
+#include "FmService.h"
+#include "ModelFile.h"
+#include "NodeFolder.h"
+#include "NodeOptions.h"
+#include "NodeServices.h"
+
+namespace VelaNode {
+
+/** A running node: the framework's services, the control socket and the SNMP component on them. */
+class Node {
+ public:
+  /** Reads the folder's model. Throws Vela::VelaException. */
+  Node(const NodeFolder& folder, const NodeOptions& options);
+  ~Node(); /**< stops */
+  Node(const Node&) = delete;
+  Node& operator=(const Node&) = delete;
+
+  /** Starts everything, the component last. Throws Vela::VelaException. */
+  void start(const std::filesystem::path& componentLibrary);
+  /** Stops everything, the component first. */
+  void stop();
+
+ private:
+  /** Ends what a node that was killed on this folder left running. */
+  void cleanUp();
+  Poco::JSON::Object::Ptr getStatus();
+
+  const NodeFolder& _folder;
+  const ModelFile _model;
+  NodeServices _services;
+  AdaptorStateWatch _adaptorState{_services.getLog()};
+  FmService _fm{_services.getStore(), _services.getRouter()};
+  ComponentHost _component{_services.getPortal()};
+  ControlCommands _commands;
+  ControlServer _control;
+};
+
+}  // namespace VelaNode
+#endif

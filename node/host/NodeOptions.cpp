@@ -1,0 +1,90 @@
+#include "NodeOptions.h"
+
+#include <Poco/NumberParser.h>
+#include <getopt.h>
+
+#include "HostLog.h"
+#include "VelaException.h"
+
+namespace VelaNode {
+
+namespace {
+
+enum Code { Dir = 1, Model, Config, LogLevel, Verbose, Help = 'h' };
+
+constexpr option longOptions[] = {
+    {"dir", required_argument, nullptr, Dir},         {"model", required_argument, nullptr, Model},
+    {"config", required_argument, nullptr, Config},   {"log-level", required_argument, nullptr, LogLevel},
+    {"verbose", no_argument, nullptr, Verbose},       {"help", no_argument, nullptr, Help},
+    {nullptr, 0, nullptr, 0},
+};
+
+int parseLogLevel(const char* text) {
+  int level = 0;
+  if (!Poco::NumberParser::tryParse(text, level) || level < 0 || level > HostLog::MaxLevel) {
+    throw Vela::VelaException("--log-level is not a number from 0 to %d: '%s'", static_cast<int>(HostLog::MaxLevel),
+                              text);
+  }
+  return level;
+}
+
+}  // namespace
+
+NodeOptions NodeOptions::parse(int argc, char** argv) {
+  NodeOptions options;
+  options.logLevel = HostLog::DefaultLevel;
+  opterr = 0;
+  for (int code = 0; (code = ::getopt_long(argc, argv, ":h", longOptions, nullptr)) != -1;) {
+    switch (code) {
+      case Dir:
+        options.directory = optarg;
+        break;
+      case Model:
+        options.modelFile = optarg;
+        break;
+      case Config:
+        options.configurationFile = optarg;
+        break;
+      case LogLevel:
+        options.logLevel = parseLogLevel(optarg);
+        break;
+      case Verbose:
+        options.isVerbose = true;
+        break;
+      case Help:
+        options.isHelpWanted = true;
+        return options;
+      case ':':
+        throw Vela::VelaException("%s needs a value", argv[optind - 1]);
+      default:
+        throw Vela::VelaException("unknown option %s", argv[optind - 1]);
+    }
+  }
+  if (optind < argc) throw Vela::VelaException("unexpected argument '%s'", argv[optind]);
+  if (options.directory.empty()) throw Vela::VelaException("missing --dir DIR");
+  return options;
+}
+
+const char* NodeOptions::getHelp() {
+  return R"(usage: vela-node --dir DIR [OPTION]...
+
+Runs a node: a managed-object model, fault management, and the SNMP adaptor with its master agent. Stays in the
+foreground until SIGINT, SIGTERM or "vela-nodectl --dir DIR stop".
+
+  --dir DIR        folder that holds everything of this node; made when missing. One node at a time runs on a folder.
+  --model FILE     model to begin with. It is copied to DIR/model.xml, which all later starts use and in which the node
+                   keeps every change. Given again, it REPLACES DIR/model.xml, changes and all. Without it the first
+                   start makes a default model.
+  --config FILE    configuration of the SNMP component, copied to DIR/config.xml. Without it, DIR/config.xml is used as
+                   it is, or made with defaults.
+  --log-level N    0 to 9: log lines up to this severity (3 errors, 4 warnings, 5 notices, 6 information, 7 debug; above
+                   7 traces too). Default 6.
+  --verbose        log to standard error too, besides DIR/log/node.log.
+  --help           this text.
+
+Exit status: 0 stopped as told; 1 failed while running; 2 wrong usage, model, configuration or installation - then
+nothing was started and nothing in DIR was replaced.
+)";
+}
+
+}  // namespace VelaNode

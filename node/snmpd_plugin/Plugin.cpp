@@ -1,0 +1,17 @@
+/**
+ * The node's plugin for snmpd (a dlmod): what the stock agent lacks. snmpd has one thread, and everything here runs on
+ * it.
+ */
+#include "CommunityPrefix.h"
+#include "EngineDiscovery.h"
+#include "RunTimeRows.h"
+
+extern "C" {
+
+/** snmpd calls this, named after the file, when it reads the dlmod line of its configuration. */
+__attribute__((visibility("default"))) void init_vela_snmpd_plugin(void) {
+  SnmpdPlugin::installCommunityPrefix();
+  SnmpdPlugin::installRunTimeRows();
+  SnmpdPlugin::EngineDiscovery::install();
+}
+}

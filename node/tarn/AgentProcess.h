@@ -1,0 +1,48 @@
+#ifndef TARN_AGENT_PROCESS_H
+#define TARN_AGENT_PROCESS_H
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Directives.h"
+#include "NodeFolder.h"
+
+namespace Tarn {
+
+/**
+ * The node's snmpd process. It is recognised by the pid file path on its command line, so that neither a stale pid file
+ * nor the agent of another node on the machine is ever taken for it.
+ */
+class AgentProcess {
+ public:
+  explicit AgentProcess(const NodeFolder& folder) : _folder(folder) {}
+
+  std::optional<pid_t> find() const;
+
+  /**
+   * Starts snmpd, detached, and returns when it listens on every address and accepts AgentX connections. Throws Failure
+   * with its last log line when it ends before, or does not get there within 20 seconds (then it is ended).
+   */
+  void start(const std::vector<ListenAddress>& addresses) const;
+
+  /** Ends snmpd if it runs: SIGTERM, after 4 seconds SIGKILL. Returns when the process is gone, its sockets with it. */
+  void stop() const;
+
+  /** Whether the installed snmpd has the DTLS transport. */
+  static bool isDtlsBuiltIn();
+
+ private:
+  pid_t spawn() const;
+  bool isReady(pid_t pid, const std::vector<ListenAddress>& addresses) const;
+  bool acceptsAgentX() const;
+  void rotateLog() const;
+  std::string lastLogLine(size_t offset) const;
+
+  const NodeFolder& _folder;
+};
+
+}  // namespace Tarn
+#endif

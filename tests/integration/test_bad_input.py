@@ -1,0 +1,143 @@
+"""What comes in wrong from outside gets one clear message and changes nothing."""
+
+import os
+import pathlib
+import shutil
+import subprocess
+
+import pytest
+
+from vela import BIN, FM, SNMP, Node, model_xml, target_xml
+
+TARGET = target_xml("SnmpTargetV2C", "nms", 1162, community="public")
+
+
+def run_node(folder, *arguments, environment=None):
+    return subprocess.run([str(BIN / "vela-node"), "--dir", str(folder), *map(str, arguments)], capture_output=True,
+                          text=True, timeout=20, env=environment or os.environ, stdin=subprocess.DEVNULL)
+
+
+@pytest.mark.parametrize("content, line, reason", [
+    (None, None, "No such file"),
+    ("just text", 1, ""),
+    ("<model>\n<ManagedElement id='1'>\n</model>", 3, ""),
+    ("<wrong/>", 1, "wrong"),
+    (model_xml(1161, "\n<SnmpTargetV2C id='a'>\n<port>many</port></SnmpTargetV2C>"), 7, "port"),
+    (model_xml(1161, "\n<SnmpTargetV2C id='a'><isMibWritable>perhaps</isMibWritable></SnmpTargetV2C>"), 6,
+     "isMibWritable"),
+    (model_xml(1161, "\n<SnmpTargetV2C id='a'><colour>red</colour></SnmpTargetV2C>"), 6, "colour"),
+    (model_xml(1161, TARGET + "\n" + TARGET), 6, "nms"),
+], ids=["missing", "text", "not-xml", "root", "number", "boolean", "attribute", "duplicate"])
+def test_a_bad_model_is_refused_with_file_line_and_reason(folder, content, line, reason):
+    path = folder / "model.xml"
+    if content is not None:
+        path.write_text(content)
+    result = run_node(folder / "node", "--model", path)
+    assert result.returncode == 2
+    assert len(result.stderr.splitlines()) == 1, result.stderr
+    assert result.stderr.count(f"{path}:{line}: " if line else str(path)) == 1, result.stderr
+    assert reason in result.stderr
+    assert not (folder / "node/run/agentx").exists() and not (folder / "node/model.xml").exists()
+
+
+@pytest.mark.parametrize("content, line, reason", [
+    (None, None, "No such file"),
+    ("<VelaFmSnmp>\n<a>\n</VelaFmSnmp>", 3, ""),
+    ("<Something/>", 1, "Something"),
+    ("<VelaFmSnmp>\n <snmpPollInterval>soon</snmpPollInterval></VelaFmSnmp>", 2, "snmpPollInterval"),
+    ("<VelaFmSnmp>\n\n <useInternalTrapListener>7</useInternalTrapListener></VelaFmSnmp>", 3,
+     "useInternalTrapListener"),
+], ids=["missing", "not-xml", "root", "number", "boolean"])
+def test_a_bad_component_configuration_is_refused(folder, content, line, reason):
+    path = folder / "config.xml"
+    if content is not None:
+        path.write_text(content)
+    result = run_node(folder / "node", "--config", path)
+    assert result.returncode == 2
+    assert len(result.stderr.splitlines()) == 1, result.stderr
+    assert (f"{path}:{line}: " if line else str(path)) in result.stderr
+    assert reason in result.stderr
+    assert not (folder / "node/config.xml").exists()
+
+
+def test_a_bad_file_does_not_replace_what_a_node_had(nodes, folder):
+    node = nodes(TARGET).start()
+    assert node.stop() == 0
+    kept = (node.dir / "model.xml").read_text()
+    bad = folder / "bad.xml"
+    bad.write_text("<model><Nonsense/></model>")
+    assert run_node(node.dir, "--model", bad).returncode == 2
+    assert (node.dir / "model.xml").read_text() == kept
+
+
+def test_a_second_node_on_the_folder_leaves_the_first_alone(nodes):
+    node = nodes(TARGET).start()
+    result = run_node(node.dir)
+    assert result.returncode == 2 and len(result.stderr.splitlines()) == 1
+    assert str(node.dir) in result.stderr
+    assert node.ctl("status").returncode == 0
+
+
+def test_without_snmpd_the_package_is_named(folder):
+    hide = ["unshare", "-m", "sh", "-c", f'mount --bind /dev/null {shutil.which("snmpd")} && exec "$@"', "sh"]
+    if subprocess.run([*hide, "true"], capture_output=True).returncode != 0:
+        pytest.skip("hiding snmpd needs the privilege to mount")
+    result = subprocess.run([*hide, str(BIN / "vela-node"), "--dir", str(folder / "node")], capture_output=True,
+                            text=True, timeout=20, stdin=subprocess.DEVNULL)
+    assert result.returncode == 2
+    assert "apt-get install snmpd" in result.stderr, result.stderr
+
+
+def test_the_operator_is_told_what_is_wrong_in_one_line(nodes):
+    node = nodes(TARGET).start()
+    target = f"{SNMP},SnmpTargetV2C=nms"
+    before = node.ctl("mo", "get", target).stdout
+    objects = node.ctl("mo", "list").stdout
+    for arguments, hint in [
+        (("mo", "get", "ManagedElement=9"), "ManagedElement=9"),
+        (("mo", "get", target, "colour"), "colour"),
+        (("mo", "set", target, "colour=red"), "colour"),
+        (("mo", "set", target, "port=eleven"), "port"),
+        (("mo", "set", target, "port=99999999999"), "port"),
+        (("mo", "set", target, "community=new", "port=eleven"), "port"),
+        (("mo", "set", target, "transportMethod=PIGEON"), "PIGEON"),
+        (("mo", "set", SNMP, "agentAddress=[{"), "agentAddress"),
+        (("mo", "set", SNMP, 'agentAddress=[{"host":"a","harbour":1}]'), "harbour"),
+        (("mo", "create", f"{SNMP},Nonsense=1"), "Nonsense"),
+        (("mo", "create", f"{FM},SnmpTargetV2C=1"), "SnmpTargetV2C"),
+        (("mo", "create", target), "nms"),
+        (("mo", "delete", f"{SNMP},SnmpTargetV2C=none"), "none"),
+        (("alarm", "clear", "4711"), "4711"),
+        (("alarm", "change", "4711", "--severity", "major"), "4711"),
+    ]:
+        result = node.ctl(*arguments, check=False)
+        assert result.returncode == 1, (arguments, result)
+        assert len(result.stderr.splitlines()) == 1 and result.stdout == "", (arguments, result)
+        assert hint in result.stderr, (arguments, result.stderr)
+    assert node.ctl("mo", "get", target).stdout == before
+    assert node.ctl("mo", "list").stdout == objects
+    assert node.ctl("alarm", "list").stdout.count("\n") <= 1
+    for arguments in [("alarm", "raise"), ("alarm", "raise", "--severity", "awful"), ("nonsense",), ("mo",), ()]:
+        result = node.ctl(*arguments, check=False)
+        assert result.returncode == 2 and result.stderr, (arguments, result)
+
+
+def test_without_a_node_every_command_says_so(folder):
+    node = Node(folder / "nobody")
+    for arguments in [("status",), ("stop",), ("mo", "list"), ("alarm", "list")]:
+        result = node.ctl(*arguments, check=False)
+        assert result.returncode == 1 and len(result.stderr.splitlines()) == 1, result
+        assert str(node.dir) in result.stderr
+
+
+def test_secrets_are_readable_by_nobody_else(nodes, receivers):
+    receiver = receivers()
+    node = nodes(target_xml("SnmpTargetV2C", "nms", receiver.port, community="public")).start()
+    node.operational()
+    assert node.dir.stat().st_mode & 0o077 == 0
+    password = node.password()
+    assert len(password) >= 16
+    for path in pathlib.Path(node.dir).rglob("*"):
+        if path.is_file() and password.encode() in path.read_bytes():
+            assert path.stat().st_mode & 0o077 == 0, path
+    assert password not in node.log()

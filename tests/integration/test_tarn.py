@@ -1,0 +1,312 @@
+"""The management tool: what it makes of its arguments, and the life of the agent that it starts."""
+
+import os
+import signal
+import socket
+import stat
+import subprocess
+import time
+
+import pytest
+
+from tarn_node import TARGET_ADDR, TarnNode, oid_index
+from vela import BIN, TOOL_ENVIRONMENT, eventually, free_port
+
+ENGINE_ID = "1.3.6.1.6.3.10.2.1.1.0"
+ENGINE_BOOTS = "1.3.6.1.6.3.10.2.1.2.0"
+SYSTEM_NAME = "1.3.6.1.2.1.1.5.0"
+UPTIME = "1.3.6.1.2.1.1.3.0"
+
+
+@pytest.fixture
+def make_node(folder):
+    made = []
+
+    def make(**options):
+        made.append(TarnNode(folder, **options))
+        return made[-1]
+
+    yield make
+    for node in made:
+        node.close()
+        print(node.log())
+
+
+@pytest.fixture
+def node(make_node):
+    return make_node()
+
+
+def is_alive(pid):
+    try:
+        with open(f"/proc/{pid}/stat", encoding="ascii") as file:
+            return file.read().rsplit(")", 1)[1].split()[0] != "Z"
+    except FileNotFoundError:
+        return False
+
+
+def test_agent_answers_when_start_returns_and_is_gone_when_stop_returns(node):
+    node.start()
+    pid = node.pid()
+    assert node.get(ENGINE_BOOTS) == "1"
+    with socket.socket(socket.AF_UNIX) as agentx:
+        agentx.connect(str(node.folder / "run/agentx"))
+    node.tarn("snmp", "start")
+    assert node.pid() == pid
+    node.tarn("snmp", "stop")
+    assert not is_alive(pid)
+    assert node.tarn("snmp", "status") == "snmpd is not running"
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+        probe.bind(("127.0.0.1", node.port))
+    node.tarn("snmp", "stop")
+
+
+def test_engine_id_stays_and_boot_count_rises_whatever_ends_the_agent(node):
+    node.start()
+    engine = node.get(ENGINE_ID)
+    os.kill(node.pid(), signal.SIGKILL)
+    eventually(lambda: not node.pid())
+    node.tarn("snmp", "start")
+    assert (node.get(ENGINE_ID), node.get(ENGINE_BOOTS)) == (engine, "2")
+    node.tarn("snmp", "restart")
+    assert (node.get(ENGINE_ID), node.get(ENGINE_BOOTS)) == (engine, "3")
+
+    node.configure("engineId=0x80001f8805c0ffee00")
+    node.tarn("snmp", "restart")
+    assert (node.get(ENGINE_ID), node.get(ENGINE_BOOTS)) == ("80 00 1F 88 05 C0 FF EE 00", "4")
+    node.configure("engineId=")
+    node.tarn("snmp", "restart")
+    assert (node.get(ENGINE_ID), node.get(ENGINE_BOOTS)) == (engine, "5")
+
+
+def test_a_stopped_agent_is_ended(node):
+    node.start()
+    pid = node.pid()
+    os.kill(pid, signal.SIGSTOP)
+    before = time.monotonic()
+    node.tarn("snmp", "stop")
+    assert not is_alive(pid) and time.monotonic() - before < 10
+
+
+def test_a_stranger_with_the_pid_of_the_file_lives_on(node):
+    node.start()
+    node.tarn("snmp", "stop")
+    with subprocess.Popen(["sleep", "600"]) as stranger:
+        (node.folder / "run/snmpd.pid").write_text(f"{stranger.pid}\n")
+        assert not node.pid()
+        node.tarn("snmp", "stop")
+        assert stranger.poll() is None
+        stranger.kill()
+
+
+def test_a_lost_pid_file_does_not_hide_the_agent(node):
+    node.start()
+    pid = node.pid()
+    (node.folder / "run/snmpd.pid").unlink()
+    assert node.pid() == pid
+    node.tarn("snmp", "stop")
+    assert not is_alive(pid)
+
+
+def test_a_taken_port_is_told_with_the_agents_own_words(node):
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as taken:
+        taken.bind(("127.0.0.1", node.port))
+        node.configure(f"ipAddress=udp:127.0.0.1:{node.port}")
+        result = node.run("snmp", "start")
+    assert result.returncode == 1
+    assert "snmpd did not start" in result.stderr and str(node.port) in result.stderr
+    assert not node.pid()
+
+
+def test_agent_listens_on_every_address_and_on_no_default(node):
+    other = free_port(socket.AF_INET6)
+    node.configure(f"ipAddress=udp:127.0.0.1:{node.port},udp6:[::1]:{other}", "snmpId=node # one")
+    node.configure_list("communities", "public\tdefault")
+    node.tarn("snmp", "start")
+    assert node.get(SYSTEM_NAME) == "node # one"
+    pid = node.pid()
+    sockets = {os.readlink(f"/proc/{pid}/fd/{fd}") for fd in os.listdir(f"/proc/{pid}/fd")}
+    inodes = {name[8:-1] for name in sockets if name.startswith("socket:[")}
+
+    def bound(table):
+        with open(table, encoding="ascii") as file:
+            rows = [line.split() for line in file.readlines()[1:]]
+        return {int(row[1].rsplit(":", 1)[1], 16) for row in rows if row[9] in inodes}
+
+    assert bound("/proc/net/udp") == {node.port} and bound("/proc/net/udp6") == {other}
+    node.configure("ipAddress=")
+    assert "agentaddress none" in node.conf() and "sysName" not in node.conf()
+
+
+def test_agent_inherits_nothing_from_the_tool(node):
+    node.configure(f"ipAddress=udp:127.0.0.1:{node.port}")
+    reading, writing = os.pipe()
+    subprocess.run([str(BIN / "tarn"), "snmp", "start"], env=node.env, pass_fds=[writing], check=True, timeout=60)
+    os.close(writing)
+    os.set_blocking(reading, False)
+    assert os.read(reading, 1) == b""  # nobody holds the other end
+    os.close(reading)
+
+
+def test_files_with_secrets_are_the_owners_only(node):
+    node.configure_list("trapsess", "trapsess -Ci -v 3 -u u -r 1 -t 1 -l authNoPriv -a SHA -A 12345678 127.0.0.1:1")
+    node.start()
+    for file in node.folder.rglob("*"):
+        if file.is_file() or file.is_socket():
+            assert not file.stat().st_mode & (stat.S_IRWXG | stat.S_IRWXO), file
+    assert len(node.pass_phrase()) >= 16
+    first = node.pass_phrase()
+    node.tarn("snmp", "restart")
+    assert node.pass_phrase() == first
+
+
+@pytest.mark.parametrize("user, auth, priv", [("vela_config_user", "MD5", "DES"), ("vela_templ_SHA_DES", "SHA", "DES"),
+                                              ("vela_templ_MD5_AES", "MD5", "AES"),
+                                              ("vela_templ_SHA_AES", "SHA", "AES")])
+def test_template_users_have_the_nodes_pass_phrase(node, user, auth, priv):
+    node.start()
+    result = node.snmp("snmpget", UPTIME, user=user, auth=auth, priv=priv)
+    # Only the first may read anything; the others are for cloning, and are known to the agent by their keys.
+    expected = "" if user == "vela_config_user" else "authorizationError"
+    assert expected in result.stdout + result.stderr
+    assert "Authentication failure" not in result.stderr and "Unknown user" not in result.stderr
+
+
+def test_rows_of_a_run_do_not_survive_it_and_are_not_written_while_set(node):
+    receiver_port = free_port()
+    node.start()
+    node.get(ENGINE_BOOTS)
+    persistent = node.folder / "persist/snmpd.conf"
+    before = persistent.stat().st_mtime_ns, persistent.read_bytes()
+    node.add_target("nms", receiver_port)
+    assert (persistent.stat().st_mtime_ns, persistent.read_bytes()) == before
+    for restart in ("restart", "killed"):
+        if restart == "killed":
+            os.kill(node.pid(), signal.SIGKILL)
+            eventually(lambda: not node.pid())
+            node.tarn("snmp", "start")
+        else:
+            node.tarn("snmp", restart)
+        assert "No Such" in node.get(f"{TARGET_ADDR}.9.{oid_index('nms')}")
+        node.add_target("nms", receiver_port)
+
+
+def test_rows_that_an_agent_without_the_plugin_stored_do_not_survive_either(make_node):
+    node = make_node(plugin=False)
+    node.start()
+    node.add_target("nms", free_port())
+    persistent = node.folder / "persist/snmpd.conf"
+    eventually(lambda: "snmpNotifyTable" in persistent.read_text(), what="the agent stores the row")
+    node.tarn("snmp", "restart")
+    assert node.get(ENGINE_BOOTS) == "2"
+    node.add_target("nms", free_port())
+
+
+@pytest.mark.parametrize("version", [1, 2])
+def test_receivers_see_the_community_without_the_nodes_prefix(node, version, receivers):
+    receiver = receivers()
+    other = receivers()
+    node.start()
+    node.enable_notifications()
+    node.add_target("nms", receiver.port, version, "Vela_public")
+    node.add_target("other", other.port, version, "plain")
+    node.notify()
+    assert eventually(lambda: receiver.notifications)[0].community == "public"
+    assert eventually(lambda: other.notifications)[0].community == "plain"
+
+
+def test_requests_are_mapped_to_security_names_by_community_and_source(node):
+    node.start()
+    odd = 'a "b" \\ #c'
+    warnings = node.configure_list("communities", "public\tdefault", f"{odd}\t127.0.0.9/8", "far\t10.1.2.3/8",
+                                   "x" * 28 + "\tdefault", "no source", "bad\tnot/an/address")
+    assert [w.split(" is left out")[0] for w in warnings] == [f"the community in line {n}" for n in (4, 5, 6)]
+    node.tarn("snmp", "restart")
+    group = "1.3.6.1.6.3.16.1.2.1"
+    access = "1.3.6.1.6.3.16.1.4.1"
+    for name in ("public", odd, "far"):
+        index = f"2.{len(name) + 5}." + oid_index("Vela_" + name)
+        node.set(f"{group}.3.{index}", "s", "g", f"{group}.5.{index}", "i", 4)
+    index = "1.103.0.2.1"  # group "g", no context prefix, v2c, noAuthNoPriv
+    node.set(f"{access}.4.{index}", "i", 1, f"{access}.5.{index}", "s", "_all_", f"{access}.9.{index}", "i", 4)
+
+    def read(community):
+        return subprocess.run(["snmpget", "-v2c", "-c", community, "-Onq", "-t", "0.5", "-r", "0",
+                               f"127.0.0.1:{node.port}", UPTIME], env=TOOL_ENVIRONMENT, capture_output=True,
+                              check=False).returncode == 0
+
+    assert [read(name) for name in ("public", odd, "far", "unknown")] == [True, True, False, False]
+
+
+@pytest.mark.parametrize("argument", [
+    "snmpId=x\nrwcommunity evil", "ipAddress=udp:127.0.0.1:1161\nrwcommunity evil", "ipAddress=udp:127.0.0.1:0",
+    "ipAddress=udp:127.0.0.1:65536", "ipAddress=tcp:127.0.0.1:1161", "ipAddress=udp6:::1:1161",
+    "ipAddress=udp:a b:1161", "dtlsNodeCredential=xyz", "dtlsNodeCredential=aa\nrwcommunity evil",
+    "setCipherString=ALL\nrwcommunity evil", "engineId=80001f88", "engineId=0x80", "engineId=0x80001f880",
+    "engineId=0x" + "00" * 8, "engineId=0x" + "ab" * 33, "communities=/nonexistent/file"])
+def test_a_bad_value_is_refused_in_one_line_and_changes_nothing(node, argument):
+    node.configure(f"ipAddress=udp:127.0.0.1:{node.port}", "snmpId=before", "engineId=0x80001f8805c0ffee00")
+    before = node.conf()
+    result = node.run("snmp", "configure", "snmpId=after", argument)
+    assert result.returncode == 1 and result.stdout == ""
+    assert len(result.stderr.splitlines()) == 1 and result.stderr.startswith("tarn: ")
+    assert node.conf() == before
+
+
+@pytest.mark.parametrize("line", [
+    "trapsess -Ci -v 3 -u u -r 1 -t 1 -l authNoPriv -a MD5 -A short 127.0.0.1:162",
+    "trapsess -Ci -v 3 -u u -r 1 -t 1 -l authNoPriv -a MD4 -A 12345678 127.0.0.1:162",
+    "trapsess -Ci -v 3 -u u -r 1 -t 1 -l authNoPriv -a  -A 12345678 127.0.0.1:162",
+    "trapsess -Ci -v 3 -u u -r x -t 1 127.0.0.1:162", "trapsess -Ci -v 2c -c public 127.0.0.1:162",
+    "rwcommunity evil", "trapsess -Ci -v 3 -u u 127.0.0.1:162\rrwcommunity", "trapsess -Ci -M /etc 127.0.0.1:162"])
+def test_a_bad_inform_receiver_is_left_out_alone(node, line):
+    good = "trapsess -Ci -v 3 -u u -r 1 -t 0 -l authNoPriv -a SHA -A p \"a\" -s\\s  phrase 127.0.0.1:162"
+    warnings = node.configure_list("trapsess", line, good)
+    assert len(warnings) == 1 and warnings[0].startswith("the inform receiver in line 1 is left out")
+    assert "12345678" not in warnings[0]
+    sessions = [text for text in node.conf().splitlines() if text.startswith("trapsess")]
+    assert sessions == ['trapsess -Ci -v "3" -u "u" -r "1" -t "1" -l "authNoPriv" -a "SHA" '
+                        '-A "p \\"a\\" -s\\\\s  phrase" 127.0.0.1:162']
+
+
+FEATURES = [("isDtlsSupported", "1.2.0"), ("configure dtlsNodeCredential=", "1.2.0"),
+            ("configure setCipherString=", "1.6.0"), ("configure trapsess=", "1.6.0"),
+            ("ipv6PortReverseByteOrder", "1.9.0"), ("isExactEngineIdSupported", "1.10.0"),
+            ("configure engineId=", "1.10.0")]
+
+
+@pytest.mark.parametrize("revision", ["1.0.0", "1.2.0", "1.6.0", "1.9.0", "1.10.0"])
+def test_an_old_revision_refuses_what_it_does_not_know(make_node, revision):
+    node = make_node(revision=revision)
+    assert node.tarn("spi-revision") == revision
+    numbers = [int(part) for part in revision.split(".")]
+    for feature, since in FEATURES:
+        known = numbers >= [int(part) for part in since.split(".")]
+        result = node.run("snmp", *feature.split())
+        assert result.returncode == (0 if known else 1), feature
+        assert known or len(result.stderr.splitlines()) == 1
+
+
+def test_queries(node):
+    assert node.tarn("pso", "no-backup") == str(node.folder / "no-backup")
+    assert node.tarn("snmp", "isDtlsSupported") == "yes"
+    assert node.tarn("snmp", "isExactEngineIdSupported") == "yes"
+    assert node.tarn("snmp", "ipv6PortReverseByteOrder") == "no"
+
+
+@pytest.mark.parametrize("arguments", [[], ["snmp"], ["snmp", "explode"], ["snmp", "start", "now"], ["pso"],
+                                       ["snmp", "configure", "unknown=1"], ["snmp", "configure", "ipAddress"]])
+def test_wrong_usage(node, arguments):
+    result = node.run(*arguments)
+    assert result.returncode == 2 and len(result.stderr.splitlines()) == 1
+
+
+def test_agent_that_is_not_installed(node):
+    node.configure(f"ipAddress=udp:127.0.0.1:{node.port}")
+    # /usr/sbin is searched whatever PATH says, so the folder is hidden in a mount namespace.
+    if subprocess.run(["unshare", "-m", "true"], capture_output=True, check=False).returncode != 0:
+        pytest.skip("needs the privilege to make a mount namespace")
+    script = f"mount -t tmpfs none /usr/sbin && exec {BIN}/tarn snmp start"
+    result = subprocess.run(["unshare", "-m", "sh", "-c", script], env=node.env, capture_output=True, text=True,
+                            timeout=60, check=False)
+    assert result.returncode == 1 and "Debian package 'snmpd'" in result.stderr

@@ -1,0 +1,241 @@
+// The configuration header of net-snmp comes before its others.
+#include <net-snmp/net-snmp-config.h>
+#include <net-snmp/net-snmp-includes.h>
+
+#include "AgentXSubAgent.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "AlarmScalars.h"
+#include "NotificationHandover.h"
+#include "SnmpMessages.h"
+#include "TrapSender.h"
+#include "kavrelAlarmMIB.h"
+
+namespace {
+
+using namespace VelaFmSnmp;
+using Clock = std::chrono::steady_clock;
+
+/** A UDP socket on a free port of the loopback interface. */
+class Socket {
+ public:
+  Socket() : _fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    const int size = 8 << 20;
+    setsockopt(_fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    socklen_t length = sizeof address;
+    getsockname(_fd, reinterpret_cast<sockaddr*>(&address), &length);
+    port = ntohs(address.sin_port);
+  }
+  ~Socket() { close(_fd); }
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  /** Reads what is there: the marks (texts of the form "mark:number.") of the datagrams, in order. The master agent's
+     own notifications have none. */
+  std::vector<int> takeMarks() const {
+    std::vector<int> marks;
+    char buffer[65536];
+    for (ssize_t length; (length = recv(_fd, buffer, sizeof buffer, 0)) > 0;) {
+      const std::string text(buffer, static_cast<std::size_t>(length));
+      const std::size_t mark = text.find("mark:");
+      if (mark != std::string::npos) marks.push_back(std::stoi(text.substr(mark + 5)));
+    }
+    return marks;
+  }
+
+  int port = 0;
+
+ private:
+  int _fd;
+};
+
+pid_t run(std::vector<std::string> arguments, const std::vector<std::string>& environment, int outputFd) {
+  std::vector<char*> argv;
+  for (std::string& argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid != 0) return pid;
+  setenv("PATH", "/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin", 1);
+  setenv("MIBS", "", 1);
+  for (const std::string& variable : environment) putenv(strdup(variable.c_str()));
+  const int fd = outputFd >= 0 ? outputFd : open("/dev/null", O_WRONLY);
+  dup2(fd, 1);
+  dup2(fd, 2);
+  execvp(argv[0], argv.data());
+  _exit(127);
+}
+
+/** The library's one sub-agent, a real master agent that forwards to a socket, and the loop between them. */
+class AgentXSubAgentTest : public testing::Test {
+ protected:
+  AgentXSubAgentTest() {
+    signal(SIGPIPE, SIG_IGN);
+    char name[] = "/tmp/agentx_test_XXXXXX";
+    folder = mkdtemp(name);
+    settings.socket = folder + "/agentx";
+    std::ofstream(folder + "/snmpd.conf") << "master agentx\nagentXSocket unix:" << settings.socket
+                                          << "\nagentAddress udp:127.0.0.1:" << agentPort << "\nrocommunity public\n"
+                                          << "trap2sink 127.0.0.1:" << receiver.port << " public\n";
+    subAgent.presetLibrary();
+  }
+  ~AgentXSubAgentTest() override {
+    subAgent.close();
+    kill();
+    std::filesystem::remove_all(folder);
+  }
+
+  void startMasterAgent() {
+    std::filesystem::remove(settings.socket);
+    const std::string address = "udp:127.0.0.1:" + std::to_string(agentPort);
+    master = run({"snmpd", "-f", "-Lf", folder + "/log", "-p", folder + "/pid"},
+                 {"SNMPCONFPATH=" + folder, "SNMP_PERSISTENT_DIR=" + folder + "/persist"}, -1);
+    ASSERT_TRUE(spin([&] { return std::filesystem::exists(settings.socket) && subAgent.attach(settings, handlers); }));
+  }
+  void kill() {
+    if (master <= 0) return;
+    ::kill(master, SIGKILL);
+    waitpid(master, nullptr, 0);
+    master = 0;
+  }
+
+  /** Runs the loop until a condition holds. */
+  bool spin(const std::function<bool()>& condition) {
+    netsnmp_large_fd_set set;
+    netsnmp_large_fd_set_init(&set, FD_SETSIZE);
+    const auto end = Clock::now() + std::chrono::seconds(30);
+    bool holds = false;
+    while (!(holds = condition()) && Clock::now() < end) {
+      NETSNMP_LARGE_FD_ZERO(&set);
+      int count = 0;
+      timeval timeout = {0, 10000};
+      if (subAgent.isAttached()) subAgent.addDescriptors(count, set, timeout);
+      if (netsnmp_large_fd_set_select(count, &set, nullptr, nullptr, &timeout) > 0) subAgent.read(set);
+      subAgent.runTimers();
+      handover.pump();
+      subAgent.checkOutstandingRequests();
+      for (const int mark : receiver.takeMarks()) received.push_back(mark);
+    }
+    netsnmp_large_fd_set_cleanup(&set);
+    return holds;
+  }
+
+  void add(int first, int last) {
+    for (int mark = first; mark <= last; ++mark) {
+      SnmpAlarm alarm;
+      alarm.setStateful(true);
+      alarm.setSeverity(4);
+      alarm.setAdditionalText("mark:" + std::to_string(mark) + ".");
+      alarm.setSpecificProblem(std::string(700, 'x'));
+      handover.add(std::make_unique<SnmpAlarmMessage>(alarm));
+    }
+  }
+
+  /** What a manager reads in an object while the loop runs. */
+  std::string get(const std::string& object) {
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    const pid_t pid = run({"snmpget", "-v2c", "-cpublic", "-On", "-r20", "-t0.5",
+                           "127.0.0.1:" + std::to_string(agentPort), ".1.3.6.1.4.1.61234.183.4." + object},
+                          {}, ends[1]);
+    close(ends[1]);
+    EXPECT_TRUE(spin([&] { return waitpid(pid, nullptr, WNOHANG) == pid; }));
+    char buffer[1000];
+    const ssize_t length = read(ends[0], buffer, sizeof buffer);
+    close(ends[0]);
+    const std::string text(buffer, static_cast<std::size_t>(length > 0 ? length : 0));
+    return text.substr(text.find(" = ") + 3);
+  }
+
+  static void handlers() {
+    AlarmScalars::getInstance().initHandlers();
+    init_kavrelAlarmMIB();
+  }
+
+  std::string folder;
+  AgentXSubAgent::Settings settings;
+  const int agentPort = Socket().port;
+  Socket receiver;
+  pid_t master = 0;
+  AgentXSubAgent subAgent;
+  NotificationHandover handover{
+      subAgent, [](const Vela::PipeMessage& message) {
+        return TrapSender::sendAlarmTrap(static_cast<const SnmpAlarmMessage&>(message).getAlarm());
+      }};
+  std::vector<int> received;
+};
+
+constexpr const char* AlwaysZero = "1.4.1.0";
+
+TEST_F(AgentXSubAgentTest, ABurstArrivesWholeAndInOrderWhileManagersAreServed) {
+  EXPECT_FALSE(subAgent.attach(settings, handlers)) << "there is no master agent yet";
+  startMasterAgent();
+  constexpr int Burst = 3000;
+  add(1, Burst);
+  EXPECT_EQ(get(AlwaysZero), "Gauge32: 0\n");
+  ASSERT_TRUE(spin([&] { return handover.isEmpty() && received.size() >= Burst; })) << received.size();
+  for (int i = 0; i < Burst; ++i) ASSERT_EQ(received[static_cast<std::size_t>(i)], i + 1);
+  EXPECT_EQ(received.size(), static_cast<std::size_t>(Burst));
+}
+
+TEST_F(AgentXSubAgentTest, AKilledMasterAgentIsSeenAndItsSuccessorGetsTheRest) {
+  startMasterAgent();
+  add(1, 10);
+  ASSERT_TRUE(spin([&] { return handover.isEmpty(); }));
+  ::kill(master, SIGSTOP);
+  add(11, 100);
+  const std::size_t sent = subAgent.getNotificationCounts().sent;
+  ASSERT_TRUE(spin([&] { return subAgent.getNotificationCounts().sent == sent + NotificationHandover::window; }));
+  kill();
+  ASSERT_TRUE(spin([&] { return !subAgent.isAttached(); }));
+  EXPECT_EQ(handover.size(), 90U);
+  handover.onConnectionLost();
+  received.clear();
+
+  startMasterAgent();
+  ASSERT_TRUE(spin([&] { return handover.isEmpty() && received.size() >= 90; }));
+  EXPECT_EQ(received.front(), 11);
+  EXPECT_EQ(received.back(), 100);
+  EXPECT_EQ(received.size(), 90U);
+  EXPECT_EQ(get(AlwaysZero), "Gauge32: 0\n") << "the objects are registered with the new master agent";
+}
+
+TEST_F(AgentXSubAgentTest, ClosingTowardsAStoppedMasterAgentDoesNotWait) {
+  startMasterAgent();
+  add(1, 5);
+  ::kill(master, SIGSTOP);
+  handover.pump();
+  const auto begin = Clock::now();
+  subAgent.close();
+  handover.onConnectionLost();
+  EXPECT_LT(Clock::now() - begin, std::chrono::seconds(2));
+  EXPECT_FALSE(subAgent.isAttached());
+  ::kill(master, SIGCONT);
+  ASSERT_TRUE(spin([&] { return subAgent.attach(settings, handlers); }));
+  ASSERT_TRUE(spin([&] { return handover.isEmpty(); }));
+}
+
+TEST_F(AgentXSubAgentTest, ASocketPathThatDoesNotFitIsRefused) {
+  settings.socket = "/tmp/" + std::string(110, 'x');
+  EXPECT_FALSE(subAgent.attach(settings, handlers));
+}
+
+}  // namespace

@@ -1,0 +1,305 @@
+#include "FmSnmp.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "FmService.h"
+#include "FmSnmpCM.h"
+#include "MoTransaction.h"
+#include "NodeServices.h"
+#include "Portal.h"
+#include "ScriptWrapper.h"
+#include "SnmpMessages.h"
+#include "StateTestSupport.h"
+
+namespace {
+
+using namespace VelaFmSnmp;
+
+/** A configuration change notification, from event types, names and attribute names. */
+class Notification {
+ public:
+  struct Event {
+    const char* dn;
+    int type;
+    bool hasAttributes;
+    std::vector<const char*> attributes;
+  };
+
+  explicit Notification(const std::vector<Event>& events) {
+    _attributes.reserve(64);
+    _events.reserve(events.size());
+    _lists.reserve(events.size());
+    for (const Event& event : events) {
+      std::vector<const DaxOamSpiCmEvent_Attribute_1T*>& list = _lists.emplace_back();
+      for (const char* name : event.attributes) {
+        _attributes.push_back({name});
+        list.push_back(&_attributes.back());
+      }
+      list.push_back(nullptr);
+      _events.push_back({event.dn, event.type, event.hasAttributes ? list.data() : nullptr});
+    }
+    for (const DaxOamSpiCmEvent_Event_1T& event : _events) _pointers.push_back(&event);
+    _pointers.push_back(nullptr);
+    value.events = _pointers.data();
+  }
+  DaxOamSpiCmEvent_Notification_1T value{};
+
+ private:
+  std::vector<DaxOamSpiCmEvent_Attribute_1T> _attributes;
+  std::vector<std::vector<const DaxOamSpiCmEvent_Attribute_1T*>> _lists;
+  std::vector<DaxOamSpiCmEvent_Event_1T> _events;
+  std::vector<const DaxOamSpiCmEvent_Event_1T*> _pointers;
+};
+
+/** The component while its adaptor thread does not run: what it posts stays in the thread's input. */
+class FmSnmpTest : public testing::Test {
+ protected:
+  FmSnmpTest() { component.getAdaptorThread().popFromInput(); }
+
+  std::vector<std::unique_ptr<Vela::PipeMessage>> take() { return component.getAdaptorThread().popFromInput(); }
+
+  StateTest::CapturedLog log;
+  FmSnmp& component = FmSnmp::getInstance();
+};
+
+TEST_F(FmSnmpTest, WhichChangesOfTheModelArePosted) {
+  const struct {
+    const char* what;
+    std::vector<Notification::Event> events;
+    bool onlyState, address;
+  } cases[] = {
+      {"nothing", {}, true, false},
+      {"state only",
+       {{"a", 1, true, {"operationalState"}}, {"b", 1, true, {nullptr, "operationalState"}}},
+       true,
+       false},
+      {"another attribute", {{"a", 1, true, {"operationalState", "port"}}}, false, false},
+      {"created", {{"a", 2, true, {"operationalState"}}}, false, false},
+      {"deleted", {{"a", 1, true, {"operationalState"}}, {"b", 4, true, {}}}, false, false},
+      {"no attributes", {{"a", 1, false, {}}}, false, false},
+      {"address in the second event", {{"a", 1, true, {"port"}}, {"b", 1, true, {nullptr, "address"}}}, false, true},
+      {"created before an address", {{"a", 2, true, {}}, {"b", 1, true, {"address"}}}, false, false},
+      {"an address before deleted", {{"a", 1, true, {"address"}}, {"b", 4, true, {}}}, false, true},
+  };
+  for (const auto& item : cases) {
+    const Notification notification(item.events);
+    component.onSnmpMoChange(notification.value);
+    EXPECT_EQ(take().size(), item.onlyState ? 0U : 1U) << item.what;
+    component.onOamAccessPointMoRefsMoChange(notification.value);
+    EXPECT_EQ(take().size(), item.address ? 1U : 0U) << item.what;
+    component.onOamAccessPointMoChange(notification.value);
+    EXPECT_EQ(take().size(), 1U) << item.what;
+  }
+  const DaxOamSpiCmEvent_Notification_1T none = {nullptr};
+  EXPECT_TRUE(component.onlyOperationalStateChanged(none));
+  EXPECT_FALSE(component.isAddressAttributeChanged(none));
+  component.onDiffServCategoryMoChangeNotification(none);
+  EXPECT_TRUE(take().empty());
+}
+
+TEST_F(FmSnmpTest, EachChangedCategoryIsPosted) {
+  const Notification notification({{"X=1,DiffServCategory=OamCM", 1, true, {"dscp"}},
+                                   {nullptr, 1, true, {}},
+                                   {"X=1,DiffServCategory=OamFM", 1, true, {"dscp"}},
+                                   {"X=1,DiffServCategory=OamFM", 2, true, {"dscp"}},
+                                   {"X=1,DiffServCategory=Other", 1, true, {"dscp"}}});
+  component.onDiffServCategoryMoChangeNotification(notification.value);
+  const auto messages = take();
+  ASSERT_EQ(messages.size(), 2U);
+  EXPECT_EQ(messages.front()->getMessageType(), 16);
+  EXPECT_TRUE(log.hasTrace("CM Event type, 1 received with NULL dn value"));
+  EXPECT_TRUE(log.hasTrace("CM Event type, 1 received with incorrect dn value - X=1,DiffServCategory=Other"));
+}
+
+TEST_F(FmSnmpTest, FmEventsAreCopiedIntoMessages) {
+  DaxOamSpiNotificationFmT report = {};
+  std::string dn = "ManagedElement=1";
+  report.dn = dn.c_str();
+  report.severity = 5;
+  VelaOamApiFmNotificationEventValue_4T alarm = {};
+  alarm.notification = &report;
+  alarm.stateful = true;
+  alarm.index = 7;
+  const VelaOamApiFmHeartbeatEventValue_4T heartbeat = {1, 2, 3, 4};
+  component.onFmEvent(VELA_FM_NOTIFICATION_EVENT, &alarm);
+  component.onHeartbeat(VELA_FM_HEARTBEAT_EVENT, &heartbeat);
+  component.onAlarmListRebuilt(VELA_FM_ALARM_LIST_REBUILT_EVENT, nullptr);
+  component.onFmEvent(VELA_FM_NOTIFICATION_EVENT, nullptr);
+  dn = "gone";
+  const auto messages = take();
+  ASSERT_EQ(messages.size(), 3U);
+  ASSERT_EQ(messages[0]->getMessageType(), 17);
+  const SnmpAlarm& copy = static_cast<const SnmpAlarmMessage&>(*messages[0]).getAlarm();
+  EXPECT_EQ(copy.getManagedObject(), "ManagedElement=1");
+  EXPECT_EQ(copy.getIndex(), 7U);
+  ASSERT_EQ(messages[1]->getMessageType(), 18);
+  EXPECT_EQ(static_cast<const SnmpHeartbeatMessage&>(*messages[1]).getHeartbeat().getAlertSeqNo(), 4U);
+  EXPECT_EQ(messages[2]->getMessageType(), 19);
+}
+
+/** The component in a node's services, with tools that answer nothing useful. */
+class FmSnmpNodeTest : public FmSnmpTest {
+ protected:
+  struct NoTool : Vela::ScriptRunner {
+    int run(const std::vector<std::string>&, int, std::string&, const Vela::ScriptCancellation*) override { return 1; }
+  };
+
+  FmSnmpNodeTest() {
+    services.getLog().setLevel(8);
+    services.getLog().setSink([this](const VelaNode::HostLog::Line& line) {
+      const std::lock_guard<std::mutex> lock(mutex);
+      lines.emplace_back(line.text);
+    });
+    Vela::ScriptWrapper::setRunner(std::make_shared<NoTool>());
+    VelaNode::MoTransaction transaction(services.getStore());
+    for (const char* dn :
+         {"ManagedElement=1", "ManagedElement=1,SystemFunctions=1", "ManagedElement=1,SystemFunctions=1,Fm=1",
+          "ManagedElement=1,SystemFunctions=1,SysM=1", snmp}) {
+      transaction.create(dn);
+    }
+    transaction.setText(snmp, "administrativeState", "LOCKED");
+    transaction.commit();
+    file = testing::TempDir() + "fm_snmp_" + std::to_string(getpid()) + ".xml";
+    std::ofstream(file) << "<VelaFmSnmp/>";
+  }
+  ~FmSnmpNodeTest() override {
+    std::filesystem::remove(file);
+    component.stop(VelaStateChangeDeactivate);
+    Vela::Portal::set(nullptr);
+    Vela::ScriptWrapper::setRunner(nullptr);
+  }
+
+  bool isLogged(const std::string& text) const {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string& line) { return line.find(text) != std::string::npos; });
+  }
+  bool waitForLine(const std::string& text) const {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!isLogged(text)) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+  }
+  void forgetLines() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    lines.clear();
+  }
+  VelaReturnT init(const char* configuration) {
+    static const VelaMgmtSpiInterfacePortalAccessor accessor = {
+        [](const char* version) { return std::string(version) == "1" ? VelaNode::HostPortal::getTable() : nullptr; }};
+    return FmSnmpCM::getInstance().velaLCMinit(&accessor, configuration);
+  }
+
+  static constexpr const char* snmp = "ManagedElement=1,SystemFunctions=1,SysM=1,Snmp=1";
+  mutable std::mutex mutex;
+  std::vector<std::string> lines;
+  std::string file;
+  VelaNode::NodeServices services;
+};
+
+TEST_F(FmSnmpNodeTest, StartsForwardsStopsAndStartsAgain) {
+  ASSERT_EQ(init(file.c_str()), 0);
+  EXPECT_EQ(component.stop(VelaStateChangeDeactivate), 0) << "nothing runs yet";
+  EXPECT_FALSE(isLogged("stopping snmpAdaptorThread ..."));
+  VelaNode::FmService fm(services.getStore(), services.getRouter());
+  for (int run = 1; run <= 2; ++run) {
+    forgetLines();
+    ASSERT_EQ(component.start(VelaStateChangeActivate), 0);
+    EXPECT_TRUE(isLogged("Starting Fm Snmp Component, reason: 1"));
+    EXPECT_TRUE(isLogged("Got first FM instance: ManagedElement=1,SystemFunctions=1,Fm=1."));
+    EXPECT_TRUE(isLogged(std::string("Got first Snmp instance: ") + snmp + "."));
+    VelaNode::FmReport report;
+    report.key.source = "ManagedElement=1";
+    fm.alert(report);
+    EXPECT_TRUE(waitForLine("queueing trap for alert: "));
+    fm.sendHeartbeat();
+    EXPECT_TRUE(waitForLine("Not sending heartbeat"));
+    fm.rebuild();
+    EXPECT_TRUE(waitForLine("queueing trap for alarmlistrebuilt"));
+    ASSERT_TRUE(waitForLine("to IdleDisabled"));
+
+    VelaNode::MoTransaction transaction(services.getStore());
+    transaction.setText(snmp, "snmpId", "run " + std::to_string(run));
+    transaction.commit();
+    EXPECT_TRUE(waitForLine("got IMM change event, reload configuration"));
+
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(component.stop(VelaStateChangeDeactivate), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_TRUE(isLogged("successfully stopped snmpAdaptorThread"));
+    EXPECT_FALSE(component.getAdaptor().isRunning());
+  }
+  forgetLines();
+  component.onAlarmListRebuilt("", nullptr);
+  EXPECT_EQ(take().size(), 1U) << "nobody reads any more";
+}
+
+TEST_F(FmSnmpNodeTest, AStartThatFailsSaysWhy) {
+  ASSERT_EQ(init(file.c_str()), 0);
+  component.setConfigurationHandler(nullptr);
+  EXPECT_EQ(component.start(VelaStateChangeActivate), -1);
+  EXPECT_TRUE(isLogged("Caught exception during Fm Snmp Component start: there is no component configuration."));
+}
+
+TEST_F(FmSnmpNodeTest, AnInitThatFailsSaysWhy) {
+  EXPECT_EQ(init(nullptr), -1);
+  EXPECT_TRUE(isLogged("Exception caught during initialization of Fm Snmp Component: "
+                       "basic_string: construction from null is not valid ") ||
+              isLogged("Exception caught during initialization of Fm Snmp Component: "
+                       "basic_string::_M_construct null not valid "));
+  FmSnmpCM::getInstance().velaLCMterminate();
+  component.setConfigurationHandler(nullptr);
+  EXPECT_EQ(init("/nowhere/file.xml"), -1);
+  EXPECT_TRUE(isLogged("Failed to load components configuration! (-1)"));
+  EXPECT_TRUE(isLogged("Could not load the configuration for Fm Snmp Component."));
+  EXPECT_EQ(component.getConfigurationHandler(), nullptr);
+}
+
+TEST_F(FmSnmpNodeTest, TheFrameworksRefusalIsReturned) {
+  static VelaMgmtSpiInterfacePortal_1T portal;
+  portal = *VelaNode::HostPortal::getTable();
+  portal.registerComponent = [](const VelaMgmtSpiComponent_1T* description) -> VelaReturnT {
+    return std::string(description->componentName) == "VelaFmSnmp" ? -42 : 0;
+  };
+  portal.unregisterComponent = [](const VelaMgmtSpiComponent_1T*) -> VelaReturnT { return -1; };
+  const VelaMgmtSpiInterfacePortalAccessor accessor = {[](const char*) { return &portal; }};
+  EXPECT_EQ(FmSnmpCM::getInstance().velaLCMinit(&accessor, file.c_str()), -42);
+  EXPECT_TRUE(isLogged("Could not register the Fm Snmp Component."));
+  EXPECT_FALSE(isLogged("Could not load")) << "the configuration is not read then";
+  FmSnmpCM::getInstance().velaLCMterminate();
+  EXPECT_TRUE(isLogged("Could not unregister the Fm Snmp Component."));
+  const VelaMgmtSpiInterfacePortalAccessor empty = {
+      [](const char*) -> VelaMgmtSpiInterfacePortal_1T* { return nullptr; }};
+  EXPECT_EQ(FmSnmpCM::getInstance().velaLCMinit(&empty, file.c_str()), -1);
+}
+
+TEST_F(FmSnmpNodeTest, TheDescriptionNamesWhatIsNeeded) {
+  const VelaMgmtSpiComponent_1T& description = *component.getComponent();
+  EXPECT_EQ(description.componentInterface.componentName, nullptr);
+  EXPECT_STREQ(description.componentInterface.interfaceName, "VelaMgmtSpiComponent");
+  EXPECT_EQ(description.offered[0], nullptr);
+  std::vector<std::string> needed;
+  for (const VelaMgmtSpiInterface_1* const* next = description.dependencies; *next; ++next) {
+    const auto text = [](const char* value) { return std::string(value ? value : "any"); };
+    needed.push_back(text((*next)->componentName) + "/" + text((*next)->interfaceName) + "/" +
+                     text((*next)->interfaceVersion));
+    EXPECT_TRUE(Vela::Portal::get() == nullptr || FmSnmpCM::getInstance().getInterface(**next)) << needed.back();
+  }
+  EXPECT_EQ(needed, (std::vector<std::string>{"any/VelaMwSpiLog/1", "any/DaxMwSpiTrace/any",
+                                              "VelaOamSpiEventService/VelaOamSpiEventRouter/1",
+                                              "VelaOamSpiCmRouterService/VelaOamSpiManagedObject/3"}));
+}
+
+}  // namespace

@@ -1,0 +1,100 @@
+#include "VelaConfiguration.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "TarnSpiVersion.h"
+#include "VelaException.h"
+
+namespace {
+
+class VelaConfigurationTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (std::filesystem::temp_directory_path() / "config-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    _folder = pattern;
+  }
+  void TearDown() override { std::filesystem::remove_all(_folder); }
+
+  std::string file(const std::string& content) const {
+    const std::string name = (_folder / "config.xml").string();
+    std::ofstream(name) << content;
+    return name;
+  }
+
+  std::filesystem::path _folder;
+  Vela::VelaConfiguration _configuration;
+};
+
+TEST_F(VelaConfigurationTest, ReadsTypedTextsOfDirectChildrenOnly) {
+  ::setenv("VELA_CONFIGURATION_TEST", "/somewhere", 1);
+  _configuration.load(
+      file("<R><n> 42 </n><b>TRUE</b><b0>0</b0><path>${VELA_CONFIGURATION_TEST}/x${NO_SUCH_VARIABLE}</path>"
+           "<deep><n>7</n></deep><big>18446744073709551615</big></R>"));
+  const auto roots = _configuration.findElements("R");
+  ASSERT_EQ(roots.size(), 1u);
+  const Poco::XML::Element& root = *roots.front();
+  int number = 0;
+  EXPECT_TRUE(Vela::VelaConfiguration::getInt(root, "n", number));
+  EXPECT_EQ(number, 42);
+  bool flag = false;
+  EXPECT_TRUE(Vela::VelaConfiguration::getBool(root, "b", flag));
+  EXPECT_TRUE(flag);
+  EXPECT_TRUE(Vela::VelaConfiguration::getBool(root, "b0", flag));
+  EXPECT_FALSE(flag);
+  unsigned long long big = 0;
+  EXPECT_TRUE(Vela::VelaConfiguration::getUInt64(root, "big", big));
+  EXPECT_EQ(big, 18446744073709551615ull);
+  std::string path;
+  EXPECT_TRUE(Vela::VelaConfiguration::getText(root, "path", path));
+  EXPECT_EQ(path, "/somewhere/x");
+  EXPECT_FALSE(Vela::VelaConfiguration::getInt(root, "missing", number));
+  EXPECT_EQ(number, 42) << "a missing element must leave the default";
+  EXPECT_EQ(_configuration.findElements("n").size(), 2u);
+}
+
+TEST_F(VelaConfigurationTest, AValueOfTheWrongTypeIsRefusedAndNamed) {
+  _configuration.load(file("<R><n>12x</n><b>7</b><u>-1</u></R>"));
+  const Poco::XML::Element& root = *_configuration.findElements("R").front();
+  int number = 5;
+  bool flag = true;
+  unsigned long long big = 5;
+  EXPECT_THROW(Vela::VelaConfiguration::getInt(root, "n", number), Vela::VelaException);
+  EXPECT_THROW(Vela::VelaConfiguration::getBool(root, "b", flag), Vela::VelaException);
+  EXPECT_THROW(Vela::VelaConfiguration::getUInt64(root, "u", big), Vela::VelaException);
+}
+
+TEST_F(VelaConfigurationTest, ABrokenFileNamesFileLineAndReason) {
+  const std::string broken = file("<R>\n  <a>\n</R>\n");
+  try {
+    _configuration.load(broken);
+    FAIL() << "loaded";
+  } catch (const Vela::VelaException& ex) {
+    EXPECT_EQ(std::string(ex.what()).find(broken + ":3: "), 0u) << ex.what();
+  }
+  EXPECT_FALSE(_configuration.isLoaded());
+  EXPECT_THROW(_configuration.load((_folder / "missing.xml").string()), Vela::VelaException);
+}
+
+TEST(TarnSpiVersion, OrdersByNumberAndRefusesEverythingElse) {
+  using Vela::TarnSpiVersion;
+  EXPECT_TRUE(TarnSpiVersion::fromString("1.9.0") < TarnSpiVersion::fromString("1.10.0"));
+  EXPECT_FALSE(TarnSpiVersion::fromString("2.0.0") < TarnSpiVersion::fromString("1.99.99"));
+  EXPECT_TRUE(TarnSpiVersion::fromString("1.2.3") < TarnSpiVersion::fromString("1.2.4"));
+  for (const char* text :
+       {"", "1", "1.2", "1.2.3.4", "1..3", "a.b.c", "1.2.3 ", "1.-2.3", " 1.2.3", "1.2.99999999999"}) {
+    try {
+      TarnSpiVersion::fromString(text);
+      ADD_FAILURE() << "accepted '" << text << "'";
+    } catch (const Vela::VelaException& ex) {
+      EXPECT_EQ(std::string(ex.what()), std::string("Failed to parse tarn spi-revision: '") + text + "'");
+    }
+  }
+}
+
+}  // namespace

@@ -1,0 +1,396 @@
+#include "FmService.h"
+
+#include <Poco/DateTime.h>
+#include <Poco/DateTimeFormat.h>
+#include <Poco/DateTimeParser.h>
+#include <gmock/gmock.h>
+
+#include <deque>
+#include <set>
+#include <thread>
+
+#include "ModelFile.h"
+#include "NodeServices.h"
+#include "VelaException.h"
+
+namespace VelaNode {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::Pair;
+
+constexpr const char* fmDn = "ManagedElement=1,SystemFunctions=1,Fm=1";
+constexpr const char* eventTypes[] = {VELA_FM_NOTIFICATION_EVENT, VELA_FM_HEARTBEAT_EVENT,
+                                      VELA_FM_ALARM_LIST_REBUILT_EVENT};
+constexpr milliseconds deliveryTimeout{10000};
+
+/** An event as a consumer saw it. */
+struct Event {
+  std::string type;
+  VelaOamApiFmNotificationEventValue_4T notification{};
+  DaxOamSpiNotificationFmT report{};
+  std::string dn;
+  std::string text;
+  std::string problem;
+  std::string originalText;
+  FmAdditionalInfo info;
+  VelaOamApiFmHeartbeatEventValue_4T heartbeat{};
+};
+
+std::mutex recordMutex;
+std::vector<Event> record;
+
+void recordEvent(const char* type, const void* value) {
+  Event event;
+  event.type = type;
+  if (event.type == VELA_FM_NOTIFICATION_EVENT) {
+    event.notification = *static_cast<const VelaOamApiFmNotificationEventValue_4T*>(value);
+    event.report = *event.notification.notification;
+    event.dn = event.report.dn;
+    event.text = event.report.additionalText;
+    event.problem = event.notification.specificProblem;
+    event.originalText = event.notification.originalAdditionalText;
+    for (std::uint32_t i = 0; i < event.report.additionalInfo.size; ++i) {
+      event.info.emplace_back(event.report.additionalInfo.items[i].name, event.report.additionalInfo.items[i].value);
+    }
+  } else if (event.type == VELA_FM_HEARTBEAT_EVENT) {
+    event.heartbeat = *static_cast<const VelaOamApiFmHeartbeatEventValue_4T*>(value);
+  }
+  const std::lock_guard lock(recordMutex);
+  record.push_back(event);
+}
+
+class FmServiceTest : public testing::Test {
+ protected:
+  FmServiceTest() {
+    _services.getStore().install(ModelFile::parse(ModelFile::getDefaultText(), "default"));
+    record.clear();
+    static const VelaOamSpiEventConsumer_1T consumer = {&recordEvent};
+    std::uint32_t id = 0;
+    _services.getRouter().registerConsumer(&consumer, &id);
+    for (const char* type : eventTypes) {
+      std::uint32_t subscription = 0;
+      _services.getRouter().addSubscription(id, type, nullptr, &subscription);
+    }
+  }
+
+  static FmReport linkFailure() {
+    FmReport report;
+    report.key = {"ManagedElement=1,Port=7", 193, 12, "Link failure"};
+    report.severity = FmMajor;
+    report.additionalText = "no light";
+    report.eventType = 2;
+    report.probableCause = 29;
+    report.additionalInfo = {{"slot", "3"}, {"port", "7"}};
+    return report;
+  }
+
+  std::vector<Event> events() {
+    EXPECT_TRUE(_services.getRouter().waitUntilDelivered(deliveryTimeout));
+    const std::lock_guard lock(recordMutex);
+    return record;
+  }
+
+  MoObjectPtr fmObject() { return _services.getStore().getTree().find(fmDn); }
+  MoObjectPtr alarmObject(std::uint32_t index) {
+    return _services.getStore().getTree().find(std::string(fmDn) + ",FmAlarm=" + std::to_string(index));
+  }
+  /** Critical, major, minor, warning, total. */
+  std::vector<std::uint64_t> sums() {
+    std::vector<std::uint64_t> result;
+    for (const char* name : {"sumCritical", "sumMajor", "sumMinor", "sumWarning", "totalActive"}) {
+      result.push_back(fmObject()->getUnsigned(name).value());
+    }
+    return result;
+  }
+
+  std::uint64_t _wallNs = 1489482000123456000;
+  std::uint64_t _steadyMs = 5000;
+  NodeServices _services;
+  FmService _fm{_services.getStore(), _services.getRouter(), {[this] { return _wallNs; }, [this] { return _steadyMs; }}};
+};
+
+TEST_F(FmServiceTest, RaisedAlarmIsInTheModelAndEmitted) {
+  EXPECT_EQ(1U, _fm.raise(linkFailure()));
+
+  const MoObjectPtr alarm = alarmObject(1);
+  ASSERT_TRUE(alarm);
+  EXPECT_EQ(1U, alarm->getUnsigned("fmAlarmId"));
+  EXPECT_EQ("ManagedElement=1,Port=7", alarm->getText("source"));
+  EXPECT_EQ(4, alarm->getSigned("activeSeverity"));
+  EXPECT_EQ(4, alarm->getSigned("originalSeverity"));
+  EXPECT_EQ("no light", alarm->getText("additionalText"));
+  EXPECT_EQ("Link failure", alarm->getText("specificProblem"));
+  EXPECT_EQ(193U, alarm->getUnsigned("majorType"));
+  EXPECT_EQ(12U, alarm->getUnsigned("minorType"));
+  EXPECT_EQ(29U, alarm->getUnsigned("probableCause"));
+  EXPECT_EQ(2U, alarm->getUnsigned("eventType"));
+  const VelaOamSpiMoAttribute_3T* info = alarm->findAttribute("additionalInfo");
+  ASSERT_EQ(2U, info->valueCount);
+  EXPECT_STREQ("port", info->values[1].members[0].value.text);
+  EXPECT_STREQ("7", info->values[1].members[1].value.text);
+  EXPECT_THAT(sums(), ElementsAre(0, 1, 0, 0, 1));
+  EXPECT_EQ(1U, fmObject()->getUnsigned("lastSequenceNo"));
+
+  ASSERT_EQ(1U, events().size());
+  const Event event = record[0];
+  EXPECT_TRUE(event.notification.stateful);
+  EXPECT_FALSE(event.notification.alarmUpdate);
+  EXPECT_EQ(1, event.notification.sequenceNumber);
+  EXPECT_EQ(1U, event.notification.index);
+  EXPECT_EQ(2U, event.notification.eventType);
+  EXPECT_EQ(29U, event.notification.probableCause);
+  EXPECT_EQ(_wallNs, event.report.eventTime);
+  EXPECT_EQ(_wallNs, event.notification.originalEventTime);
+  EXPECT_EQ(FmMajor, event.report.severity);
+  EXPECT_EQ(FmMajor, event.notification.originalSeverity);
+  EXPECT_EQ("ManagedElement=1,Port=7", event.dn);
+  EXPECT_EQ("Link failure", event.problem);
+  EXPECT_THAT(event.info, ElementsAre(Pair("slot", "3"), Pair("port", "7")));
+}
+
+TEST_F(FmServiceTest, TimesOfTheModelAreThoseOfTheEvents) {
+  _fm.raise(linkFailure());
+  const auto toNs = [](const std::optional<std::string>& text) {
+    int zone = 0;
+    Poco::DateTime time =
+        Poco::DateTimeParser::parse(Poco::DateTimeFormat::ISO8601_FRAC_FORMAT, text.value(), zone);
+    time.makeUTC(zone);
+    return static_cast<std::uint64_t>(time.timestamp().epochMicroseconds()) * 1000;
+  };
+  EXPECT_EQ(_wallNs, toNs(alarmObject(1)->getText("lastEventTime")));
+  EXPECT_EQ(_wallNs, toNs(alarmObject(1)->getText("originalEventTime")));
+  EXPECT_EQ(_wallNs, toNs(fmObject()->getText("lastChanged")));
+  EXPECT_EQ("2017-03-14T09:00:00.123456Z", fmObject()->getText("lastChanged"));
+}
+
+TEST_F(FmServiceTest, RaisingAnActiveAlarmUpdatesItAndKeepsTheOriginal) {
+  const std::uint64_t raised = _wallNs;
+  const std::uint32_t index = _fm.raise(linkFailure());
+  _wallNs += 1000000000;
+  FmReport worse = linkFailure();
+  worse.severity = FmCritical;
+  worse.additionalText = "still no light";
+  EXPECT_EQ(index, _fm.raise(worse));
+
+  EXPECT_THAT(sums(), ElementsAre(1, 0, 0, 0, 1));
+  EXPECT_EQ(3, alarmObject(index)->getSigned("activeSeverity"));
+  EXPECT_EQ(4, alarmObject(index)->getSigned("originalSeverity"));
+  EXPECT_EQ("no light", alarmObject(index)->getText("originalAdditionalText"));
+  const Event event = events().at(1);
+  EXPECT_TRUE(event.notification.alarmUpdate);
+  EXPECT_EQ(2, event.notification.sequenceNumber);
+  EXPECT_EQ(_wallNs, event.report.eventTime);
+  EXPECT_EQ("still no light", event.text);
+  EXPECT_EQ(raised, event.notification.originalEventTime);
+  EXPECT_EQ("no light", event.originalText);
+  EXPECT_EQ(FmMajor, event.notification.originalSeverity);
+}
+
+TEST_F(FmServiceTest, EachPartOfTheKeyMakesAnotherAlarm) {
+  std::set<std::uint32_t> indexes;
+  FmReport report = linkFailure();
+  indexes.insert(_fm.raise(report));
+  report.key.source += "0";
+  indexes.insert(_fm.raise(report));
+  report.key.majorType = 1;
+  indexes.insert(_fm.raise(report));
+  report.key.minorType = 1;
+  indexes.insert(_fm.raise(report));
+  report.key.specificProblem = "";
+  indexes.insert(_fm.raise(report));
+  EXPECT_THAT(indexes, ElementsAre(1, 2, 3, 4, 5));
+}
+
+TEST_F(FmServiceTest, ChangeTouchesOnlyWhatItNames) {
+  const std::uint32_t index = _fm.raise(linkFailure());
+  FmChange change;
+  change.severity = FmWarning;
+  _fm.change(index, change);
+  EXPECT_THAT(sums(), ElementsAre(0, 0, 0, 1, 1));
+  const Event event = events().at(1);
+  EXPECT_EQ(FmWarning, event.report.severity);
+  EXPECT_TRUE(event.notification.alarmUpdate);
+  EXPECT_EQ("no light", event.text);
+  EXPECT_EQ(2U, event.info.size());
+}
+
+TEST_F(FmServiceTest, ClearDeletesTheObjectAndTheIndexIsNotUsedAgain) {
+  const std::uint32_t index = _fm.raise(linkFailure());
+  _fm.clear(index);
+  EXPECT_FALSE(alarmObject(index));
+  EXPECT_THAT(sums(), ElementsAre(0, 0, 0, 0, 0));
+  const Event event = events().at(1);
+  EXPECT_EQ(FmCleared, event.report.severity);
+  EXPECT_TRUE(event.notification.alarmUpdate);
+  EXPECT_EQ(index, event.notification.index);
+  EXPECT_EQ(FmMajor, event.notification.originalSeverity);
+  EXPECT_EQ(index + 1, _fm.raise(linkFailure()));
+  EXPECT_FALSE(events().at(2).notification.alarmUpdate);
+  EXPECT_EQ(3U, fmObject()->getUnsigned("lastSequenceNo"));
+}
+
+TEST_F(FmServiceTest, SumsFollowEverySeverity) {
+  const FmSeverity severities[] = {FmIndeterminate, FmWarning, FmMinor, FmMajor, FmCritical, FmCritical};
+  FmReport report = linkFailure();
+  for (const FmSeverity severity : severities) {
+    ++report.key.minorType;
+    report.severity = severity;
+    _fm.raise(report);
+  }
+  EXPECT_THAT(sums(), ElementsAre(2, 1, 1, 1, 6));
+  EXPECT_EQ(2, alarmObject(1)->getSigned("activeSeverity"));
+  EXPECT_EQ(6, alarmObject(2)->getSigned("activeSeverity"));
+  EXPECT_EQ(5, alarmObject(3)->getSigned("activeSeverity"));
+  EXPECT_EQ(6U, _fm.clearAll());
+  EXPECT_THAT(sums(), ElementsAre(0, 0, 0, 0, 0));
+  EXPECT_EQ(0U, _fm.countActive());
+  EXPECT_EQ(12U, events().size());
+}
+
+TEST_F(FmServiceTest, WhatFailsChangesNothing) {
+  const std::uint32_t index = _fm.raise(linkFailure());
+  FmReport cleared = linkFailure();
+  cleared.severity = FmCleared;
+  FmChange toCleared;
+  toCleared.severity = FmCleared;
+  EXPECT_THROW(_fm.raise(cleared), Vela::VelaException);
+  EXPECT_THROW(_fm.change(index, toCleared), Vela::VelaException);
+  EXPECT_THROW(_fm.change(index + 1, FmChange()), Vela::VelaException);
+  EXPECT_THROW(_fm.clear(index + 1), Vela::VelaException);
+
+  MoTransaction transaction(_services.getStore());
+  transaction.remove(fmDn);
+  transaction.commit();
+  FmReport other = linkFailure();
+  other.key.minorType = 1;
+  EXPECT_THROW(_fm.raise(other), Vela::VelaException);
+  EXPECT_THROW(_fm.clear(index), Vela::VelaException);
+  EXPECT_EQ(1U, _fm.countActive());
+  EXPECT_EQ(1U, _fm.getLastAlarmSequenceNo());
+  EXPECT_EQ(1U, events().size());
+}
+
+TEST_F(FmServiceTest, AlertsAreNumberedOnTheirOwnAndLeaveNoTrace) {
+  _fm.raise(linkFailure());
+  EXPECT_EQ(1U, _fm.alert(linkFailure()));
+  EXPECT_EQ(2U, _fm.alert(linkFailure()));
+  EXPECT_EQ(1U, _fm.countActive());
+  EXPECT_EQ(1U, fmObject()->getUnsigned("lastSequenceNo"));
+  const Event alert = events().at(2);
+  EXPECT_FALSE(alert.notification.stateful);
+  EXPECT_FALSE(alert.notification.alarmUpdate);
+  EXPECT_EQ(2, alert.notification.sequenceNumber);
+  EXPECT_EQ(FmMajor, alert.report.severity);
+}
+
+TEST_F(FmServiceTest, HeartbeatCarriesTheLastNumbersAndTimes) {
+  const std::uint64_t alarmTime = _wallNs;
+  _fm.raise(linkFailure());
+  _wallNs += 5000000;
+  _fm.alert(linkFailure());
+  _fm.alert(linkFailure());
+  _fm.sendHeartbeat();
+  const VelaOamApiFmHeartbeatEventValue_4T heartbeat = events().at(3).heartbeat;
+  EXPECT_EQ(alarmTime, heartbeat.lastAlarmTime);
+  EXPECT_EQ(1U, heartbeat.lastAlarmSequenceNumber);
+  EXPECT_EQ(_wallNs, heartbeat.lastAlertTime);
+  EXPECT_EQ(2U, heartbeat.lastAlertSequenceNumber);
+}
+
+TEST_F(FmServiceTest, RegularHeartbeatFollowsTheInterval) {
+  EXPECT_EQ(milliseconds(60000), _fm.updateHeartbeat());
+  _steadyMs += 59999;
+  EXPECT_EQ(milliseconds(1), _fm.updateHeartbeat());
+  EXPECT_TRUE(events().empty());
+  _steadyMs += 6;
+  EXPECT_EQ(milliseconds(59995), _fm.updateHeartbeat()) << "a late heartbeat must not shift the next";
+  EXPECT_EQ(1U, events().size());
+  _steadyMs += 600000;
+  EXPECT_EQ(milliseconds(60000), _fm.updateHeartbeat()) << "missed heartbeats are not made up for";
+  EXPECT_EQ(2U, events().size());
+}
+
+TEST_F(FmServiceTest, ChangedIntervalTakesEffectAtOnce) {
+  const auto setInterval = [&](unsigned seconds) {
+    MoTransaction transaction(_services.getStore());
+    transaction.set(fmDn, "heartbeatInterval", seconds);
+    transaction.commit();
+    EXPECT_TRUE(_services.getRouter().waitUntilDelivered(deliveryTimeout));
+  };
+  const auto countEvents = [&] { return events().size(); };
+  const auto waitForEvents = [&](std::size_t count) {
+    const auto deadline = std::chrono::steady_clock::now() + deliveryTimeout;
+    while (countEvents() < count && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    return countEvents();
+  };
+  _fm.start();
+  setInterval(0);
+  EXPECT_EQ(milliseconds::max(), _fm.updateHeartbeat());
+  setInterval(3600);
+  EXPECT_EQ(milliseconds(3600000), _fm.updateHeartbeat());
+  EXPECT_EQ(0U, countEvents());
+  _fm.stop();
+  _steadyMs += 20000;
+  _fm.start();
+  EXPECT_EQ(milliseconds(3580000), _fm.updateHeartbeat());
+  setInterval(10);
+  EXPECT_EQ(1U, waitForEvents(1)) << "more than the new interval has passed since the last heartbeat";
+}
+
+TEST_F(FmServiceTest, RebuildMakesTheModelTrueAgain) {
+  const std::uint32_t kept = _fm.raise(linkFailure());
+  MoTransaction transaction(_services.getStore());
+  transaction.remove(std::string(fmDn) + ",FmAlarm=" + std::to_string(kept));
+  transaction.create(std::string(fmDn) + ",FmAlarm=77");
+  transaction.set(fmDn, "totalActive", 9U);
+  transaction.commit();
+  _fm.rebuild();
+  EXPECT_TRUE(alarmObject(kept));
+  EXPECT_FALSE(alarmObject(77));
+  EXPECT_THAT(sums(), ElementsAre(0, 1, 0, 0, 1));
+  EXPECT_EQ(VELA_FM_ALARM_LIST_REBUILT_EVENT, events().at(1).type);
+}
+
+TEST_F(FmServiceTest, EachChangeIsOneTransaction) {
+  std::atomic<int> commits{0};
+  std::atomic<bool> isWhole{true};
+  _services.getStore().setListener([&](const std::shared_ptr<const MoChanges>& changes) {
+    ++commits;
+    if (changes->size() != 2) isWhole = false;
+  });
+  const std::uint32_t index = _fm.raise(linkFailure());
+  FmChange change;
+  change.additionalText = "dark";
+  _wallNs += 1000;
+  _fm.change(index, change);
+  _wallNs += 1000;
+  _fm.clear(index);
+  EXPECT_EQ(3, commits);
+  EXPECT_TRUE(isWhole) << "each commit holds the alarm and the sums";
+}
+
+TEST_F(FmServiceTest, EventsOfManyThreadsComeInTheOrderOfTheirNumbers) {
+  constexpr int threadCount = 4;
+  constexpr int alarmsPerThread = 200;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < threadCount; ++t) {
+    threads.emplace_back([&, t] {
+      FmReport report = linkFailure();
+      report.key.majorType = static_cast<std::uint32_t>(t);
+      for (report.key.minorType = 0; report.key.minorType < alarmsPerThread; ++report.key.minorType) {
+        const std::uint32_t index = _fm.raise(report);
+        if (index % 2 == 0) _fm.clear(index);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  const std::vector<Event> all = events();
+  ASSERT_EQ(threadCount * alarmsPerThread * 3 / 2, static_cast<int>(all.size()));
+  for (std::size_t i = 0; i < all.size(); ++i) EXPECT_EQ(static_cast<int>(i) + 1, all[i].notification.sequenceNumber);
+  EXPECT_EQ(_fm.countActive(), sums().back());
+}
+
+}  // namespace
+}  // namespace VelaNode
