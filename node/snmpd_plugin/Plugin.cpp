@@ -3,8 +3,10 @@
  * it.
  */
 #include "CommunityPrefix.h"
+#include "DtlsTransport.h"
 #include "EngineDiscovery.h"
 #include "RunTimeRows.h"
+#include "TlstmTables.h"
 
 extern "C" {
 
@@ -13,5 +15,7 @@ __attribute__((visibility("default"))) void init_vela_snmpd_plugin(void) {
   SnmpdPlugin::installCommunityPrefix();
   SnmpdPlugin::installRunTimeRows();
   SnmpdPlugin::EngineDiscovery::install();
+  SnmpdPlugin::DtlsTransport::install();
+  SnmpdPlugin::installTlstmTables();
 }
 }

@@ -41,8 +41,8 @@ const Part Parts[] = {
        return renderTrapSessions(value, warnings);
      }},
     {"dtlsNodeCredential", "node_credential", DtlsRevision, false,
-     [](const std::string& value, const NodeFolder& folder, Warnings&) {
-       return renderNodeCredential(value, folder.certificates());
+     [](const std::string& value, const NodeFolder& folder, Warnings& warnings) {
+       return renderNodeCredential(value, folder.tls(), warnings);
      }},
     {"setCipherString", "cipher_string", TrapSessAndCipherRevision, false,
      [](const std::string& value, const NodeFolder&, Warnings&) { return renderCipherString(value); }},
@@ -157,7 +157,8 @@ std::string AgentConfiguration::ownEngineId() const {
 std::string AgentConfiguration::passPhrase() const {
   const auto& file = _folder.passwordFile();
   auto content = readFile(file);
-  if (!content) {
+  // An empty one is what a full disk or a lost write leaves behind; it would keep the agent from ever starting again.
+  if (!content || content->find_first_not_of(" \t\r\n") == std::string::npos) {
     content = randomHex(PassPhraseOctets) + "\n";
     writePrivateFile(file, *content);
   }

@@ -1,18 +1,13 @@
 #include "Directives.h"
 
+#include <CertificateFolder.h>
 #include <arpa/inet.h>
-#include <openssl/evp.h>
-#include <openssl/objects.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 #include <algorithm>
 #include <cctype>
 #include <charconv>
-#include <cstdio>
 #include <initializer_list>
 #include <iterator>
-#include <memory>
 #include <optional>
 #include <sstream>
 #include <string_view>
@@ -30,7 +25,6 @@ constexpr size_t MaxSecurityName = 32;   // SnmpAdminString of the VACM tables
 constexpr size_t MaxSystemName = 255;    // DisplayString of sysName
 constexpr size_t MinEngineIdOctets = 5;  // RFC 3411, SnmpEngineID
 constexpr size_t MaxEngineIdOctets = 32;
-constexpr size_t Sha1Digits = 40;
 constexpr size_t MaxTrapSessionWord = 2000;  // the agent cuts longer words
 constexpr size_t MinPassPhrase = 8;          // RFC 3414, 11.2
 
@@ -141,14 +135,37 @@ struct Word {
   size_t end;
 };
 
+/** Where the quoted word that begins here ends, behind its closing quote; nothing when it is none. */
+std::optional<size_t> endOfQuoted(const std::string& line, size_t begin) {
+  if (line[begin] != '"') return std::nullopt;
+  for (size_t at = begin + 1; at < line.size(); ++at) {
+    if (line[at] == '\\')
+      ++at;
+    else if (line[at] == '"')
+      return at + 1 == line.size() || line[at + 1] == ' ' ? std::optional<size_t>(at + 1) : std::nullopt;
+  }
+  return std::nullopt;
+}
+
 std::vector<Word> words(const std::string& line) {
   std::vector<Word> result;
   for (size_t at = line.find_first_not_of(' '); at != std::string::npos; at = line.find_first_not_of(' ', at)) {
-    const size_t end = std::min(line.find(' ', at), line.size());
+    const size_t end = endOfQuoted(line, at).value_or(std::min(line.find(' ', at), line.size()));
     result.push_back({at, end});
     at = end;
   }
   return result;
+}
+
+/** The text of a word that asWord may have quoted. */
+std::string unquoted(const std::string& word) {
+  if (word.empty() || endOfQuoted(word, 0) != word.size()) return word;
+  std::string text;
+  for (size_t at = 1; at + 1 < word.size(); ++at) {
+    if (word[at] == '\\') ++at;
+    text += word[at];
+  }
+  return text;
 }
 
 constexpr std::string_view TrapSessionOptions[] = {"-v", "-u", "-r", "-t", "-l", "-a",
@@ -178,8 +195,8 @@ void checkTrapSessionValue(std::string_view option, std::string& value) {
 }
 
 /**
- * The directive for one trapsess line. Pass phrases and user names stand in the line as they are, blanks and quotes
- * included, so a value reaches up to the next option and goes out quoted.
+ * The directive for one trapsess line. A pass phrase or user name stands in it as a quoted word, or as it is, blanks
+ * and quotes included, so that it reaches up to the next option. It goes out quoted.
  */
 std::string renderTrapSession(const std::string& line) {
   if (hasControlCharacter(line)) throw Failure("the line holds a control character");
@@ -195,7 +212,8 @@ std::string renderTrapSession(const std::string& line) {
     const size_t valueAt = at;
     while (at < addressAt && !isTrapSessionOption(word(at))) ++at;
     if (at == valueAt) throw Failure("option " + option + " has no usable value");
-    std::string value = line.substr(list[valueAt - 1].end + 1, list[at].begin - 1 - (list[valueAt - 1].end + 1));
+    std::string value =
+        unquoted(line.substr(list[valueAt - 1].end + 1, list[at].begin - 1 - (list[valueAt - 1].end + 1)));
     checkTrapSessionValue(option, value);
     directive += " " + option + " " + asWord(value);
   }
@@ -222,29 +240,6 @@ std::string renderLines(const std::string& file, const char* what, std::string (
     }
   }
   return directives;
-}
-
-using X509Ptr = std::unique_ptr<X509, decltype(&X509_free)>;
-using FilePtr = std::unique_ptr<FILE, decltype(&std::fclose)>;
-
-std::string digest(X509* certificate, const EVP_MD* method) {
-  unsigned char octets[EVP_MAX_MD_SIZE];
-  unsigned length = 0;
-  if (method == nullptr || X509_digest(certificate, method, octets, &length) != 1) return {};
-  static constexpr char Digits[] = "0123456789abcdef";
-  std::string text;
-  for (unsigned i = 0; i < length; ++i) {
-    text += Digits[octets[i] >> 4];
-    text += Digits[octets[i] & 0xf];
-  }
-  return text;
-}
-
-/** The digest of the certificate's own signature algorithm, under which the agent's library files it. */
-std::string libraryFingerprint(X509* certificate) {
-  int digestId = NID_undef;
-  if (OBJ_find_sigid_algs(X509_get_signature_nid(certificate), &digestId, nullptr) != 1) return {};
-  return digest(certificate, EVP_get_digestbynid(digestId));
 }
 
 }  // namespace
@@ -293,25 +288,19 @@ std::string renderTrapSessions(const std::string& file, std::vector<std::string>
   return renderLines(file, "the inform receiver", renderTrapSession, warnings);
 }
 
-std::string renderNodeCredential(const std::string& fingerprint, const std::filesystem::path& certificates) {
+std::string renderNodeCredential(const std::string& fingerprint, const std::filesystem::path& tls,
+                                 std::vector<std::string>& warnings) {
   if (fingerprint.empty()) return {};
-  std::string wanted;
-  for (const unsigned char c : fingerprint)
-    if (c != ':') wanted += static_cast<char>(std::tolower(c));
-  if (!isHexadecimal(wanted) || wanted.size() % 2 != 0)
-    throw Failure("dtlsNodeCredential is no fingerprint in hexadecimal digits");
-  if (wanted.size() == Sha1Digits && std::filesystem::is_directory(certificates)) {
-    for (const auto& entry : std::filesystem::directory_iterator(certificates)) {
-      const FilePtr file(std::fopen(entry.path().c_str(), "re"), &std::fclose);
-      if (!file) continue;
-      const X509Ptr certificate(PEM_read_X509(file.get(), nullptr, nullptr, nullptr), &X509_free);
-      if (!certificate || digest(certificate.get(), EVP_sha1()) != wanted) continue;
-      const std::string found = libraryFingerprint(certificate.get());
-      if (!found.empty()) wanted = found;
-      break;
-    }
+  const std::string wanted = NodeTls::plainFingerprint(fingerprint);
+  if (wanted.empty()) throw Failure("dtlsNodeCredential is no fingerprint in hexadecimal digits");
+  try {
+    const NodeTls::CertificateFolder folder(tls);
+    const std::string known = NodeTls::libraryFingerprintOf(folder.identity(wanted).certificate);
+    return "[snmp] localCert " + (known.empty() ? wanted : known) + "\n";
+  } catch (const NodeTls::TlsFault& fault) {
+    warnings.push_back(std::string("DTLS is not available: ") + fault.what());
+    return {};
   }
-  return "[snmp] localCert " + wanted + "\n";
 }
 
 std::string renderCipherString(const std::string& value) {

@@ -32,8 +32,12 @@ std::string renderAddresses(const std::string& value);
 std::string renderSystemName(const std::string& value);
 std::string renderCommunities(const std::string& file, std::vector<std::string>& warnings);
 std::string renderTrapSessions(const std::string& file, std::vector<std::string>& warnings);
-/** `certificates`: folder in which the certificate with the SHA-1 fingerprint is looked up. */
-std::string renderNodeCredential(const std::string& fingerprint, const std::filesystem::path& certificates);
+/**
+ * `tls`: folder of the node's certificates and keys. A credential that cannot be used, or is not there, yields no line
+ * either: the agent then runs without DTLS, and `warnings` says why.
+ */
+std::string renderNodeCredential(const std::string& fingerprint, const std::filesystem::path& tls,
+                                 std::vector<std::string>& warnings);
 std::string renderCipherString(const std::string& value);
 std::string renderEngineId(const std::string& value);
 

@@ -16,8 +16,9 @@ class NodeFolder {
   std::filesystem::path configuration() const { return noBackup() / "etc" / "snmp"; }
   std::filesystem::path parts() const { return configuration() / "parts"; }
   std::filesystem::path agentConfiguration() const { return configuration() / "snmpd.conf"; }
-  std::filesystem::path certificates() const { return configuration() / "tls" / "certs"; }
-  std::filesystem::path privateKeys() const { return configuration() / "tls" / "private"; }
+  std::filesystem::path tls() const { return configuration() / "tls"; }
+  std::filesystem::path certificates() const { return tls() / "certs"; }
+  std::filesystem::path privateKeys() const { return tls() / "private"; }
   std::filesystem::path persistent() const { return _root / "persist"; }
   std::filesystem::path run() const { return _root / "run"; }
   std::filesystem::path pidFile() const { return run() / "snmpd.pid"; }

@@ -16,6 +16,7 @@
 
 #include "AgentConfiguration.h"
 #include "AgentProcess.h"
+#include "Credentials.h"
 #include "Failure.h"
 #include "Files.h"
 #include "NodeFolder.h"
@@ -40,6 +41,10 @@ constexpr const char* Usage =
     "           dtlsNodeCredential=FINGERPRINT\n"
     "           setCipherString=TEXT\n"
     "           engineId=0xHEX\n"
+    "       tarn tls init                        makes the node's certificate unless there is one; prints its "
+    "fingerprint\n"
+    "       tarn tls add FILE                    takes a peer's or an authority's certificate; prints its fingerprint\n"
+    "       tarn tls show                        lists the certificates and what is wrong with the files\n"
     "An empty value clears its part. The environment variable VELA_NODE_DIR names the node's folder.\n";
 
 /** Keeps two runs of the tool on one node from working at the same time. */
@@ -136,6 +141,22 @@ void runSnmp(const Arguments& arguments) {
   command->run(folder, rest);
 }
 
+void runTls(const Arguments& arguments) {
+  const std::string word = arguments.empty() ? "" : arguments.front();
+  const size_t wanted = word == "add" ? 2 : 1;
+  if ((word != "init" && word != "add" && word != "show") || arguments.size() != wanted)
+    throw Failure("'tarn tls' takes init, add FILE or show", Failure::WrongUsage);
+  const NodeFolder folder = NodeFolder::fromEnvironment();
+  const Credentials credentials(folder);
+  if (word == "show") {
+    std::cout << credentials.show();
+    return;
+  }
+  folder.make();
+  const NodeLock lock(folder);
+  std::cout << (word == "init" ? credentials.init() : credentials.add(arguments.back())) << '\n';
+}
+
 void run(const Arguments& arguments) {
   if (arguments == Arguments{"--help"} || arguments == Arguments{"-h"}) {
     std::cout << Usage;
@@ -145,6 +166,8 @@ void run(const Arguments& arguments) {
     std::cout << NodeFolder::fromEnvironment().noBackup().string() << '\n';
   } else if (!arguments.empty() && arguments.front() == "snmp") {
     runSnmp(Arguments(arguments.begin() + 1, arguments.end()));
+  } else if (!arguments.empty() && arguments.front() == "tls") {
+    runTls(Arguments(arguments.begin() + 1, arguments.end()));
   } else {
     throw Failure("unknown command; 'tarn --help' lists them", Failure::WrongUsage);
   }

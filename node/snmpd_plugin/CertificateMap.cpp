@@ -1,0 +1,149 @@
+#include "CertificateMap.h"
+
+#include <openssl/objects.h>
+#include <openssl/x509v3.h>
+
+#include "NetSnmp.h"
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <memory>
+
+#include "Certificate.h"
+
+namespace SnmpdPlugin {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/** Longer than between the requests that write one row after the other. */
+constexpr std::chrono::milliseconds SettledAfter{300};
+
+unsigned changes = 0;
+Clock::time_point lastChange;
+
+struct NamesDeleter {
+  void operator()(GENERAL_NAMES* names) const { GENERAL_NAMES_free(names); }
+};
+
+struct IteratorDeleter {
+  void operator()(netsnmp_iterator* iterator) const { ITERATOR_RELEASE(iterator); }
+};
+
+/** The rows in the order in which they count (RFC 6353, snmpTlstmCertToTSNID). */
+std::vector<const netsnmp_cert_map*> rowsByPriority() {
+  std::vector<const netsnmp_cert_map*> rows;
+  netsnmp_container* container = netsnmp_cert_map_container();
+  if (container == nullptr) return rows;
+  const std::unique_ptr<netsnmp_iterator, IteratorDeleter> owner(CONTAINER_ITERATOR(container));
+  netsnmp_iterator* iterator = owner.get();
+  if (iterator == nullptr) return rows;
+  for (void* row = ITERATOR_FIRST(iterator); row != nullptr; row = ITERATOR_NEXT(iterator))
+    rows.push_back(static_cast<const netsnmp_cert_map*>(row));
+  std::sort(rows.begin(), rows.end(), [](const auto* a, const auto* b) { return a->priority < b->priority; });
+  return rows;
+}
+
+std::string textOf(const ASN1_STRING* string) {
+  return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
+          static_cast<size_t>(ASN1_STRING_length(string))};
+}
+
+/** The text from `begin` on in lower case. */
+std::string lowerFrom(std::string text, size_t begin) {
+  for (size_t i = begin; i < text.size(); ++i)
+    text[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[i])));
+  return text;
+}
+
+/** IPv4 in dotted form, IPv6 as 32 digits. */
+std::string addressText(const std::string& octets) {
+  constexpr size_t Ipv4Octets = 4;
+  constexpr size_t Ipv6Octets = 16;
+  static constexpr char Digits[] = "0123456789abcdef";
+  std::string text;
+  for (const char octet : octets) {
+    const auto value = static_cast<unsigned char>(octet);
+    if (octets.size() == Ipv4Octets)
+      text += (text.empty() ? "" : ".") + std::to_string(value);
+    else if (octets.size() == Ipv6Octets)
+      text.append({Digits[value >> 4], Digits[value & 0xf]});
+  }
+  return text;
+}
+
+std::string nameOf(const GENERAL_NAME* name, NameMapping mapping) {
+  const auto wants = [mapping](NameMapping kind) { return mapping == kind || mapping == NameMapping::AnyAltName; };
+  if (name->type == GEN_EMAIL && wants(NameMapping::Rfc822Name)) {
+    const std::string mail = textOf(name->d.rfc822Name);
+    return lowerFrom(mail, std::min(mail.find('@'), mail.size()));
+  }
+  if (name->type == GEN_DNS && wants(NameMapping::DnsName)) return lowerFrom(textOf(name->d.dNSName), 0);
+  if (name->type == GEN_IPADD && wants(NameMapping::IpAddress)) return addressText(textOf(name->d.iPAddress));
+  return {};
+}
+
+std::string alternativeNameOf(const X509* certificate, NameMapping mapping) {
+  const std::unique_ptr<GENERAL_NAMES, NamesDeleter> names(
+      static_cast<GENERAL_NAMES*>(X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
+  for (int i = 0; i < sk_GENERAL_NAME_num(names.get()); ++i) {
+    const std::string name = nameOf(sk_GENERAL_NAME_value(names.get(), i), mapping);
+    if (!name.empty()) return name;
+  }
+  return {};
+}
+
+std::string commonNameOf(const X509* certificate) {
+  const X509_NAME* subject = X509_get_subject_name(certificate);
+  const int at = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
+  return at < 0 ? std::string() : textOf(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, at)));
+}
+
+/** The name comes from the peer's own certificate, also when the row is one of its issuer's. */
+std::string mappedName(const X509* certificate, const netsnmp_cert_map& row) {
+  const auto mapping = static_cast<NameMapping>(row.mapType);
+  switch (mapping) {
+    case NameMapping::Specified:
+      return row.data == nullptr ? "" : row.data;
+    case NameMapping::CommonName:
+      return commonNameOf(certificate);
+    default:
+      return alternativeNameOf(certificate, mapping);
+  }
+}
+
+}  // namespace
+
+std::vector<std::string> CertificateMap::fingerprints() {
+  std::vector<std::string> found;
+  for (const netsnmp_cert_map* row : rowsByPriority()) found.emplace_back(row->fingerprint);
+  return found;
+}
+
+std::string CertificateMap::securityNameOf(const CertificateChain& chain) {
+  for (const netsnmp_cert_map* row : rowsByPriority()) {
+    const bool matches = std::any_of(chain.begin(), chain.end(), [row](const X509* certificate) {
+      return NodeTls::hasFingerprint(certificate, row->fingerprint);
+    });
+    if (!matches) continue;
+    std::string name = mappedName(chain.front(), *row);
+    if (!name.empty() && name.find('\0') == std::string::npos && name.size() < NETSNMP_TM_MAX_SECNAME) return name;
+  }
+  return {};
+}
+
+unsigned CertificateMap::generation() { return changes; }
+
+bool CertificateMap::isSettled() {
+  netsnmp_container* rows = netsnmp_cert_map_container();
+  return rows != nullptr && CONTAINER_SIZE(rows) != 0 && Clock::now() - lastChange > SettledAfter;
+}
+
+void CertificateMap::changed() {
+  ++changes;
+  lastChange = Clock::now();
+}
+
+}  // namespace SnmpdPlugin

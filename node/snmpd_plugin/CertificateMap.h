@@ -1,0 +1,42 @@
+#ifndef SNMPD_PLUGIN_CERTIFICATE_MAP_H
+#define SNMPD_PLUGIN_CERTIFICATE_MAP_H
+
+#include <openssl/x509.h>
+
+#include <string>
+#include <vector>
+
+namespace SnmpdPlugin {
+
+/** A certificate, its issuer, and so on. Not owned. */
+using CertificateChain = std::vector<X509*>;
+
+/** How a security name is made of a certificate (RFC 6353, snmpTlstmCertToTSNMIBIdentities). */
+enum class NameMapping { Specified = 1, Rfc822Name, DnsName, IpAddress, AnyAltName, CommonName };
+
+/**
+ * Who is trusted, and under which security name: the rows of snmpTlstmCertToTSNTable in the library's own container,
+ * with those from the agent's configuration among them. A fingerprint matches whatever hash the certificate was signed
+ * with.
+ */
+class CertificateMap {
+ public:
+  CertificateMap() = delete;
+
+  /** Fingerprints of all rows, plain. */
+  static std::vector<std::string> fingerprints();
+  /** The security name of the first row that has one for a certificate of the chain; empty: none has. */
+  static std::string securityNameOf(const CertificateChain& chain);
+
+  /**
+   * Whether there are rows and none is being written: the agent gets them one after the other when it has started, and
+   * a peer should not be refused meanwhile.
+   */
+  static bool isSettled();
+  /** Counts the changes of the rows, so that who has looked at them knows when to look again. */
+  static unsigned generation();
+  static void changed();
+};
+
+}  // namespace SnmpdPlugin
+#endif

@@ -1,0 +1,78 @@
+#include "DtlsContext.h"
+
+#include "NetSnmp.h"
+
+#include <openssl/err.h>
+
+#include <map>
+#include <sstream>
+
+#include "DtlsSession.h"
+
+namespace SnmpdPlugin {
+
+namespace {
+
+using NodeTls::TlsFault;
+
+std::map<std::string, std::shared_ptr<DtlsContext>>& contexts() {
+  // Never destroyed: snmpd closes its sessions while it exits.
+  static auto* const map = new std::map<std::string, std::shared_ptr<DtlsContext>>;
+  return *map;
+}
+
+std::string setting(int which) {
+  const char* value = netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, which);
+  return value == nullptr ? "" : value;
+}
+
+std::string libraryReason() {
+  const unsigned long error = ERR_peek_last_error();
+  const char* reason = ERR_reason_error_string(error);
+  ERR_clear_error();
+  return reason == nullptr ? "unknown reason" : reason;
+}
+
+void present(SSL_CTX* context, const NodeTls::Identity& identity, const std::string& name) {
+  bool isUsable =
+      SSL_CTX_use_certificate(context, identity.certificate) == 1 && SSL_CTX_use_PrivateKey(context, identity.key) == 1;
+  for (X509* issuer : identity.issuers) isUsable = isUsable && SSL_CTX_add1_chain_cert(context, issuer) == 1;
+  if (!isUsable) throw TlsFault("the certificate '" + name + "' cannot be used: " + libraryReason());
+}
+
+}  // namespace
+
+std::shared_ptr<DtlsContext> DtlsContext::get(const std::string& certificate) {
+  const std::string name = certificate.empty() ? setting(NETSNMP_DS_LIB_TLS_LOCAL_CERT) : certificate;
+  if (name.empty()) throw TlsFault("the node has no certificate that can be used");
+  auto& context = contexts()[name];
+  if (!context) context = std::shared_ptr<DtlsContext>(new DtlsContext(name));
+  return context;
+}
+
+void DtlsContext::forgetAll() { contexts().clear(); }
+
+NodeTls::CertificateFolder DtlsContext::readFolder() {
+  // Where the library looks for certificates, too.
+  const char* path = netsnmp_getenv("SNMPCONFPATH");
+  std::istringstream folders(path != nullptr ? path : get_configuration_directory());
+  std::string folder;
+  while (std::getline(folders, folder, ENV_SEPARATOR_CHAR))
+    if (std::filesystem::is_directory(folder + "/tls")) break;
+  return NodeTls::CertificateFolder(folder + "/tls");
+}
+
+DtlsContext::DtlsContext(const std::string& certificate) : _folder(readFolder()), _context(SSL_CTX_new(DTLS_method())) {
+  if (!_context) throw TlsFault("DTLS is not to be had: " + libraryReason());
+  SSL_CTX_set_min_proto_version(_context.get(), DTLS1_2_VERSION);
+  SSL_CTX_set_options(_context.get(), SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_TICKET | SSL_OP_NO_QUERY_MTU);
+  SSL_CTX_set_session_cache_mode(_context.get(), SSL_SESS_CACHE_OFF);
+  SSL_CTX_set_read_ahead(_context.get(), 1);
+  present(_context.get(), _folder.identity(certificate), certificate);
+  const std::string ciphers = setting(NETSNMP_DS_LIB_TLS_ALGORITMS);
+  if (!ciphers.empty() && SSL_CTX_set_cipher_list(_context.get(), ciphers.c_str()) != 1)
+    throw TlsFault("the cipher filter '" + ciphers + "' cannot be used: " + libraryReason());
+  DtlsSession::prepare(_context.get());
+}
+
+}  // namespace SnmpdPlugin

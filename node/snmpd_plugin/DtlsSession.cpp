@@ -1,0 +1,284 @@
+#include "DtlsSession.h"
+
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+#include <openssl/rand.h>
+#include <openssl/x509v3.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+namespace SnmpdPlugin {
+
+namespace {
+
+/** Octets of a datagram of the handshake, so small that no network on the way has to split it. */
+constexpr long HandshakeMtu = 1200;
+constexpr unsigned FirstRepeatMicroseconds = 500000;
+constexpr unsigned LastRepeatMicroseconds = 2000000;
+constexpr size_t SecretOctets = 32;
+
+const std::array<unsigned char, SecretOctets>& cookieSecret() {
+  static const std::array<unsigned char, SecretOctets> secret = [] {
+    std::array<unsigned char, SecretOctets> octets{};
+    if (RAND_bytes(octets.data(), SecretOctets) != 1) throw NodeTls::TlsFault("no random numbers are to be had");
+    return octets;
+  }();
+  return secret;
+}
+
+unsigned nextRepeat(SSL*, unsigned last) {
+  return last == 0 ? FirstRepeatMicroseconds : std::min(2 * last, LastRepeatMicroseconds);
+}
+
+std::string describe(const X509* certificate) {
+  return "the certificate of " + NodeTls::subjectOf(certificate) + " (" + NodeTls::nodeFingerprintOf(certificate) + ")";
+}
+
+bool hasAnyOf(const X509* certificate, const std::vector<std::string>& fingerprints) {
+  return std::any_of(fingerprints.begin(), fingerprints.end(), [certificate](const std::string& fingerprint) {
+    return NodeTls::hasFingerprint(certificate, fingerprint);
+  });
+}
+
+CertificateChain toChain(const STACK_OF(X509) * stack, X509* own) {
+  CertificateChain chain;
+  for (int i = 0; i < sk_X509_num(stack); ++i) chain.push_back(sk_X509_value(stack, i));
+  if (chain.empty() && own != nullptr) chain.push_back(own);
+  return chain;
+}
+
+}  // namespace
+
+DtlsSession& DtlsSession::of(const SSL* ssl) { return *static_cast<DtlsSession*>(SSL_get_app_data(ssl)); }
+
+void DtlsSession::prepare(SSL_CTX* context) {
+  SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+  SSL_CTX_set_cert_verify_callback(context, verifyPeer, nullptr);
+  SSL_CTX_set_cookie_generate_cb(context, makeCookie);
+  SSL_CTX_set_cookie_verify_cb(context, checkCookie);
+  cookieSecret();
+}
+
+DtlsSession::DtlsSession(std::shared_ptr<DtlsContext> context, Role role, const std::string& address, Send send)
+    : _context(std::move(context)), _address(address), _send(std::move(send)), _ssl(SSL_new(_context->ssl())) {
+  BIO* bio = BIO_new(datagramMethod());
+  if (!_ssl || bio == nullptr) {
+    BIO_free(bio);
+    throw NodeTls::TlsFault("no memory for a DTLS association");
+  }
+  BIO_set_data(bio, this);
+  BIO_set_init(bio, 1);
+  SSL_set_bio(_ssl.get(), bio, bio);
+  SSL_set_app_data(_ssl.get(), this);
+  SSL_set_mtu(_ssl.get(), HandshakeMtu);
+  DTLS_set_timer_cb(_ssl.get(), nextRepeat);
+  if (role == Role::Client) {
+    SSL_set_connect_state(_ssl.get());
+    _isAddressProven = true;
+  } else {
+    SSL_set_options(_ssl.get(), SSL_OP_COOKIE_EXCHANGE);
+    SSL_set_accept_state(_ssl.get());
+  }
+}
+
+DtlsSession::~DtlsSession() { close(); }
+
+void DtlsSession::handshake() {
+  ERR_clear_error();
+  const int result = SSL_do_handshake(_ssl.get());
+  if (result == 1)
+    _isEstablished = true;
+  else
+    evaluate(result, "handshake");
+}
+
+size_t DtlsSession::receive(const void* datagram, size_t size, void* message, size_t capacity) {
+  if (_isDead) return 0;
+  _datagram = datagram;
+  _datagramSize = size;
+  if (!_isEstablished) handshake();
+  size_t length = 0;
+  if (isEstablished()) {
+    ERR_clear_error();
+    const int result = SSL_read(_ssl.get(), message, static_cast<int>(capacity));
+    if (result > 0)
+      length = static_cast<size_t>(result);
+    else
+      evaluate(result, "reception");
+  }
+  _datagram = nullptr;
+  return length;
+}
+
+bool DtlsSession::send(const void* message, size_t size) {
+  if (!isEstablished()) return false;
+  ERR_clear_error();
+  const int result = SSL_write(_ssl.get(), message, static_cast<int>(size));
+  if (result > 0) return !_isDead;
+  evaluate(result, "transmission");
+  // Nothing is kept for a second attempt, as the library might expect.
+  if (!_isDead) die("transmission failed");
+  return false;
+}
+
+void DtlsSession::close() {
+  if (isEstablished()) SSL_shutdown(_ssl.get());
+  ERR_clear_error();
+  _isDead = true;
+}
+
+void DtlsSession::evaluate(int result, const char* operation) {
+  const int kind = SSL_get_error(_ssl.get(), result);
+  if (kind == SSL_ERROR_WANT_READ || kind == SSL_ERROR_WANT_WRITE) return;
+  if (kind == SSL_ERROR_ZERO_RETURN) {
+    die("");
+    return;
+  }
+  const char* reason = ERR_reason_error_string(ERR_peek_error());
+  die(std::string(operation) + " failed: " + (reason == nullptr ? "unknown reason" : reason));
+  ERR_clear_error();
+}
+
+void DtlsSession::die(const std::string& fault) {
+  _isDead = true;
+  // What was found out first is the reason for what follows.
+  if (_fault.empty()) _fault = fault;
+}
+
+CertificateChain DtlsSession::peerChain() const {
+  if (!_isEstablished) return {};
+  return toChain(SSL_get0_verified_chain(_ssl.get()), SSL_get0_peer_certificate(_ssl.get()));
+}
+
+std::optional<std::chrono::milliseconds> DtlsSession::timer() const {
+  timeval left{};
+  if (_isDead || DTLSv1_get_timeout(_ssl.get(), &left) != 1) return std::nullopt;
+  return std::chrono::seconds(left.tv_sec) + std::chrono::milliseconds(left.tv_usec / 1000 + 1);
+}
+
+void DtlsSession::onTimer() {
+  if (_isDead) return;
+  ERR_clear_error();
+  if (DTLSv1_handle_timeout(_ssl.get()) < 0) die("it does not answer");
+}
+
+// --- Datagrams
+
+BIO_METHOD* DtlsSession::datagramMethod() {
+  static BIO_METHOD* const method = [] {
+    BIO_METHOD* made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "datagram");
+    BIO_meth_set_write(made, writeDatagram);
+    BIO_meth_set_read(made, readDatagram);
+    BIO_meth_set_ctrl(made, control);
+    return made;
+  }();
+  return method;
+}
+
+int DtlsSession::writeDatagram(BIO* bio, const char* data, int size) {
+  auto& session = *static_cast<DtlsSession*>(BIO_get_data(bio));
+  BIO_clear_retry_flags(bio);
+  if (session._send(data, static_cast<size_t>(size))) return size;
+  // A full socket loses a datagram, as the network does; the handshake repeats its own.
+  if (errno == EAGAIN || errno == ENOBUFS) return size;
+  session.die(std::strerror(errno));
+  return -1;
+}
+
+int DtlsSession::readDatagram(BIO* bio, char* buffer, int size) {
+  auto& session = *static_cast<DtlsSession*>(BIO_get_data(bio));
+  BIO_clear_retry_flags(bio);
+  if (session._datagram == nullptr) {
+    BIO_set_retry_read(bio);
+    return -1;
+  }
+  const size_t length = std::min(session._datagramSize, static_cast<size_t>(size));
+  std::memcpy(buffer, session._datagram, length);
+  session._datagram = nullptr;
+  return static_cast<int>(length);
+}
+
+long DtlsSession::control(BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
+
+// --- The client's address
+
+int DtlsSession::makeCookie(SSL* ssl, unsigned char* cookie, unsigned* length) {
+  const std::string& address = of(ssl)._address;
+  const auto& secret = cookieSecret();
+  return HMAC(EVP_sha256(), secret.data(), static_cast<int>(secret.size()),
+              reinterpret_cast<const unsigned char*>(address.data()), address.size(), cookie, length) != nullptr;
+}
+
+int DtlsSession::checkCookie(SSL* ssl, const unsigned char* cookie, unsigned length) {
+  unsigned char wanted[EVP_MAX_MD_SIZE];
+  unsigned wantedLength = 0;
+  if (makeCookie(ssl, wanted, &wantedLength) != 1) return 0;
+  DtlsSession& session = of(ssl);
+  session._isAddressProven = length == wantedLength && CRYPTO_memcmp(cookie, wanted, length) == 0;
+  return session._isAddressProven;
+}
+
+// --- The peer's certificate
+
+int DtlsSession::verifyPeer(X509_STORE_CTX* store, void*) {
+  const auto* ssl = static_cast<SSL*>(X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
+  return of(ssl).isTrusted(store);
+}
+
+bool DtlsSession::isTrusted(X509_STORE_CTX* store) {
+  X509* own = X509_STORE_CTX_get0_cert(store);
+  std::vector<std::string> trusted = CertificateMap::fingerprints();
+  trusted.insert(trusted.end(), _expectation.trusted.begin(), _expectation.trusted.end());
+  const auto refuse = [&](const std::string& text, int error) {
+    _fault = describe(own) + " " + text;
+    X509_STORE_CTX_set_error(store, error);
+    return false;
+  };
+  CertificateChain chain{own};
+  if (hasAnyOf(own, trusted)) {
+    // A certificate that is known itself needs nobody to vouch for it (RFC 6353, 5.3.2).
+    const std::string fault = NodeTls::validityFaultOf(own);
+    if (!fault.empty()) return refuse(fault, X509_V_ERR_CERT_HAS_EXPIRED);
+  } else {
+    const std::unique_ptr<STACK_OF(X509), void (*)(STACK_OF(X509)*)> anchors(
+        sk_X509_new_null(), [](STACK_OF(X509) * stack) { sk_X509_free(stack); });
+    for (const NodeTls::Certificate& certificate : _context->folder().certificates())
+      if (hasAnyOf(certificate.get(), trusted)) sk_X509_push(anchors.get(), certificate.get());
+    X509_STORE_CTX_set0_trusted_stack(store, anchors.get());
+    X509_STORE_CTX_set_flags(store, X509_V_FLAG_PARTIAL_CHAIN);
+    if (X509_verify_cert(store) != 1)
+      return refuse(std::string("is not trusted: ") + X509_verify_cert_error_string(X509_STORE_CTX_get_error(store)),
+                    X509_STORE_CTX_get_error(store));
+    chain = toChain(X509_STORE_CTX_get0_chain(store), own);
+  }
+  const std::string fault = expectationFault(chain);
+  if (!fault.empty()) return refuse(fault, X509_V_ERR_CERT_REJECTED);
+  X509_STORE_CTX_set_error(store, X509_V_OK);
+  return true;
+}
+
+bool DtlsSession::expect(PeerExpectation expectation) {
+  _expectation = std::move(expectation);
+  return !_isEstablished || expectationFault(peerChain()).empty();
+}
+
+std::string DtlsSession::expectationFault(const CertificateChain& chain) const {
+  for (const std::string& required : _expectation.required) {
+    const bool isThere = std::any_of(chain.begin(), chain.end(), [&](const X509* certificate) {
+      return NodeTls::hasFingerprint(certificate, required);
+    });
+    if (!isThere) return "is not the expected one, " + required;
+  }
+  for (const std::string& host : _expectation.hosts) {
+    if (X509_check_ip_asc(chain.front(), host.c_str(), 0) != 1 &&
+        X509_check_host(chain.front(), host.data(), host.size(), 0, nullptr) != 1)
+      return "does not name the expected host '" + host + "'";
+  }
+  return {};
+}
+
+}  // namespace SnmpdPlugin

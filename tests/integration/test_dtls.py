@@ -1,0 +1,469 @@
+"""SNMP over DTLS as the agent speaks it with the node's plugin: its tables, certificates, receivers and managers."""
+
+import os
+import socket
+import stat
+import subprocess
+import time
+
+import pytest
+
+from dtls import (ADDR, ANY, CERT, COMMON_NAME, CONFIGURATION, CREATE_AND_WAIT, DESTROY, DNS, IP, MAPPING, PARAMS,
+                  RFC822, SPECIFIED, Credential, DtlsManager, DtlsReceiver, add_dtls_target, addr_row, allow,
+                  fingerprint, openssl, params_row, remove_target, trust_row)
+from tarn_node import TarnNode, oid_index
+from vela import eventually, free_port
+
+UPTIME = ".1.3.6.1.2.1.1.3.0"
+
+
+class DtlsNode(TarnNode):
+    """A node whose agent listens for DTLS as well."""
+
+    def __init__(self, folder, credential, host="127.0.0.1"):
+        super().__init__(folder)
+        self.host = host
+        family = socket.AF_INET6 if ":" in host else socket.AF_INET
+        self.dtls_port = free_port(family, host)
+        self.configuration = self.folder / "no-backup/etc/snmp"
+        self.tarn("tls", "show")
+        self.credential = credential
+        if credential:
+            credential.install(self.configuration, key=True)
+
+    def start(self):
+        dtls = f"dtlsudp6:[{self.host}]:{self.dtls_port}" if ":" in self.host else f"dtlsudp:{self.host}:{self.dtls_port}"
+        self.configure(f"ipAddress=udp:127.0.0.1:{self.port},{dtls}",
+                       *([f"dtlsNodeCredential={self.credential.fingerprint}"] if self.credential else []))
+        self.tarn("snmp", "start")
+        self.enable_notifications()
+        return self
+
+    def refused(self, *varbinds):
+        """The error with which a SET is refused."""
+        result = self.snmp("snmpset", *varbinds)
+        assert result.returncode != 0
+        return next(line.split(": ", 1)[1].split(" ")[0] for line in result.stderr.splitlines()
+                    if line.startswith("Reason"))
+
+
+@pytest.fixture
+def credentials(folder):
+    return lambda name, **options: Credential(folder / "made", name, **options)
+
+
+@pytest.fixture
+def own(credentials):
+    return credentials("node")
+
+
+@pytest.fixture
+def make_node(folder):
+    made = []
+
+    def make(credential, **options):
+        made.append(DtlsNode(folder, credential, **options))
+        return made[-1]
+
+    yield make
+    for node in made:
+        node.close()
+        print(node.log())
+
+
+@pytest.fixture
+def make_receiver(folder):
+    made = []
+
+    def make(credential, node, **options):
+        made.append(DtlsReceiver(folder / f"receiver{len(made)}", credential, node, **options))
+        return made[-1]
+
+    yield make
+    for receiver in made:
+        receiver.stop()
+        print(receiver.output())
+
+
+@pytest.fixture
+def make_manager(folder):
+    def make(credential, node):
+        return DtlsManager(folder / f"manager-{credential.name}", credential, node)
+
+    return make
+
+
+def can_read(manager, node, **options):
+    return manager.run("snmpget", node.dtls_port, UPTIME, host=node.host, **options).returncode == 0
+
+
+# --- Tables
+
+FINGERPRINT = "ab" * 20
+
+
+def table(node):
+    """All objects of the tables, as a walk shows them."""
+    output = node.snmp("snmpwalk", CONFIGURATION).stdout
+    return [tuple(line[len(CONFIGURATION) + 2:].split(" ", 1)) for line in output.splitlines() if line.startswith(".1")]
+
+
+def test_rows_of_the_tables(make_node, own):
+    node = make_node(own).start()
+    name = oid_index("nms")
+    node.set(*trust_row(7, FINGERPRINT), *trust_row(12, "cd" * 20, SPECIFIED, "boss"), *params_row(name, own.fingerprint),
+             *addr_row(name))
+    rows = table(node)
+    values = dict(rows)
+    assert [oid for oid, _ in rows] == sorted(values, key=lambda oid: [int(arc) for arc in oid.split(".")])
+    assert (values["1.0"], values["4.0"], values["7.0"]) == ("2", "1", "1")
+    assert values["3.1.2.7"].replace(" ", "").lower().strip('"') == ("02" + FINGERPRINT)[:32]  # of a line
+    assert values["3.1.3.12"] == f".{MAPPING}.{SPECIFIED}" and values["3.1.4.12"] == '"boss"'
+    assert values[f"9.1.2.{name}"] == '"*"' and values[f"6.1.3.{name}"] == "1"
+    assert node.get(f"{CERT}.6.12") == "1"
+
+    # What cannot be granted changes nothing, whatever else is in the request.
+    before = table(node)
+    again = trust_row(7, "ef" * 20)
+    for request, error in (
+            (again, "inconsistentValue"),
+            (trust_row(8, FINGERPRINT) + again, "inconsistentValue"),
+            (trust_row(8, FINGERPRINT)[3:], "inconsistentValue"),  # no fingerprint
+            ([f"{CERT}.4.9", "s", "x"], "inconsistentName"),  # no such row
+            ([f"{CERT}.6.7", "i", 3], "wrongValue"), ([f"{CERT}.6.7", "i", 7], "wrongValue"),
+            ([f"{CERT}.5.7", "i", 4], "wrongValue"), ([f"{CERT}.3.7", "o", f"{MAPPING}.9"], "wrongValue"),
+            ([f"{CERT}.2.7", "x", "02aabb"], "wrongLength"), ([f"{CERT}.2.7", "x", "09" + FINGERPRINT], "wrongValue"),
+            ([f"{CERT}.2.7", "i", 1], "wrongType"), ([f"{CERT}.7.7", "i", 1], "notWritable"),
+            ([f"{CERT}.6.7.7", "i", 4], "noCreation"),
+            ([f"{ADDR}.4." + ".".join(["65"] * 33), "i", 4], "noCreation"),
+            (params_row(oid_index("other"), FINGERPRINT), "wrongValue")):
+        assert node.refused(*request) == error, request
+    assert table(node) == before
+
+    # A row that is made in steps, changed, taken out of service, and removed; a row that is not there can be removed.
+    node.set(f"{CERT}.6.20", "i", CREATE_AND_WAIT)
+    assert node.get(f"{CERT}.6.20") == "3"
+    assert node.refused(f"{CERT}.6.20", "i", 1) == "inconsistentValue"
+    node.set(f"{CERT}.2.20", "x", "02" + FINGERPRINT, f"{CERT}.3.20", "o", f"{MAPPING}.{DNS}")
+    assert node.get(f"{CERT}.6.20") == "2"
+    node.set(f"{CERT}.6.20", "i", 1)
+    node.set(f"{CERT}.4.20", "s", "new", f"{CERT}.6.20", "i", 2)
+    assert (node.get(f"{CERT}.6.20"), node.get(f"{CERT}.4.20")) == ("2", "new")
+    changed = int(node.get(f"{CONFIGURATION}.2.0").replace(":", "").replace(".", ""))
+    eventually(lambda: int(node.get(UPTIME).replace(":", "").replace(".", "")) > changed)
+    node.set(f"{CERT}.6.20", "i", DESTROY, f"{CERT}.6.7", "i", DESTROY, f"{CERT}.6.99", "i", DESTROY,
+             f"{PARAMS}.3.{name}", "i", DESTROY, f"{ADDR}.4.{name}", "i", DESTROY)
+    assert [oid for oid, _ in table(node) if ".1." in oid] == [f"3.1.{column}.12" for column in range(2, 7)]
+    assert int(node.get(f"{CONFIGURATION}.2.0").replace(":", "").replace(".", "")) > changed
+
+
+# --- Certificates
+
+@pytest.mark.parametrize("kind", [("sha256", "ec"), ("sha384", "ec"), ("sha384", "rsa"), ("sha512", "rsa")])
+def test_fingerprints_select_certificates_whatever_they_were_signed_with(make_node, make_receiver, make_manager,
+                                                                        credentials, kind):
+    own = credentials("own", hash=kind[0], key=kind[1])
+    peer = credentials("peer", hash=kind[0], key=kind[1])
+    receiver = make_receiver(peer, own).start()
+    node = make_node(own).start()
+    node.set(*trust_row(1, peer.fingerprint))
+    allow(node, "peer")
+    assert can_read(make_manager(peer, own), node)
+    add_dtls_target(node, "nms", receiver.port, own.fingerprint)
+    node.notify()
+    eventually(receiver.received)
+    assert "user node" in receiver.received()[0]
+
+
+def test_who_is_in_no_trust_category_is_refused(make_node, make_manager, credentials, own):
+    friend, stranger = credentials("friend"), credentials("stranger")
+    node = make_node(own).start()
+    # On file, and allowed to read: only the row is missing.
+    stranger.install(node.configuration)
+    for name in ("friend", "stranger"):
+        allow(node, name)
+    node.set(*trust_row(1, friend.fingerprint))
+    assert can_read(make_manager(friend, own), node)
+    assert not can_read(make_manager(stranger, own), node, timeout=0.5)
+    assert "stranger" in node.log() and "is not trusted" in node.log()
+    node.set(*trust_row(2, stranger.fingerprint))
+    assert can_read(make_manager(stranger, own), node)
+    # A manager with an association of its own is cut off, too.
+    walk = [f"{UPTIME}"] * 20
+    node.set(f"{CERT}.6.1", "i", DESTROY)
+    assert make_manager(friend, own).run("snmpget", node.dtls_port, *walk, timeout=0.5).returncode != 0
+
+
+def test_an_authority_vouches_for_its_own_and_names_come_from_the_peers_certificate(make_node, make_manager,
+                                                                                    credentials, own):
+    authority = credentials("authority", usage="basicConstraints=critical,CA:true")
+    member = credentials("member", issuer=authority)
+    outdated = credentials("outdated", issuer=authority, days=-1)
+    node = make_node(own).start()
+    node.set(*trust_row(1, authority.fingerprint))
+    allow(node, "member")
+    allow(node, "outdated")
+    manager = make_manager(member, own)
+    # The node has to have the authority's certificate to know what it signed.
+    assert not can_read(manager, node, timeout=0.5)
+    authority.install(node.configuration)
+    node.set(f"{CERT}.6.1", "i", DESTROY)
+    node.set(*trust_row(1, authority.fingerprint))
+    assert can_read(manager, node)
+    assert not can_read(make_manager(outdated, own), node, timeout=0.5)
+
+
+@pytest.mark.parametrize("mapping, name", [
+    (ANY, "Boss@example.net"), (RFC822, "Boss@example.net"), (DNS, "host.example.net"), (IP, "192.0.2.7"),
+    (COMMON_NAME, "The Boss"), (SPECIFIED, "somebody else")])
+def test_security_names(make_node, make_manager, credentials, own, mapping, name):
+    peer = credentials("peer")
+    openssl("req", "-x509", "-key", peer.key, "-subj", "/CN=The Boss", "-days", 1, "-out", peer.certificate, "-addext",
+            "subjectAltName=email:Boss@EXAMPLE.net,DNS:Host.Example.NET,IP:192.0.2.7")
+    peer.fingerprint = fingerprint(peer.certificate)
+    node = make_node(own).start()
+    allow(node, name)
+    # A row that gives no name leaves it to the next.
+    node.set(*trust_row(1, peer.fingerprint, SPECIFIED), *trust_row(2, peer.fingerprint, mapping, "somebody else"),
+             *trust_row(3, peer.fingerprint, SPECIFIED, "nobody"))
+    assert can_read(make_manager(peer, own), node)
+
+
+def spoil(node, credential, how):
+    certificate = node.configuration / "tls/certs" / credential.certificate.name
+    key = node.configuration / "tls/private" / credential.key.name
+    if how == "garbage":
+        certificate.write_text("-----BEGIN CERTIFICATE-----\nnonsense\n")
+    elif how == "missing":
+        certificate.unlink()
+    elif how == "no key":
+        key.unlink()
+    elif how == "garbage key":
+        key.write_bytes(os.urandom(100))
+    elif how == "another's key":
+        openssl("genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-out", key)
+
+
+@pytest.mark.parametrize("how, text, file", [
+    ("garbage", "there is no certificate in", "certs/node.crt"), ("missing", "there is no certificate", "tls/certs"),
+    ("no key", "there is no private key for the certificate", "certs/node.crt"),
+    ("garbage key", "there is no private key", "private/node.key"),
+    ("another's key", "does not belong to the certificate", "private/node.key"),
+    ("expired", "has expired on", "certs/node.crt")])
+def test_a_credential_that_cannot_be_used_is_told_and_harms_nobody(make_node, credentials, receivers, own, how, text,
+                                                                   file):
+    if how == "expired":
+        own = credentials("node", days=-1)
+    node = make_node(own)
+    spoil(node, own, how)
+    result = node.run("snmp", "configure", f"dtlsNodeCredential={own.fingerprint}")
+    assert result.returncode == 0 and len(result.stderr.splitlines()) == 1
+    assert text in result.stderr and file in result.stderr
+    bystander = receivers()
+    node.start()
+    node.add_target("nms", bystander.port)
+    index = oid_index("secure")
+    assert node.refused(*params_row(index, own.fingerprint)) == "wrongValue"
+    assert text in node.log() and file in node.log()
+    node.notify()
+    eventually(lambda: bystander.notifications)
+    # What was mended is used at once.
+    Credential(node.folder.parent / "mended", "mended").install(node.configuration, key=True)
+    mended = fingerprint(node.configuration / "tls/certs/mended.crt")
+    node.set(*params_row(index, mended))
+
+
+def test_the_tool_makes_takes_and_shows_certificates(make_node, credentials, folder):
+    node = make_node(None)
+    first = node.tarn("tls", "init")
+    assert node.tarn("tls", "init") == first
+    certificate, key = node.configuration / "tls/certs/node.crt", node.configuration / "tls/private/node.key"
+    assert fingerprint(certificate) == first
+    assert stat.S_IMODE(key.stat().st_mode) == 0o600
+    peer = credentials("peer")
+    assert node.tarn("tls", "add", str(peer.certificate)) == peer.fingerprint
+    (node.configuration / "tls/certs/odd.crt").write_text("odd")
+    lines = node.tarn("tls", "show").splitlines()
+    assert [line.split("  ")[:3] for line in lines[:-1]] == [
+        [peer.fingerprint, f"{peer.fingerprint}.crt", "no key"], [first, "node.crt", "with key"]]
+    assert lines[-1].endswith("certs/odd.crt")
+    for arguments, status in ((["tls"], 2), (["tls", "add"], 2), (["tls", "add", str(folder / "none")], 1),
+                              (["tls", "add", str(key)], 1)):
+        result = node.run(*arguments)
+        assert result.returncode == status and len(result.stderr.splitlines()) == 1
+
+
+# --- Receivers
+
+class Silent:
+    """A port that takes datagrams and never answers."""
+
+    def __init__(self):
+        self.port = free_port()
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.socket.bind(("127.0.0.1", self.port))
+
+    def close(self):
+        self.socket.close()
+
+
+def test_receivers_that_are_down_hold_nobody_up(make_node, make_receiver, receivers, credentials, own):
+    peer = credentials("peer")
+    down = make_receiver(peer, own)
+    silent = Silent()
+    bystander = receivers()
+    node = make_node(own).start()
+    node.set(*trust_row(1, peer.fingerprint))
+    add_dtls_target(node, "down", down.port, own.fingerprint)
+    add_dtls_target(node, "silent", silent.port, own.fingerprint)
+    node.add_target("nms", bystander.port)
+    for number in range(1, 21):
+        before = time.monotonic()
+        node.notify()
+        eventually(lambda n=number: len(bystander.datagrams) >= n, interval=0.001)
+        assert bystander.times[number - 1] - before < 0.05
+    # Once it answers, it gets what waited, as separate messages and in order.
+    down.start()
+    eventually(lambda: len(down.received()) == 20, 10, "what waited arrives")
+    ticks = [int(line.split("Timeticks: (")[1].split(")")[0]) for line in down.received()]
+    assert ticks == sorted(ticks)
+    # Removing a target for which messages wait takes no time, either.
+    before = time.monotonic()
+    remove_target(node, "silent")
+    node.get(UPTIME)
+    assert time.monotonic() - before < 0.5
+    assert node.log().count("is not reached") <= 3
+    silent.close()
+
+
+def test_a_receiver_that_was_restarted_gets_what_is_sent_next(make_node, make_receiver, credentials, own):
+    peer = credentials("peer")
+    receiver = make_receiver(peer, own).start()
+    node = make_node(own).start()
+    node.set(*trust_row(1, peer.fingerprint))
+    add_dtls_target(node, "nms", receiver.port, own.fingerprint)
+    node.notify()
+    eventually(lambda: len(receiver.received()) == 1)
+    # While nothing was sent: nobody tells the agent. It asks anew when it has not heard of the receiver for a while.
+    receiver.stop()
+    receiver.start()
+    time.sleep(2)
+    node.notify()
+    eventually(lambda: len(receiver.received()) == 2, 5)
+    # Killed, and noticed by what could not be delivered.
+    receiver.stop(how=9)
+    for _ in range(3):
+        node.notify()
+        time.sleep(0.1)
+    receiver.start()
+    node.notify()
+    eventually(lambda: len(receiver.received()) >= 5, 5, "all but the one that was on its way")
+
+
+def test_a_burst_while_rows_are_new_arrives_whole(make_node, make_receiver, credentials, own):
+    peer = credentials("peer")
+    receiver = make_receiver(peer, own).start()
+    node = make_node(own).start()
+    node.set(*trust_row(1, peer.fingerprint))
+    # In the second of the SET the agent opens its session anew for every notification.
+    add_dtls_target(node, "nms", receiver.port, own.fingerprint)
+    for _ in range(100):
+        node.notify()
+    eventually(lambda: len(receiver.received()) >= 100, 10, "every notification arrives")
+    node.notify()
+    eventually(lambda: len(receiver.received()) == 101)
+
+
+def test_a_receiver_that_is_not_trusted_gets_nothing(make_node, make_receiver, credentials, own):
+    peer, stranger = credentials("peer"), credentials("stranger")
+    impostor = make_receiver(stranger, own).start()
+    node = make_node(own).start()
+    node.set(*trust_row(1, peer.fingerprint))
+    add_dtls_target(node, "nms", impostor.port, own.fingerprint)
+    node.notify()
+    eventually(lambda: "CN = stranger" in node.log() and "is not trusted" in node.log())
+    # It keeps what is left of the broken handshake, and then takes no other.
+    impostor.stop()
+    node.set(*trust_row(2, stranger.fingerprint))
+    impostor.start()
+    eventually(impostor.received, 10, "what waited, now that it is trusted")
+
+
+@pytest.mark.parametrize("option", ["their_identity", "trust_cert"])
+def test_informs(make_node, make_receiver, receivers, credentials, own, option):
+    peer = credentials("peer")
+    receiver = make_receiver(peer, own)
+    node = make_node(own)
+    node.configure_list("trapsess", f"trapsess -Ci -v 3 -l authPriv -T our_identity={own.fingerprint} "
+                        f"-T {option}={peer.fingerprint} -r 5 -t 1 dtlsudp:127.0.0.1:{receiver.port}")
+    node.start()
+    bystander = receivers()
+    node.add_target("nms", bystander.port)
+    for number in range(1, 4):
+        before = time.monotonic()
+        node.notify()
+        eventually(lambda n=number: len(bystander.datagrams) >= n, interval=0.001)
+        assert bystander.times[number - 1] - before < 0.05
+    # The requests are repeated meanwhile, but each arrives once.
+    time.sleep(1.5)
+    receiver.start()
+    eventually(lambda: len(receiver.received()) >= 4, 10, "the cold start and three more")
+    node.notify()
+    eventually(lambda: len(receiver.received()) == 5)
+    assert all(line.startswith("INFORM") for line in receiver.received())
+    assert "does not answer" not in node.log()
+    # Restarted while one is under way: the repetition reaches it.
+    receiver.stop()
+    node.notify()
+    receiver.start()
+    eventually(lambda: len(receiver.received()) == 6, 10)
+
+
+def test_ipv6(make_node, make_receiver, make_manager, credentials, own):
+    peer = credentials("peer")
+    receiver = make_receiver(peer, own, host="::1").start()
+    node = make_node(own, host="::1")
+    node.configure_list("trapsess", f"trapsess -Ci -v 3 -l authPriv -T our_identity={own.fingerprint} "
+                        f"-T their_identity={peer.fingerprint} -r 3 -t 1 dtlsudp6:[::1]:{receiver.port}")
+    node.start()
+    eventually(lambda: len(receiver.received()) == 1, what="the cold start as an inform")
+    node.set(*trust_row(1, peer.fingerprint))
+    allow(node, "peer")
+    assert can_read(make_manager(peer, own), node)
+    add_dtls_target(node, "nms", receiver.port, own.fingerprint, host="::1")
+    node.notify()
+    eventually(lambda: sorted(line.split(",")[0] for line in receiver.received()) == ["INFORM", "INFORM", "TRAP2"])
+
+
+# --- Strangers at the port
+
+def test_nonsense_and_many_beginnings_do_not_keep_managers_out(make_node, make_manager, credentials, own):
+    peer = credentials("peer")
+    node = make_node(own).start()
+    node.set(*trust_row(1, peer.fingerprint))
+    allow(node, "peer")
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+        probe.bind(("127.0.0.1", 0))
+        client = subprocess.Popen(["openssl", "s_client", "-dtls1_2", "-connect",
+                                   f"127.0.0.1:{probe.getsockname()[1]}"], stdin=subprocess.DEVNULL,
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        hello = probe.recv(65535)
+        client.kill()
+        client.wait()
+    assert hello[0] == 22 and hello[13] == 1
+    for number in range(300):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as stranger:
+            stranger.sendto(hello, ("127.0.0.1", node.dtls_port))
+            stranger.sendto(os.urandom(number), ("127.0.0.1", node.dtls_port))
+            stranger.sendto(hello[:13 + number % (len(hello) - 13)], ("127.0.0.1", node.dtls_port))
+    assert can_read(make_manager(peer, own), node)
+    assert node.pid() and len(node.log().splitlines()) < 50
+
+
+def test_a_manager_needs_a_certificate_and_an_up_to_date_protocol(make_node, own):
+    node = make_node(own).start()
+    for options in ([], ["-dtls1"]):
+        result = subprocess.run(["openssl", "s_client", *options, "-dtls", "-connect", f"127.0.0.1:{node.dtls_port}"],
+                                stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=10, check=False)
+        assert "Verify return code" not in result.stdout or "alert" in result.stderr
+    eventually(lambda: "is refused" in node.log())
