@@ -28,8 +28,8 @@ class SecApi {
   std::string decrypt(const std::string& cipherText);
 
  private:
+  // The library stays open until the process ends: its own objects may be gone before this one is destroyed.
   SecApi() = default;
-  ~SecApi();
 };
 
 }  // namespace Vela

@@ -30,7 +30,8 @@ class ThreadWPipes {
 
   /** Starts the thread on a body that outlives it. Throws Poco::Exception when it runs already. */
   void start(Poco::Runnable& body);
-  /** Waits for the thread's end, at most so many milliseconds. True when it has ended (or never ran). */
+  /** Waits for the thread's end, at most so many milliseconds. True when it has ended (or never ran); what it did is
+      visible then. start and join are for one thread at a time. */
   bool join(long milliseconds);
   bool isRunning() const;
 
@@ -43,6 +44,7 @@ class ThreadWPipes {
 
  private:
   Poco::Thread _thread;
+  bool _isStarted = false; /**< and not joined since */
   mutable Poco::FastMutex _mutex;
   std::deque<std::unique_ptr<PipeMessage>> _input;
   int _readFd = -1;

@@ -80,10 +80,6 @@ SecApi& SecApi::getInstance() {
   return instance;
 }
 
-SecApi::~SecApi() {
-  if (library.handle != nullptr) library.close();
-}
-
 bool SecApi::isAvailable() { return loaded() != nullptr; }
 
 int SecApi::getDescriptor() {

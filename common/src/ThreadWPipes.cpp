@@ -11,6 +11,10 @@
 
 namespace Vela {
 
+namespace {
+constexpr long EndOfThreadTimeout = 1000; /**< milliseconds */
+}
+
 ThreadWPipes::ThreadWPipes(const std::string& name) : _thread(name) {
   int descriptors[2];
   if (::pipe2(descriptors, O_CLOEXEC | O_NONBLOCK) != 0) {
@@ -25,9 +29,17 @@ ThreadWPipes::~ThreadWPipes() {
   ::close(_writeFd);
 }
 
-void ThreadWPipes::start(Poco::Runnable& body) { _thread.start(body); }
+void ThreadWPipes::start(Poco::Runnable& body) {
+  // A body that has returned may still be on its way out of its thread.
+  if (!isRunning()) join(EndOfThreadTimeout);
+  _thread.start(body);
+  _isStarted = true;
+}
 
-bool ThreadWPipes::join(long milliseconds) { return !_thread.isRunning() || _thread.tryJoin(milliseconds); }
+bool ThreadWPipes::join(long milliseconds) {
+  if (_isStarted && _thread.tryJoin(milliseconds)) _isStarted = false;
+  return !_isStarted;
+}
 
 bool ThreadWPipes::isRunning() const { return _thread.isRunning(); }
 

@@ -19,6 +19,7 @@ using Column = const unsigned long[11];
 
 // vacmSecurityToGroupTable and vacmAccessTable (RFC 3415): table entry and column.
 constexpr Column groupName = {1, 3, 6, 1, 6, 3, 16, 1, 2, 1, 3};
+constexpr Column groupStorageType = {1, 3, 6, 1, 6, 3, 16, 1, 2, 1, 4};
 constexpr Column groupStatus = {1, 3, 6, 1, 6, 3, 16, 1, 2, 1, 5};
 constexpr Column accessContextMatch = {1, 3, 6, 1, 6, 3, 16, 1, 4, 1, 4};
 constexpr Column accessReadView = {1, 3, 6, 1, 6, 3, 16, 1, 4, 1, 5};
@@ -104,10 +105,12 @@ void AccessConfigurator::addAccess(SnmpMaSession& session, const AccessKey& key,
 void AccessConfigurator::replaceAccess(SnmpMaSession& session, const AccessKey& key, const AccessViews& views) {
   if (key.securityName.empty() || key.securityName.size() > maxSecurityName)
     throw ConfigurationFault("security name must be between 1 and %zu octets in length", maxSecurityName);
-  SnmpPdu deletion(SNMP_MSG_SET);
-  vacmDeleteSec2Group(deletion, key);
-  vacmDeleteAccess(deletion, key);
-  MasterAgentTables::send(session, label("vacmDeleteAccess", key), deletion);
+  if (!_isKnown || _written.count(key) != 0 || isGroupShared(key)) {
+    SnmpPdu deletion(SNMP_MSG_SET);
+    vacmDeleteSec2Group(deletion, key);
+    vacmDeleteAccess(deletion, key);
+    MasterAgentTables::send(session, label("vacmDeleteAccess", key), deletion);
+  }
   _written[key] = AccessViews();
   SnmpPdu creation(SNMP_MSG_SET);
   vacmCreateSec2Group(creation, key);
@@ -136,6 +139,7 @@ bool AccessConfigurator::isGroupShared(const AccessKey& key) const {
 
 void AccessConfigurator::vacmCreateSec2Group(SnmpPdu& pdu, const AccessKey& key) {
   pdu.addVarbind(groupRow(groupName, key), key.securityName);
+  pdu.addVarbind(groupRow(groupStorageType, key), StorageVolatile);
   pdu.addVarbind(groupRow(groupStatus, key), RowCreateAndGo);
 }
 

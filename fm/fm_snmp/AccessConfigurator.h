@@ -38,6 +38,8 @@ class AccessConfigurator {
   std::vector<AccessKey> getWritten() const;
   /** Forgets what was written, without a request. */
   void clear() { _written.clear(); }
+  /** Whether no rules but those written from here stand in the master agent. */
+  void setKnown(bool isKnown) { _isKnown = isKnown; }
 
   /** Replaces the group mapping and the rule of a target's community or user, or removes them. */
   void configureAccess(SnmpMaSession& session, const SnmpBaseTarget& target, const AccessViews& views, bool add);
@@ -58,6 +60,7 @@ class AccessConfigurator {
   static void vacmDeleteAccess(SnmpPdu& pdu, const AccessKey& key);
 
   std::map<AccessKey, AccessViews> _written;
+  bool _isKnown = false;
 };
 
 }  // namespace VelaFmSnmp

@@ -34,8 +34,7 @@ bool canBeName(const std::string& host) {
 AddressResolver::AddressResolver() : _family(AF_UNSPEC) {}
 
 bool AddressResolver::parse(Poco::Net::IPAddress& result, const std::string& host) {
-  // Poco's own parser refuses "::" and takes the short forms of IPv4; it is needed for the scope of an address only.
-  if (host.find('%') != std::string::npos) return Poco::Net::IPAddress::tryParse(host, result);
+  // Poco's own parser refuses "::", and takes short forms of IPv4 and scopes, which no address row has a place for.
   in6_addr octets{};
   if (::inet_pton(AF_INET, host.c_str(), &octets) == 1)
     result = Poco::Net::IPAddress(&octets, sizeof(in_addr));

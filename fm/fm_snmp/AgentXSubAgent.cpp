@@ -4,10 +4,13 @@
 #include <net-snmp/agent/agent_trap.h>
 #include <net-snmp/agent/ds_agent.h>
 #include <net-snmp/agent/net-snmp-agent-includes.h>
+#include <sys/socket.h>
 #include <sys/un.h>
-#include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <string>
 
 #include "LoggingWrapper.h"
@@ -66,6 +69,30 @@ int onConnectionClosed(int, int, void* session, void*) {
   return 0;
 }
 
+/** Whether the other end is gone with something unread. The library loses memory when it reads such a connection. */
+bool isReset(netsnmp_session& session) {
+  const netsnmp_transport* transport = snmp_sess_transport(snmp_sess_pointer(&session));
+  if (!transport) return false;
+  char octet;
+  return ::recv(transport->sock, &octet, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == ECONNRESET;
+}
+
+/** Whether somebody listens at a path. The library loses memory with each attempt that nobody answers. */
+bool isListenedAt(const std::string& path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    VELA_LOG(Vela::LogError, "agentx socket path is too long: %s", path.c_str());
+    return false;
+  }
+  path.copy(address.sun_path, path.size());
+  const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (descriptor < 0) return false;
+  const bool isListening = ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  ::close(descriptor);
+  return isListening;
+}
+
 /**
  * A stream loses nothing, so repeating a request there only multiplies it (a notification too). The time that the
  * repetitions would have taken is waited for the one answer instead.
@@ -74,6 +101,45 @@ void endRepetitions(netsnmp_session& session) {
   session.timeout *= session.retries + 1;
   session.retries = 0;
 }
+
+/**
+ * Watches the registrations while it lives. The library waits for the answer to each and tells nobody when none came;
+ * after the first that is missing, no other is waited for.
+ */
+class RegistrationWatch {
+ public:
+  RegistrationWatch() {
+    _current = this;
+    static const bool isHooked = snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_REGISTER_OID,
+                                                        &RegistrationWatch::onRegistration, nullptr) == 0;
+    static_cast<void>(isHooked);
+  }
+  ~RegistrationWatch() { _current = nullptr; }
+  RegistrationWatch(const RegistrationWatch&) = delete;
+  RegistrationWatch& operator=(const RegistrationWatch&) = delete;
+
+  /** Whether everything was answered so far. */
+  bool isAnswered() {
+    if (!main_session) return false;
+    const Clock::time_point now = Clock::now();
+    if (now - _last >= std::chrono::microseconds(main_session->timeout)) _isAnswered = false;
+    if (!_isAnswered) main_session->timeout = 1;
+    _last = now;
+    return _isAnswered;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  static int onRegistration(int, int, void*, void*) {
+    if (_current) _current->isAnswered();
+    return 0;
+  }
+
+  static inline RegistrationWatch* _current = nullptr;
+  Clock::time_point _last = Clock::now();
+  bool _isAnswered = true;
+};
 
 }  // namespace
 
@@ -94,10 +160,8 @@ void AgentXSubAgent::presetLibrary() {
 
 bool AgentXSubAgent::attach(const Settings& settings, const std::function<void()>& registerHandlers) {
   close();
-  if (settings.socket.size() >= sizeof(sockaddr_un::sun_path)) {
-    VELA_LOG(Vela::LogError, "agentx socket path is too long: %s", settings.socket.c_str());
-    return false;
-  }
+  _isMute = false;
+  if (!isListenedAt(settings.socket)) return false;
   countsOfEndedConnection = {};
   _pingInterval = settings.pingInterval;
   if (libraryInitialised) {
@@ -106,7 +170,9 @@ bool AgentXSubAgent::attach(const Settings& settings, const std::function<void()
   } else {
     if (!initLibrary(settings)) return false;
     if (main_session) endRepetitions(*main_session);
+    RegistrationWatch watch;
     registerHandlers();
+    if (isAttached() && !watch.isAnswered()) giveUp();
   }
   if (!isAttached()) return false;
   startPings();
@@ -148,8 +214,11 @@ void AgentXSubAgent::applySettings(const Settings& settings) {
 bool AgentXSubAgent::open() {
   if (subagent_open_master_session() != 0) return false;
   endRepetitions(*main_session);
+  RegistrationWatch watch;
   register_mib_reattach();
-  return true;
+  if (watch.isAnswered()) return true;
+  giveUp();
+  return false;
 }
 
 void AgentXSubAgent::startPings() {
@@ -162,7 +231,12 @@ void AgentXSubAgent::startPings() {
 void AgentXSubAgent::ping() {
   if (isAttached() && agentx_send_ping(main_session) != 0) return;
   VELA_LOG(Vela::LogWarning, "The master agent does not answer AgentX pings");
+  giveUp();
+}
+
+void AgentXSubAgent::giveUp() {
   close();
+  _isMute = true;
 }
 
 void AgentXSubAgent::close() {
@@ -187,7 +261,10 @@ void AgentXSubAgent::addDescriptors(int& count, netsnmp_large_fd_set& descriptor
   snmp_select_info2(&count, &descriptors, &timeout, &block);
 }
 
-void AgentXSubAgent::read(netsnmp_large_fd_set& ready) { snmp_read2(&ready); }
+void AgentXSubAgent::read(netsnmp_large_fd_set& ready) {
+  if (isAttached() && isReset(*main_session)) close();
+  snmp_read2(&ready);
+}
 
 void AgentXSubAgent::runTimers() {
   snmp_timeout();

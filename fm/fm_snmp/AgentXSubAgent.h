@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 
 namespace VelaFmSnmp {
 
@@ -49,6 +50,10 @@ class AgentXSubAgent {
   virtual bool attach(const Settings& settings, const std::function<void()>& registerHandlers);
   /** Drops the connection without asking the master agent, which notices by itself. */
   virtual void close();
+  /** Closes because the master agent does not answer. */
+  void giveUp();
+  /** Whether the last connection was given up; true once. */
+  bool takeMute() { return std::exchange(_isMute, false); }
   /** False from the moment at which the master agent's end of the connection is seen closed. */
   virtual bool isAttached() const;
 
@@ -70,12 +75,13 @@ class AgentXSubAgent {
  private:
   static bool initLibrary(const Settings& settings);
   static void applySettings(const Settings& settings);
-  static bool open();
+  bool open();
   void startPings();
   void ping();
 
   int _pingInterval = 0;
   unsigned int _pingAlarm = 0;
+  bool _isMute = false;
 };
 
 }  // namespace VelaFmSnmp

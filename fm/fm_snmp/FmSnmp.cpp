@@ -70,6 +70,8 @@ bool anyAttributeName(const DaxOamSpiCmEvent_Event_1T& event, Test&& test) {
 }  // namespace
 
 FmSnmp& FmSnmp::getInstance() {
+  // Made first, so that it is destroyed last: it owns the configuration that the adaptor uses until its end.
+  FmSnmpCM::getInstance();
   static FmSnmp instance;
   return instance;
 }
@@ -193,8 +195,8 @@ void FmSnmp::onHeartbeat(const char*, const void* eventValue) {
 
 void FmSnmp::onFmEvent(const char*, const void* eventValue) {
   if (!eventValue) return;
-  SnmpAlarm alarm(*static_cast<const VelaOamApiFmNotificationEventValue_4T*>(eventValue));
-  push(std::make_unique<SnmpAlarmMessage>(std::move(alarm)));
+  const auto& event = *static_cast<const VelaOamApiFmNotificationEventValue_4T*>(eventValue);
+  push(std::make_unique<SnmpAlarmMessage>(event));
 }
 
 void FmSnmp::onAlarmListRebuilt(const char*, const void*) { push(std::make_unique<SnmpAlarmListRebuiltMessage>()); }

@@ -2,6 +2,7 @@
 
 #include <cassert>
 #include <exception>
+#include <stdexcept>
 
 #include "FmSnmp.h"
 #include "LoggingWrapper.h"
@@ -41,8 +42,9 @@ VelaReturnT FmSnmpCM::initialize(const VelaMgmtSpiInterfacePortalAccessor* acces
     VELA_LOG(Vela::LogWarning, "Could not register the Fm Snmp Component.");
     return result;
   }
-  // A null name makes the string throw.
-  result = loadConfiguration(std::string(configurationFile));
+  // The text that a string made of null has with some versions of the standard library only.
+  if (!configurationFile) throw std::logic_error("basic_string::_M_construct null not valid");
+  result = loadConfiguration(configurationFile);
   if (result != VELA_OK) {
     VELA_LOG(Vela::LogWarning, "Could not load the configuration for Fm Snmp Component.");
     return result;

@@ -15,8 +15,12 @@ class SnmpMaSession;
 
 /** Values of the textual convention RowStatus (RFC 2579) that are written. */
 enum RowStatus { RowActive = 1, RowCreateAndGo = 4, RowCreateAndWait = 5, RowDestroy = 6 };
-/** The textual convention StorageType (RFC 2579). */
-enum StorageType { StorageVolatile = 2, StorageNonVolatile = 3 };
+/**
+ * The textual convention StorageType (RFC 2579). All rows are volatile: they must not outlive the agent, whose next
+ * start is configured anew, and the agent would go through all rows that it has to keep at every SET. (snmpd does not
+ * let the type of access rules be changed, so these are left as they are.)
+ */
+enum StorageType { StorageVolatile = 2 };
 /** Values of snmpNotifyType (RFC 3413). */
 enum NotifyType { NotifyTrap = 1, NotifyInform = 2 };
 /** SnmpMessageProcessingModel (RFC 3411). */
@@ -31,8 +35,8 @@ struct TargetTransport {
 };
 
 /**
- * The rows of the target, notification and spin lock objects of the master agent (RFC 3413, RFC 3411): each builder adds
- * the varbinds of one row to a SET. An empty name throws ConfigurationFault.
+ * The rows of the target, notification and spin lock objects of the master agent (RFC 3413, RFC 3411): each builder
+ * adds the varbinds of one row to a SET. An empty name throws ConfigurationFault.
  */
 class MasterAgentTables {
  public:

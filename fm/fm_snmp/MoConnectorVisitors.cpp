@@ -214,6 +214,7 @@ bool SnmpTargetVisitor::visit(Vela::MoAccessor& accessor, const std::string& dn)
   target->isComplete = target->missingAttributes == 0;
   const auto [place, isNew] = _config.targets.emplace(target->name, target);
   if (!isNew) {
+    _config.leftOut.push_back(dn);
     VELA_LOG(Vela::LogWarning, "The target name '%s' of %s is taken by %s, the target is left out",
              target->name.c_str(), dn.c_str(), place->second->moName.c_str());
   }

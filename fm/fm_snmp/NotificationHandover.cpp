@@ -90,7 +90,8 @@ void NotificationHandover::collect() {
   }
   if (_inFlight > 0 && _subAgent.isAttached() && SnmpUtil::getNow() - _progress > acknowledgementTimeout) {
     VELA_LOG(Vela::LogWarning, "The master agent does not acknowledge notifications (%u on their way)", _inFlight);
-    loseConnection();
+    _subAgent.giveUp();
+    onConnectionLost();
   }
 }
 
@@ -99,8 +100,17 @@ void NotificationHandover::loseConnection() {
   onConnectionLost();
 }
 
+void NotificationHandover::clear() {
+  _messages.resize(_sent);
+  for (Entry& entry : _messages) entry.owned.reset();
+}
+
 void NotificationHandover::onConnectionLost() {
   collect();
+  if (_inFlight > 0) {
+    VELA_LOG(Vela::LogWarning, "%u notifications were not acknowledged and go out again, %zu more wait", _inFlight,
+             _messages.size() - _sent);
+  }
   const auto firstDue = _messages.begin() + static_cast<std::ptrdiff_t>(_sent);
   for (auto entry = _messages.begin(); entry != firstDue; ++entry) entry->unacknowledged = 0;
   _messages.erase(std::remove_if(_messages.begin(), firstDue, [](const Entry& entry) { return !entry.owned; }),

@@ -48,10 +48,14 @@ class NotificationHandover {
   void pump();
   /** The connection is gone: what was on its way is due again. */
   void onConnectionLost();
+  /** Drops what is due, and what would become due again. */
+  void clear();
 
   /** Whether pump would send something. */
-  bool isReadyToSend() const { return _sent < _messages.size() && _inFlight < window; }
+  bool isReadyToSend() const { return hasDue() && _inFlight < window; }
   bool isEmpty() const { return _messages.empty(); }
+  /** Whether messages wait for room. */
+  bool hasDue() const { return _sent < _messages.size(); }
   /** Messages not acknowledged yet. */
   std::size_t size() const { return _messages.size(); }
 

@@ -180,6 +180,8 @@ void SnmpAdaptorRunnable::selectLoop(int pipeFD) {
     VELA_LOG(Vela::LogError, "FATAL unknown exception!");
   }
   VELA_TRACE("Select loop terminated.");
+  // An exception leaves a state behind, whose supervision would go on.
+  leaveState();
   getMaSession().close();
   closeAgentxSession();
   leaveSnapshot();
@@ -202,7 +204,7 @@ void SnmpAdaptorRunnable::runPass(int pipeFD, Descriptors& descriptors, unsigned
   } else {
     ready = netsnmp_large_fd_set_select(descriptors.count, &descriptors.set, nullptr, nullptr, &timeout);
     if (ready < 0) {
-      if (errno != EINTR) VELA_LOG(Vela::LogError, "select() returned an error: %s", std::strerror(errno));
+      VELA_LOG(Vela::LogError, "select() returned an error: %s", std::strerror(errno));
       return;
     }
   }
@@ -259,8 +261,10 @@ void SnmpAdaptorRunnable::superviseSubAgent(int& stepTimeout) {
   VELA_LOG(Vela::LogWarning, "[state %s] the AgentX connection to the master agent is closed",
            getStateName(getStateId()));
   const unsigned long long now = SnmpUtil::getNow();
+  // One that hangs would only be waited for again when the adaptor attached to it anew.
+  const bool isMute = _subAgent->takeMute();
   if (isOperational()) {
-    emitEvent(SnmpEventBootCountMismatch);
+    emitEvent(isMute ? SnmpEventNoContact : SnmpEventBootCountMismatch);
   } else if (_lastRestartRequest == 0 || now - _lastRestartRequest >= RestartRequestInterval) {
     emitEvent(SnmpEventRestart);
     _lastRestartRequest = now;
@@ -274,9 +278,10 @@ void SnmpAdaptorRunnable::leaveSnapshot() {
 }
 
 void SnmpAdaptorRunnable::stop() {
-  _stopping = true;
-  replaceEvents(SnmpEventTerminate);
+  if (_stopping.exchange(true)) return;
+  // Before the event, because the state that it leads to lets tools run again.
   _toolCancellation.cancel();
+  replaceEvents(SnmpEventTerminate);
   const std::uint64_t wakeUp = 1;
   static_cast<void>(!::write(_wakeFD, &wakeUp, sizeof wakeUp));
 }
@@ -467,6 +472,8 @@ void SnmpAdaptorRunnable::sendQueuedAlarms(int count) {
 }
 
 bool SnmpAdaptorRunnable::trySendOneQueuedAlarm() {
+  // What the master agent before this one left over is older.
+  if (_handover->hasDue()) return false;
   while (!_queue.empty()) {
     VELA_LOG(Vela::LogInfo, "Trying to send one notification (%d in queue)...", static_cast<int>(_queue.size()));
     const NotificationHandover::Outcome outcome = _handover->sendNow(*_queue.front());
@@ -476,7 +483,10 @@ bool SnmpAdaptorRunnable::trySendOneQueuedAlarm() {
   return false;
 }
 
-void SnmpAdaptorRunnable::clearQueuedAlarms() { _queue.clear(); }
+void SnmpAdaptorRunnable::clearQueuedAlarms() {
+  _queue.clear();
+  _handover->clear();
+}
 
 // --- The master agent ----------------------------------------------------------------------------------------------
 

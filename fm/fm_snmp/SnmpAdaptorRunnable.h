@@ -74,8 +74,8 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
   virtual bool hasQueuedAlarms() const { return !_queue.empty(); }
   /** While operational, hands at most so many over, oldest first. */
   virtual void sendQueuedAlarms(int count);
-  /** Sends the oldest as a probe; it stays queued until the internal listener receives it. False when nothing was
-      sent. What has no form on the wire leaves the queue. */
+  /** Sends the oldest as a probe, once everything older is on its way; it stays queued until the internal listener
+      receives it. False when nothing was sent. What has no form on the wire leaves the queue. */
   virtual bool trySendOneQueuedAlarm();
   virtual void clearQueuedAlarms();
 

@@ -41,7 +41,7 @@ int SnmpConfigHandler::load(const std::string& fileName) {
                roots.empty() ? "No VelaFmSnmp configuration found" : "More VelaFmSnmp configuration found");
       return -1;
     }
-    loadSettings(*roots.front());
+    _settings = loadSettings(*roots.front());
     return 0;
   } catch (const std::exception& ex) {
     VELA_LOG(Vela::LogError, "Caught exception: %s", ex.what());
@@ -49,23 +49,25 @@ int SnmpConfigHandler::load(const std::string& fileName) {
   }
 }
 
-void SnmpConfigHandler::loadSettings(const Poco::XML::Element& root) {
+SnmpConfigHandler::Settings SnmpConfigHandler::loadSettings(const Poco::XML::Element& root) const {
   using Vela::VelaConfiguration;
-  VelaConfiguration::getInt(root, "snmpFallbackPort", _fallbackPort);
-  VelaConfiguration::getUInt64(root, "snmpPollInterval", _pollIntervalSeconds);
-  VelaConfiguration::getBool(root, "useInternalTrapListener", _useInternalTrapListener);
-  VelaConfiguration::getBool(root, "informTimeout", _informTimeoutWorkaround);
-  VelaConfiguration::getBool(root, "ipv6PortWorkaroudEnabled", _ipv6PortWorkaroud);
-  VelaConfiguration::getInt(root, "agentxPingInterval", _agentxPingInterval);
-  VelaConfiguration::getInt(root, "agentxTimeout", _agentxTimeout);
-  VelaConfiguration::getInt(root, "agentxRetries", _agentxRetries);
-  loadIpVersion(root);
-  loadPath(root, "snmpMasterAgentPwdFile", _masterAgentPwdFile);
-  loadPath(root, "snmpMasterAgentAgentxSocket", _masterAgentAgentxSocket);
-  loadTlsContainer(root);
+  Settings settings;
+  VelaConfiguration::getInt(root, "snmpFallbackPort", settings.fallbackPort);
+  VelaConfiguration::getUInt64(root, "snmpPollInterval", settings.pollIntervalSeconds);
+  VelaConfiguration::getBool(root, "useInternalTrapListener", settings.useInternalTrapListener);
+  VelaConfiguration::getBool(root, "informTimeout", settings.informTimeoutWorkaround);
+  VelaConfiguration::getBool(root, "ipv6PortWorkaroudEnabled", settings.ipv6PortWorkaroud);
+  VelaConfiguration::getInt(root, "agentxPingInterval", settings.agentxPingInterval);
+  VelaConfiguration::getInt(root, "agentxTimeout", settings.agentxTimeout);
+  VelaConfiguration::getInt(root, "agentxRetries", settings.agentxRetries);
+  loadIpVersion(root, settings.ipVersion);
+  loadPath(root, "snmpMasterAgentPwdFile", settings.masterAgentPwdFile);
+  loadPath(root, "snmpMasterAgentAgentxSocket", settings.masterAgentAgentxSocket);
+  loadTlsContainer(root, settings);
+  return settings;
 }
 
-void SnmpConfigHandler::loadPath(const Poco::XML::Element& root, const char* key, std::string& path) const {
+void SnmpConfigHandler::loadPath(const Poco::XML::Element& root, const char* key, std::string& path) {
   if (Vela::VelaConfiguration::getText(root, key, path)) {
     VELA_LOG(Vela::LogInfo, "VelaFmSnmp/%s tag found: %s.", key, path.c_str());
   } else {
@@ -73,26 +75,26 @@ void SnmpConfigHandler::loadPath(const Poco::XML::Element& root, const char* key
   }
 }
 
-void SnmpConfigHandler::loadIpVersion(const Poco::XML::Element& root) {
-  if (!Vela::VelaConfiguration::getText(root, "ipVersion", _ipVersion)) {
+void SnmpConfigHandler::loadIpVersion(const Poco::XML::Element& root, std::string& ipVersion) {
+  if (!Vela::VelaConfiguration::getText(root, "ipVersion", ipVersion)) {
     VELA_LOG(Vela::LogInfo, "ipVersion is not found in the configuration.");
     return;
   }
-  VELA_LOG(Vela::LogInfo, "VelaFmSnmp/ipVersion tag found: %s", _ipVersion.c_str());
-  if (_ipVersion.empty() || Poco::icompare(_ipVersion, "IPv4") == 0 || Poco::icompare(_ipVersion, "IPv6") == 0) return;
-  VELA_LOG(Vela::LogError, "Faulty Configuration has been set for the ipVersion tag: '%s'.", _ipVersion.c_str());
-  _ipVersion.clear();
+  VELA_LOG(Vela::LogInfo, "VelaFmSnmp/ipVersion tag found: %s", ipVersion.c_str());
+  if (ipVersion.empty() || Poco::icompare(ipVersion, "IPv4") == 0 || Poco::icompare(ipVersion, "IPv6") == 0) return;
+  VELA_LOG(Vela::LogError, "Faulty Configuration has been set for the ipVersion tag: '%s'.", ipVersion.c_str());
+  ipVersion.clear();
 }
 
-void SnmpConfigHandler::loadTlsContainer(const Poco::XML::Element& root) {
+void SnmpConfigHandler::loadTlsContainer(const Poco::XML::Element& root, Settings& settings) const {
   for (const Poco::XML::Element* tls : Vela::VelaConfiguration::children(root, TlsElement)) {
     const std::vector<std::string> credentials = loadFingerprints(*tls, NodeCredentialElement);
     if (credentials.size() > 1) {
       VELA_LOG(Vela::LogWarning, "More than one nodeCredential fingerprint in configuration file, using the first");
     }
-    if (!credentials.empty()) _nodeCredential = credentials.front();
+    if (!credentials.empty()) settings.nodeCredential = credentials.front();
     const std::vector<std::string> trusted = loadFingerprints(*tls, TrustCategoryElement);
-    _trustCategories.insert(_trustCategories.end(), trusted.begin(), trusted.end());
+    settings.trustCategories.insert(settings.trustCategories.end(), trusted.begin(), trusted.end());
   }
 }
 
@@ -132,13 +134,14 @@ std::string SnmpConfigHandler::getInternalHost(const SnmpConfig& config) const {
 }
 
 void SnmpConfigHandler::getStaticTlsConfig(SnmpConfig& config) const {
-  if (_nodeCredential.empty() || _trustCategories.empty()) return;
-  config.tlsOptions.nodeCredential = _nodeCredential;
-  config.tlsOptions.trustCategories = _trustCategories;
+  if (_settings.nodeCredential.empty() || _settings.trustCategories.empty()) return;
+  config.tlsOptions.nodeCredential = _settings.nodeCredential;
+  config.tlsOptions.trustCategories = _settings.trustCategories;
   if (config.tlsOptions.agentAddressDtls.empty() || !config.agentAddress.empty()) return;
   const std::string host = getInternalHost(config);
-  VELA_LOG(Vela::LogInfo, "Using %s:%d for master agent internal configuration access", host.c_str(), _fallbackPort);
-  config.agentAddress.emplace_back(host, static_cast<std::uint32_t>(_fallbackPort));
+  VELA_LOG(Vela::LogInfo, "Using %s:%d for master agent internal configuration access", host.c_str(),
+           _settings.fallbackPort);
+  config.agentAddress.emplace_back(host, static_cast<std::uint32_t>(_settings.fallbackPort));
 }
 
 }  // namespace VelaFmSnmp

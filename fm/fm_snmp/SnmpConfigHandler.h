@@ -26,22 +26,23 @@ class SnmpConfigHandler {
   SnmpConfigHandler(const SnmpConfigHandler&) = delete;
   SnmpConfigHandler& operator=(const SnmpConfigHandler&) = delete;
 
-  /** Reads the file. 0, or -1 after a log line: unreadable, not exactly one "VelaFmSnmp", a value of a wrong type. */
+  /** Reads the file; what it does not say is at its default. 0, or -1 after a log line (unreadable, not exactly one
+      "VelaFmSnmp", a value of a wrong type): the settings are as they were then. */
   int load(const std::string& fileName);
 
-  unsigned long long getPollInterval() const { return _pollIntervalSeconds * 1000; } /**< milliseconds */
-  bool isInternalTrapListenerEnabled() const { return _useInternalTrapListener; }
-  bool isInformTimeoutWorkaroundEnabled() const { return _informTimeoutWorkaround; }
-  bool isIpv6PortWorkaroudEnabled() const { return _ipv6PortWorkaroud; }
-  int getAgentxPingInterval() const { return _agentxPingInterval; } /**< seconds; 0: unset */
-  int getAgentxTimeout() const { return _agentxTimeout; }           /**< seconds; 0: unset */
-  int getAgentxRetries() const { return _agentxRetries; }           /**< 0: unset */
+  unsigned long long getPollInterval() const { return _settings.pollIntervalSeconds * 1000; } /**< milliseconds */
+  bool isInternalTrapListenerEnabled() const { return _settings.useInternalTrapListener; }
+  bool isInformTimeoutWorkaroundEnabled() const { return _settings.informTimeoutWorkaround; }
+  bool isIpv6PortWorkaroudEnabled() const { return _settings.ipv6PortWorkaroud; }
+  int getAgentxPingInterval() const { return _settings.agentxPingInterval; } /**< seconds; 0: unset */
+  int getAgentxTimeout() const { return _settings.agentxTimeout; }           /**< seconds; 0: unset */
+  int getAgentxRetries() const { return _settings.agentxRetries; }           /**< 0: unset */
   /** "IPv4" or "IPv6" in the case that the file has; empty: no preference (or a faulty value). */
-  const std::string& getIpVersion() const { return _ipVersion; }
-  const std::string& getSnmpMasterAgentPwdFile() const { return _masterAgentPwdFile; }
-  void setSnmpMasterAgentPwdFile(const std::string& path) { _masterAgentPwdFile = path; }
-  const std::string& getSnmpMasterAgentAgentxSocket() const { return _masterAgentAgentxSocket; }
-  void setSnmpMasterAgentAgentxSocket(const std::string& path) { _masterAgentAgentxSocket = path; }
+  const std::string& getIpVersion() const { return _settings.ipVersion; }
+  const std::string& getSnmpMasterAgentPwdFile() const { return _settings.masterAgentPwdFile; }
+  void setSnmpMasterAgentPwdFile(const std::string& path) { _settings.masterAgentPwdFile = path; }
+  const std::string& getSnmpMasterAgentAgentxSocket() const { return _settings.masterAgentAgentxSocket; }
+  void setSnmpMasterAgentAgentxSocket(const std::string& path) { _settings.masterAgentAgentxSocket = path; }
 
   /** Completes a configuration from the model with the static TLS settings, when the file has both of them. */
   void getStaticTlsConfig(SnmpConfig& config) const;
@@ -53,25 +54,29 @@ class SnmpConfigHandler {
   SnmpTarnWrapper& getTarnWrapper() { return *_tarnWrapper; }
 
  private:
-  void loadSettings(const Poco::XML::Element& root);
-  void loadPath(const Poco::XML::Element& root, const char* key, std::string& path) const;
-  void loadIpVersion(const Poco::XML::Element& root);
-  void loadTlsContainer(const Poco::XML::Element& root);
+  struct Settings {
+    int fallbackPort = 45769;
+    unsigned long long pollIntervalSeconds = 15;
+    bool useInternalTrapListener = true;
+    bool informTimeoutWorkaround = false;
+    bool ipv6PortWorkaroud = true;
+    int agentxPingInterval = 0;
+    int agentxTimeout = 0;
+    int agentxRetries = 0;
+    std::string ipVersion;
+    std::string masterAgentPwdFile = "/home/vela/etc/snmp/snmp_pwd_file";
+    std::string masterAgentAgentxSocket = "/tmp/agentx-socket";
+    std::string nodeCredential;
+    std::vector<std::string> trustCategories;
+  };
+
+  Settings loadSettings(const Poco::XML::Element& root) const;
+  static void loadPath(const Poco::XML::Element& root, const char* key, std::string& path);
+  static void loadIpVersion(const Poco::XML::Element& root, std::string& ipVersion);
+  void loadTlsContainer(const Poco::XML::Element& root, Settings& settings) const;
   std::vector<std::string> loadFingerprints(const Poco::XML::Element& tls, const char* container) const;
 
-  int _fallbackPort = 45769;
-  unsigned long long _pollIntervalSeconds = 15;
-  bool _useInternalTrapListener = true;
-  bool _informTimeoutWorkaround = false;
-  bool _ipv6PortWorkaroud = true;
-  int _agentxPingInterval = 0;
-  int _agentxTimeout = 0;
-  int _agentxRetries = 0;
-  std::string _ipVersion;
-  std::string _masterAgentPwdFile = "/home/vela/etc/snmp/snmp_pwd_file";
-  std::string _masterAgentAgentxSocket = "/tmp/agentx-socket";
-  std::string _nodeCredential;
-  std::vector<std::string> _trustCategories;
+  Settings _settings;
   std::unique_ptr<SnmpTarnWrapper> _tarnWrapper;
 };
 

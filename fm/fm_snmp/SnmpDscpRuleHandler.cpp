@@ -179,6 +179,9 @@ void SnmpDscpRuleHandler::setCmRule(const SnmpConfig& config) const {
 }
 
 void SnmpDscpRuleHandler::setFmRule(const SnmpConfig& config) const {
+  if (!config.dscpFmEnabled) return removeFmRule();
+  if (!isUsable()) return;
+
   TextList addresses;
   TextList ports;
   try {
@@ -195,8 +198,7 @@ void SnmpDscpRuleHandler::setFmRule(const SnmpConfig& config) const {
     VELA_LOG(Vela::LogError, "Failed to set DSCP rule %s: %s", FmClass.rule, ex.what());
     return;
   }
-  if (!config.dscpFmEnabled || addresses.size() == 0) return removeFmRule();
-  if (!isUsable()) return;
+  if (addresses.size() == 0) return removeRule(rulePattern(FmClass));
 
   Vela::IpTablesRule rule;
   rule.protocol = Vela::IpTablesRule::ProtocolUdp;

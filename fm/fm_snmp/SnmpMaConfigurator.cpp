@@ -30,9 +30,7 @@ void requireCommunity(const std::string& community) {
     throw ConfigurationFault("target community must be between 1 and 32 characters in length");
 }
 
-NotifyType notifyTypeOf(int transportMethod) {
-  return transportMethod == TransportTrap ? NotifyTrap : NotifyInform;
-}
+NotifyType notifyTypeOf(int transportMethod) { return transportMethod == TransportTrap ? NotifyTrap : NotifyInform; }
 
 /** Authenticated informs are sent by a session of the master agent's own, from its configuration: through the tables
  *  they would not arrive, and hold everybody else's up. */
@@ -97,14 +95,19 @@ void SnmpMaConfigurator::clear() {
 
 void SnmpMaConfigurator::reconfigure(SnmpMaSession& session, const SnmpConfig& config) {
   const SnmpConfig next = config;  // which may be the current one
-  const bool force = !_configured;
   _refusal = nullptr;
   _isReversedPort.reset();
   _resolver.forget();
   try {
     VELA_TRACE("securityEngineID: 0x%s", SnmpUtil::toHex(session.securityEngineID()).c_str());
     VELA_TRACE("contextEngineID: 0x%s", SnmpUtil::toHex(session.contextEngineID()).c_str());
-    _engineBoots = getEngineBoots(session);
+    const int boots = getEngineBoots(session);
+    // Another run of the agent has none of the rows, whether its restart was noticed or not.
+    const bool isRestarted = boots != _engineBoots;
+    if (isRestarted) forgetRows();
+    _knowsRows = _configured || isRestarted;
+    const bool force = !_configured || isRestarted;
+    _engineBoots = boots;
     _tls.setOptions(next.tlsOptions);
     reconfigureViews(session, next, force);
     reconfigureTrustCategory(session, force);
@@ -115,6 +118,12 @@ void SnmpMaConfigurator::reconfigure(SnmpMaSession& session, const SnmpConfig& c
     throw;
   }
   finish(next, true);
+}
+
+void SnmpMaConfigurator::forgetRows() {
+  _views.clear();
+  _access.clear();
+  _rows.clear();
 }
 
 void SnmpMaConfigurator::finish(const SnmpConfig& config, bool isConfigured) {
@@ -147,7 +156,7 @@ void SnmpMaConfigurator::reconfigureViews(SnmpMaSession& session, const SnmpConf
   insertOwners(config.getViews(), diff.added, owners);
   if (force) {
     owners.insert(_views.getOwners().begin(), _views.getOwners().end());
-    _views.writeDefaultViews(session);
+    _views.writeDefaultViews(session, !_knowsRows);
   }
   if (owners.empty()) return;
 
@@ -159,9 +168,8 @@ void SnmpMaConfigurator::reconfigureViews(SnmpMaSession& session, const SnmpConf
   }
   for (const ViewOwner& owner : owners) {
     try {
-      attempt("view " + owner.first, [&] {
-        _views.configureOwner(session, owner, objects[owner], force || faulty.count(owner) != 0);
-      });
+      attempt("view " + owner.first,
+              [&] { _views.configureOwner(session, owner, objects[owner], !_knowsRows || faulty.count(owner) != 0); });
     } catch (const ConfigurationFault& fault) {
       VELA_LOG(Vela::LogError, "Failed to configure the views of %s: %s", owner.first.c_str(), fault.what());
       _faultyViews.insert(owner);
@@ -281,15 +289,26 @@ std::set<std::string> SnmpMaConfigurator::configureEffectiveAccess(SnmpMaSession
     plan.isWritable = plan.isWritable || target->isMibWritable;
     plan.targets.push_back(target.get());
   }
+  std::map<AccessKey, const SnmpBaseTarget*> former;
+  for (const auto& [name, target] : _writtenTargets)
+    former.emplace(AccessConfigurator::accessKeyOf(*target), target.get());
   for (const AccessKey& key : _access.getWritten()) {
     if (plans.count(key) != 0) continue;
+    const auto owner = former.find(key);
     try {
-      attempt("access " + key.securityName, [&] { _access.removeAccess(session, key); });
+      attempt("access " + key.securityName, [&] {
+        if (owner != former.end())
+          _access.configureAccess(session, *owner->second, AccessViews(), false);
+        else
+          _access.removeAccess(session, key);
+      });
     } catch (const ConfigurationFault& fault) {
-      VELA_LOG(Vela::LogError, "Failed to configure snmp access for %s: %s", key.securityName.c_str(), fault.what());
+      const std::string& concerned = owner != former.end() ? owner->second->name : key.securityName;
+      VELA_LOG(Vela::LogError, "Failed to configure snmp access for %s: %s", concerned.c_str(), fault.what());
     }
   }
   std::set<std::string> failed;
+  _access.setKnown(_knowsRows);
   for (const auto& [key, plan] : plans) {
     const SnmpBaseTarget& target = *plan.targets.front();
     const AccessViews views = _views.getAccessViews(ViewConfigurator::ownerOf(target), plan.isWritable);
@@ -337,7 +356,7 @@ void SnmpMaConfigurator::applyTarget(SnmpMaSession& session, const Poco::AutoPtr
 void SnmpMaConfigurator::configureTrapTarget(SnmpMaSession& session, const SnmpBaseTarget& target, bool add) {
   const std::string rowName = _names.getUniqueName(notificationPrefix, target);
   const auto present = _rows.find(rowName);
-  if (present != _rows.end() || !_configured) {
+  if (present != _rows.end() || !_knowsRows) {
     const bool isTls = target.getSecurityModel() == SecurityModelTls && _tls.isEnabled();
     deleteRows(session, rowName, isTls || (present != _rows.end() && present->second));
   }
@@ -479,6 +498,9 @@ void SnmpMaConfigurator::updateAllOperationalStates(const MoConnector& connector
     const bool isOperational = isActive && target->operational;
     VELA_LOG(Vela::LogInfo, "Setting target %s operationalState=%s", name.c_str(), stateName(isOperational));
     write([&, &dn = target->moName] { connector.setTargetOperationalState(dn.c_str(), isOperational); });
+  }
+  for (const std::string& dn : _current.leftOut) {
+    write([&] { connector.setTargetOperationalState(dn.c_str(), false); });
   }
   const bool isServiceOperational = isActive && _isServiceOperational;
   VELA_LOG(Vela::LogInfo, "Setting FmSnmp operationalState=%s", stateName(isServiceOperational));

@@ -25,8 +25,8 @@ class SnmpConfigHandler;
 class SnmpMaSession;
 
 /**
- * Brings the master agent's tables (USM, VACM, targets, notifications, TLSTM) in line with a configuration by SNMP SETs,
- * and remembers what it wrote, so that a changed configuration costs the requests of what changed.
+ * Brings the master agent's tables (USM, VACM, targets, notifications, TLSTM) in line with a configuration by SNMP
+ * SETs, and remembers what it wrote, so that a changed configuration costs the requests of what changed.
  *
  * A fault in one target is logged, leaves that target not operational and concerns no other one. A failure of the
  * session (SnmpSessionException, Vela::VelaException) leaves reconfigure, and the next reconfigure writes everything
@@ -119,15 +119,18 @@ class SnmpMaConfigurator {
   void deleteRows(SnmpMaSession& session, const std::string& rowName, bool hasTlsRows);
   bool isReversedIpv6Port();
 
-  /** Runs the requests of one object. A refusal becomes a ConfigurationFault; the object's first one is kept for the end
-   *  of the pass, too. */
+  /** Runs the requests of one object. A refusal becomes a ConfigurationFault; the object's first one is kept for the
+   * end of the pass, too. */
   void attempt(const std::string& object, const std::function<void()>& requests);
   void updateTargetOperationalState(const std::string& name, bool isOperational);
   void finish(const SnmpConfig& config, bool isConfigured);
+  /** The master agent was started anew: none of the rows stand in it any more. */
+  void forgetRows();
 
   SnmpConfigHandler* _handler = nullptr;
   SnmpConfig _current;
   bool _configured = false;
+  bool _knowsRows = false; /**< no row of ours stands in the master agent but those known here */
   std::atomic<int> _engineBoots{-1};
   bool _isServiceOperational = false;
 

@@ -92,13 +92,28 @@ bool isAnswered(void* handle) {
                              std::to_string(libErr) + "," + std::to_string(sysErr) + ")");
 }
 
+/**
+ * The library keeps the keys of a user and the boot count of an engine beyond the session, and would hold them against
+ * an agent that has a new pass phrase or has lost its count.
+ */
+void forgetPeer(const netsnmp_session& session) {
+  const std::string name(session.securityName, session.securityNameLen);
+  for (usmUser *user = usm_get_userList(), *next = nullptr; user != nullptr; user = next) {
+    next = user->next;
+    if (user->secName == nullptr || name != user->secName) continue;
+    free_enginetime(user->engineID, user->engineIDLen);
+    usm_remove_user(user);  // returns the rest of the list, not the user
+    usm_free_user(user);
+  }
+}
+
 SessionHandle openHandle(const std::string& host, netsnmp_session& session) {
   std::lock_guard<std::mutex> opening(openCloseMutex());
   SessionHandle handle(snmp_sess_open(&session));
-  if (!handle) throwOpenFailure(host, &session);
   // The library finds the engine out at the first request only; without an answer to that the session is worth nothing.
-  if (!isAnswered(handle.get())) throwOpenFailure(host, snmp_sess_session(handle.get()));
-  return handle;
+  if (handle && isAnswered(handle.get())) return handle;
+  forgetPeer(session);
+  throwOpenFailure(host, handle ? snmp_sess_session(handle.get()) : &session);
 }
 
 bool isCounted(u_char type) {

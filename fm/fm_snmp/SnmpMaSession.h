@@ -19,7 +19,8 @@ namespace VelaFmSnmp {
  * One SNMPv3 session (USM, authPriv) to the local master agent. All requests go through sendPdu, one at a time.
  *
  * An object may be used from several threads; each thread that polls on its own has a session of its own. The virtual
- * operations are the transport, so that a test can put another one in its place; nothing else is meant to be overridden.
+ * operations are the transport, so that a test can put another one in its place; nothing else is meant to be
+ * overridden.
  */
 class SnmpMaSession {
  public:
@@ -59,6 +60,12 @@ class SnmpMaSession {
   virtual std::string contextEngineID() const;
   virtual std::string securityEngineID() const;
 
+  /** The synchronous exchange; consumes the request's PDU. Returns net-snmp's STAT_SUCCESS, STAT_ERROR, STAT_TIMEOUT.
+   */
+  virtual int snmp_synch_response(SnmpPdu& request, SnmpPdu* response) const;
+  /** The library's error text and numbers of the session. */
+  virtual std::string snmp_error(int* libErr, int* sysErr) const;
+
   virtual bool isOpen() const;
 
   /**
@@ -84,12 +91,6 @@ class SnmpMaSession {
   /** The pass phrases the session was opened with: the ones of the template users. */
   const std::string& getRootAuthPwd() const { return _rootAuthPwd; }
   const std::string& getRootPrivPwd() const { return _rootPrivPwd; }
-
- protected:
-  /** The synchronous exchange; consumes the request's PDU. Returns net-snmp's STAT_SUCCESS, STAT_ERROR, STAT_TIMEOUT. */
-  virtual int snmp_synch_response(SnmpPdu& request, SnmpPdu* response) const;
-  /** The library's error text and numbers of the session. */
-  virtual std::string snmp_error(int* libErr, int* sysErr) const;
 
  private:
   bool getOne(const SnmpOid& oid, const std::string& name, SnmpPdu& response) const;

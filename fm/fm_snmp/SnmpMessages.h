@@ -1,12 +1,11 @@
 #ifndef VELA_FM_SNMP_SNMP_MESSAGES_H
 #define VELA_FM_SNMP_SNMP_MESSAGES_H
 
-#include <utility>
-
 #include "PipeMessage.h"
 #include "SnmpAlarm.h"
 #include "SnmpHeartbeat.h"
 #include "VelaMgmtSpi.h"
+#include "VelaOamApiFm.h"
 
 namespace VelaFmSnmp {
 
@@ -39,7 +38,10 @@ class CmEventMessage : public Vela::PipeMessage {
 /** An alarm or alert. */
 class SnmpAlarmMessage : public Vela::PipeMessage {
  public:
-  explicit SnmpAlarmMessage(SnmpAlarm alarm) : PipeMessage(SnmpMessageAlarm), _alarm(std::move(alarm)) {}
+  explicit SnmpAlarmMessage(const SnmpAlarm& alarm) : PipeMessage(SnmpMessageAlarm), _alarm(alarm) {}
+  /** Builds the alarm where it stays. */
+  explicit SnmpAlarmMessage(const VelaOamApiFmNotificationEventValue_4T& event)
+      : PipeMessage(SnmpMessageAlarm), _alarm(event) {}
   const SnmpAlarm& getAlarm() const { return _alarm; }
 
  private:

@@ -9,6 +9,7 @@
 #include <set>
 #include <utility>
 
+#include "AgentAddresses.h"
 #include "CertificateManager.h"
 #include "Listener.h"
 #include "LoggingWrapper.h"
@@ -101,12 +102,10 @@ void updateDscpRules(SnmpAdaptorRunnable& owner) {
   handler.setFmRule(owner.getNewConfig());
 }
 
-/** The family of the first agent address, IPv4 when it tells none. */
+/** The family of the agent address that the component itself uses, IPv4 when there is none. */
 int getIpFamily(const SnmpConfig& config) {
-  Poco::Net::IPAddress address;
-  const bool isIpv6 = !config.agentAddress.empty() &&
-                      SnmpMaConfigurator::parseTargetAddrUDP(address, config.agentAddress.front().first) &&
-                      address.family() == Poco::Net::IPAddress::IPv6;
+  const std::vector<AgentAddress> addresses = usableAddresses(config.agentAddress);
+  const bool isIpv6 = !addresses.empty() && addresses.front().host.family() == Poco::Net::IPAddress::IPv6;
   return isIpv6 ? AF_INET6 : AF_INET;
 }
 
@@ -281,11 +280,11 @@ FmStateStartMasterAgent::FmStateStartMasterAgent(SnmpAdaptorRunnable& owner) : _
 
 FmStateStartMasterAgent::Ports FmStateStartMasterAgent::checkPorts(SnmpAdaptorRunnable& owner,
                                                                    StateTransition& whenTaken) const {
-  for (const auto& [host, number] : owner.getNewConfig().agentAddress) {
-    const int port = static_cast<int>(number);
+  for (const AgentAddress& address : usableAddresses(owner.getNewConfig().agentAddress)) {
+    const int port = static_cast<int>(address.port);
     try {
       Listener probe;
-      probe.open(host, port);
+      probe.open(address.host.toString(), port);
     } catch (const Listener::NoAccessException&) {
       VELA_TRACE("bind returned EACCES - assuming snmpd can bind it anyway.");
       return Ports::Available;
@@ -348,9 +347,12 @@ void FmStateCreateSession::open(SnmpAdaptorRunnable& owner, SnmpMaSession& sessi
   const SnmpConfigHandler* handler = owner.getConfigurationHandler();
   if (!handler) throw Vela::VelaException("no component configuration");
   const SnmpConfig& config = owner.getNewConfig();
-  if (config.agentAddress.empty()) throw Vela::VelaException("no agent address configured");
-  session.initSessionWithPwdFile(getMasterAgentAddress(config), static_cast<int>(config.agentAddress.front().second),
-                                 ConfigUser, handler->getSnmpMasterAgentPwdFile());
+  const std::vector<AgentAddress> addresses = usableAddresses(config.agentAddress);
+  if (addresses.empty()) throw Vela::VelaException("no agent address configured");
+  SnmpConfig reachable;
+  reachable.agentAddress.emplace_back(addresses.front().host.toString(), addresses.front().port);
+  session.initSessionWithPwdFile(getMasterAgentAddress(reachable), static_cast<int>(addresses.front().port), ConfigUser,
+                                 handler->getSnmpMasterAgentPwdFile());
 }
 
 std::string FmStateCreateSession::getMasterAgentAddress(const SnmpConfig& config) {

@@ -9,9 +9,11 @@
 #include <algorithm>
 #include <cctype>
 
+#include "AgentAddresses.h"
+#include "HexMask.h"
 #include "SecretFile.h"
-#include "SnmpMaConfigurator.h"
 #include "SnmpTypes.h"
+#include "SnmpUtil.h"
 
 namespace VelaFmSnmp {
 
@@ -24,6 +26,7 @@ constexpr int queryTimeoutMs = 20000;
 /** Octets of an engine id (RFC 3411, SnmpEngineID), in hexadecimal digits. */
 constexpr std::size_t minEngineIdDigits = 2 * 5;
 constexpr std::size_t maxEngineIdDigits = 2 * 32;
+constexpr int maxFingerprintOctets = 64;
 
 const char* manageWord(TarnManageOption option) {
   switch (option) {
@@ -49,16 +52,13 @@ bool isPlainField(const std::string& text) {
 /** Appends the addresses in the agent's notation; one that is no literal address is logged and left out. */
 void appendAddresses(const SnmpConfig::AddressList& addresses, const char* ipv4Domain, const char* ipv6Domain,
                      const char* failure, std::vector<std::string>& result) {
-  for (const auto& [host, port] : addresses) {
-    Poco::Net::IPAddress address;
-    if (!SnmpMaConfigurator::parseTargetAddrUDP(address, host)) {
-      VELA_LOG(Vela::LogError, "%s%s'", failure, host.c_str());
-      continue;
-    }
-    const bool isIpv6 = address.family() == Poco::Net::IPAddress::IPv6;
-    const std::string text = isIpv6 ? "[" + address.toString() + "]" : address.toString();
-    result.push_back((isIpv6 ? ipv6Domain : ipv4Domain) + (":" + text) + ":" + std::to_string(port));
+  SnmpConfig::AddressList faulty;
+  for (const AgentAddress& address : usableAddresses(addresses, &faulty)) {
+    const bool isIpv6 = address.host.family() == Poco::Net::IPAddress::IPv6;
+    const std::string text = isIpv6 ? "[" + address.host.toString() + "]" : address.host.toString();
+    result.push_back((isIpv6 ? ipv6Domain : ipv4Domain) + (":" + text) + ":" + std::to_string(address.port));
   }
+  for (const auto& [host, port] : faulty) VELA_LOG(Vela::LogError, "%s%s' (port %u)", failure, host.c_str(), port);
 }
 
 std::string agentAddresses(const SnmpConfig& config) {
@@ -116,6 +116,17 @@ std::string engineIdArgument(const std::string& engineId) {
     return "engineId=0x" + digits;
   VELA_LOG(Vela::LogError, "The engineId '%s' is not 5 to 32 octets in hexadecimal, not using it", engineId.c_str());
   return "engineId=";
+}
+
+/** As engineIdArgument: without a usable credential there is no DTLS, but everything else. */
+std::string nodeCredentialArgument(const std::string& fingerprint) {
+  const std::string argument = "dtlsNodeCredential=";
+  unsigned char octets[maxFingerprintOctets];
+  int size = 0;
+  if (convertHexMask(octets, &size, maxFingerprintOctets, fingerprint.c_str()))
+    return argument + SnmpUtil::toHex(std::string(octets, octets + size));
+  VELA_LOG(Vela::LogError, "The nodeCredential '%s' is no fingerprint, not using it", fingerprint.c_str());
+  return argument;
 }
 
 }  // namespace
@@ -208,7 +219,9 @@ bool SnmpTarnWrapper::isIpv6PortReverseByteOrder(bool& reverse) const {
 void SnmpTarnWrapper::runConfigure(const std::vector<std::string>& arguments, int timeoutMs) const {
   std::vector<std::string> all{"snmp", "configure"};
   all.insert(all.end(), arguments.begin(), arguments.end());
-  runTool(all, timeoutMs, (_tool.getCommand() + " snmp configure").c_str());
+  const std::string warnings = runTool(all, timeoutMs, (_tool.getCommand() + " snmp configure").c_str());
+  if (!warnings.empty())
+    VELA_LOG(Vela::LogWarning, "%s snmp configure: %s", _tool.getCommand().c_str(), warnings.c_str());
   VELA_TRACE(" << Succeeded to %s snmpd %s", "configure", arguments.front().c_str());
 }
 
@@ -236,7 +249,7 @@ void SnmpTarnWrapper::configure(TarnConfigureOption option, const SnmpConfig& co
         return configureWithFile("trapsess", trapsessLines(config), timeoutMs);
       case TarnConfigureDtlsNodeCredential:
         if (isTooOld(_minimumVersionSupportingDtls, "tarn spi-revision to old to support dtlsNodeCredential")) return;
-        return runConfigure({"dtlsNodeCredential=" + config.tlsOptions.nodeCredential}, timeoutMs);
+        return runConfigure({nodeCredentialArgument(config.tlsOptions.nodeCredential)}, timeoutMs);
       case TarnConfigureCipherString:
         if (isTooOld(_minimumVersionSupportingTrapSessAndCipherFilter,
                      "tarn spi-revision too old to support setCipherString."))
@@ -248,11 +261,11 @@ void SnmpTarnWrapper::configure(TarnConfigureOption option, const SnmpConfig& co
           return;
         return runConfigure({engineIdArgument(config.engineId)}, timeoutMs);
     }
-    throw Vela::VelaException("Failed to configure snmpd, unknown option %d", static_cast<int>(option));
   } catch (const std::exception& ex) {
     VELA_LOG(Vela::LogError, "exception while configuring: %s", ex.what());
     throw;
   }
+  throw Vela::VelaException("Failed to configure snmpd, unknown option %d", static_cast<int>(option));
 }
 
 }  // namespace VelaFmSnmp

@@ -258,6 +258,7 @@ void SnmpConfig::tlsOptions_t::clear() { *this = tlsOptions_t(); }
 void SnmpConfig::clear() {
   targets.clear();
   views.clear();
+  leftOut.clear();
   agentAddress.clear();
   snmpId.clear();
   tlsOptions.clear();

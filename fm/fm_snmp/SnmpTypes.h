@@ -247,6 +247,7 @@ class SnmpConfig {
   tlsOptions_t tlsOptions;
   TargetMap targets;
   ViewMap views;
+  std::vector<std::string> leftOut; /**< distinguished names of the targets whose name another one has */
 };
 
 }  // namespace VelaFmSnmp

@@ -62,8 +62,7 @@ std::string TlsConfigurator::encodeFingerPrint(const char* text) {
 std::string TlsConfigurator::getLocalFingerPrint() const { return encodeFingerPrint(_options.nodeCredential.c_str()); }
 
 void TlsConfigurator::reconfigureTrustCategory(SnmpMaSession& session, bool force) {
-  const std::vector<std::string> wanted =
-      _options.isEnabled() ? _options.trustCategories : std::vector<std::string>();
+  const std::vector<std::string> wanted = _options.isEnabled() ? _options.trustCategories : std::vector<std::string>();
   if (!force && wanted == _writtenTrust) return;
   const std::size_t present = force ? std::max(_writtenTrust.size(), wanted.size()) : _writtenTrust.size();
   for (std::size_t priority = 1; priority <= present; ++priority)

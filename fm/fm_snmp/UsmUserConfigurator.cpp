@@ -27,6 +27,7 @@ constexpr Column usmUserAuthProtocol = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 5};
 constexpr Column usmUserAuthKeyChange = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 6};
 constexpr Column usmUserPrivProtocol = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 8};
 constexpr Column usmUserPrivKeyChange = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 9};
+constexpr Column usmUserStorageType = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 12};
 constexpr Column usmUserStatus = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 13};
 
 constexpr std::size_t maxUserName = 32;
@@ -190,6 +191,7 @@ void UsmUserConfigurator::usmCloneUser(SnmpMaSession& session, const std::string
   pdu.addVarbind(row(usmUserStatus, engineId, userName), RowCreateAndWait);
   // The source is named by the row pointer of its first accessible column, which is the security name.
   pdu.addVarbind(row(usmUserCloneFrom, engineId, userName), row(usmUserSecurityName, engineId, templateName));
+  pdu.addVarbind(row(usmUserStorageType, engineId, userName), StorageVolatile);
   MasterAgentTables::send(session, "usmCloneUser(" + userName + ")", pdu);
 }
 

@@ -26,15 +26,16 @@ struct UsmUser {
 };
 
 /**
- * The users in the master agent's usmUserTable (RFC 3414). A new one is cloned from a template user that the agent's own
- * configuration provides, and its keys are changed from the template's, which are those of the session.
- * Operations throw ConfigurationFault for a fault of the user and as SnmpMaSession::sendPdu.
+ * The users in the master agent's usmUserTable (RFC 3414). A new one is cloned from a template user that the agent's
+ * own configuration provides, and its keys are changed from the template's, which are those of the session. Operations
+ * throw ConfigurationFault for a fault of the user and as SnmpMaSession::sendPdu.
  */
 class UsmUserConfigurator {
  public:
   /** The user that a target needs; throws ConfigurationFault when its values make none. */
   static UsmUser userOf(const SnmpTargetV3Usm& target);
-  /** Name of the first template user with the protocols asked for (0: any); null, with a log line, when there is none. */
+  /** Name of the first template user with the protocols asked for (0: any); null, with a log line, when there is none.
+   */
   static const char* findSuitableUser(int authProtocol, int privProtocol);
 
   /** Whether the user stands in the master agent already, as far as known. */

@@ -22,6 +22,7 @@ using Column = const unsigned long[12];
 // vacmViewTreeFamilyTable (RFC 3415): table entry and column.
 constexpr Column viewMask = {1, 3, 6, 1, 6, 3, 16, 1, 5, 2, 1, 3};
 constexpr Column viewType = {1, 3, 6, 1, 6, 3, 16, 1, 5, 2, 1, 4};
+constexpr Column viewStorageType = {1, 3, 6, 1, 6, 3, 16, 1, 5, 2, 1, 5};
 constexpr Column viewStatus = {1, 3, 6, 1, 6, 3, 16, 1, 5, 2, 1, 6};
 
 /** vacmViewTreeFamilyMask has at most 16 octets. */
@@ -93,11 +94,11 @@ void ViewConfigurator::clear() {
   _owners.clear();
 }
 
-void ViewConfigurator::writeDefaultViews(SnmpMaSession& session) {
+void ViewConfigurator::writeDefaultViews(SnmpMaSession& session, bool force) {
   for (const SnmpProtocolVersion version : {SnmpProtocolV1, SnmpProtocolV2c, SnmpProtocolV3}) {
     for (const View* view :
          {_views.getReadView(View::defaultView, version), _views.getWriteView(View::defaultView, version)}) {
-      vacmDeleteView(session, *view);
+      if (force) vacmDeleteView(session, *view);
       vacmCreateView(session, *view);
     }
   }
@@ -167,6 +168,8 @@ void ViewConfigurator::vacmCreateView(SnmpMaSession& session, const View& view) 
            [&](SnmpPdu& pdu, const ViewEntry& entry) {
              pdu.addVarbind(SnmpOid::createViewOid(viewMask, view.getViewName(), entry.subtree), entry.mask);
              pdu.addVarbind(SnmpOid::createViewOid(viewType, view.getViewName(), entry.subtree), entry.type);
+             pdu.addVarbind(SnmpOid::createViewOid(viewStorageType, view.getViewName(), entry.subtree),
+                            StorageVolatile);
              pdu.addVarbind(SnmpOid::createViewOid(viewStatus, view.getViewName(), entry.subtree), RowCreateAndGo);
            });
 }

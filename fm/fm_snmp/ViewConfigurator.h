@@ -38,7 +38,8 @@ class ViewConfigurator {
   static std::vector<ViewOwner> ownersOf(const SnmpBaseView& view);
   /** Whom a target's views belong to. */
   static ViewOwner ownerOf(const SnmpBaseTarget& target);
-  /** Reads an entry: a dotted OID, "!" in front to exclude, "/" and a mask behind; false, with a log line, if it is none. */
+  /** Reads an entry: a dotted OID, "!" in front to exclude, "/" and a mask behind; false, with a log line, if it is
+   * none. */
   static bool parseEntry(const std::string& text, ViewEntry& entry);
 
   /** Forgets what was written, without a request. Generated view names stay. */
@@ -46,9 +47,9 @@ class ViewConfigurator {
   /** The owners whose views may stand in the master agent, the default view's not. */
   const std::set<ViewOwner>& getOwners() const { return _owners; }
 
-  /** Writes the default views anew. */
-  void writeDefaultViews(SnmpMaSession& session);
-  /** Makes an owner's views those of the view objects (none: removes them); `force` writes unchanged ones, too. */
+  /** Writes the default views; `force`: rows of theirs that may stand in the master agent go before. */
+  void writeDefaultViews(SnmpMaSession& session, bool force);
+  /** Makes an owner's views those of the view objects (none: removes them); `force`: whatever was written before. */
   void configureOwner(SnmpMaSession& session, const ViewOwner& owner, const ViewObjects& objects, bool force);
 
   /** An owner's own views, else the default ones, of which the one for writing only if asked for. */

@@ -84,8 +84,7 @@ void Views::createView(const std::string& name, SnmpProtocolVersion version) {
 }
 
 void Views::createView(const View& view) {
-  if (_catalogue.count(view.getKeyName()) == 0)
-    _catalogue.emplace(view.getKeyName(), std::make_unique<View>(view));
+  if (_catalogue.count(view.getKeyName()) == 0) _catalogue.emplace(view.getKeyName(), std::make_unique<View>(view));
 }
 
 bool Views::existsReadView(const std::string& name, SnmpProtocolVersion version) const {

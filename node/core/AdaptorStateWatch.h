@@ -11,9 +11,9 @@
 namespace VelaNode {
 
 /**
- * Knows what state a component's adaptor is in. A component tells that in its log only, so the watch hands the component
- * the host's portal with a log of its own, which reads the lines that tell of a change of state and passes all on. One
- * at a time per process; any thread.
+ * Knows what state a component's adaptor is in. A component tells that in its log only, so the watch hands the
+ * component the host's portal with a log of its own, which reads the lines that tell of a change of state and passes
+ * all on. One at a time per process; any thread.
  */
 class AdaptorStateWatch {
  public:

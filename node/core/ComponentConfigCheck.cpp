@@ -30,10 +30,14 @@ struct Setting {
 
 /** The settings whose text must be of a kind; all others are plain text. */
 constexpr Setting typedSettings[] = {
-    {"snmpFallbackPort", Kind::Int},         {"snmpPollInterval", Kind::UInt64},
-    {"useInternalTrapListener", Kind::Bool}, {"informTimeout", Kind::Bool},
-    {"ipv6PortWorkaroudEnabled", Kind::Bool}, {"agentxPingInterval", Kind::Int},
-    {"agentxTimeout", Kind::Int},            {"agentxRetries", Kind::Int},
+    {"snmpFallbackPort", Kind::Int},
+    {"snmpPollInterval", Kind::UInt64},
+    {"useInternalTrapListener", Kind::Bool},
+    {"informTimeout", Kind::Bool},
+    {"ipv6PortWorkaroudEnabled", Kind::Bool},
+    {"agentxPingInterval", Kind::Int},
+    {"agentxTimeout", Kind::Int},
+    {"agentxRetries", Kind::Int},
 };
 constexpr const char* agentxSocketSetting = "snmpMasterAgentAgentxSocket";
 constexpr const char* passwordFileSetting = "snmpMasterAgentPwdFile";

@@ -55,8 +55,16 @@ const MoClass& classOf(const std::string& dn) {
 /** Run-time parts of the model tell what is; operators change what shall be. */
 const MoClass& configurableClassOf(const std::string& dn) {
   const MoClass& moClass = classOf(dn);
-  if (moClass.isRunTime()) throw ControlError(dn + ": objects of class " + moClass.getName() + " are kept by the node");
+  if (moClass.isRunTime())
+    throw ControlError(std::string("Objects of class ") + moClass.getName() + " are kept by the node: " + dn);
   return moClass;
+}
+
+void requireConfigurable(const std::string& dn, const MoClass& moClass, const std::string& attribute) {
+  const int index = moClass.findAttribute(attribute);
+  if (index >= 0 && moClass.getAttributes()[static_cast<std::size_t>(index)].isRunTime) {
+    throw ControlError(dn + ": " + attribute + " is kept by the node");
+  }
 }
 
 void writeAttributes(MoTransaction& transaction, const std::string& dn, const MoClass& moClass, const Object& request) {
@@ -67,10 +75,7 @@ void writeAttributes(MoTransaction& transaction, const std::string& dn, const Mo
     if (!item) throw ControlError("\"attributes\" holds something that is no object");
     const ControlRequest attribute(*item);
     const std::string name = attribute.text("name");
-    const int index = moClass.findAttribute(name);
-    if (index >= 0 && moClass.getAttributes()[static_cast<std::size_t>(index)].isRunTime) {
-      throw ControlError(dn + ": " + name + " is kept by the node");
-    }
+    requireConfigurable(dn, moClass, name);
     if (attribute.has("secret")) {
       Object::Ptr credential(new Object);
       credential->set("cleartext", true);
@@ -96,14 +101,14 @@ void listBelow(const MoTree& tree, const std::string& dn, ControlReply& reply) {
 }  // namespace
 
 const ControlCommands::Entry ControlCommands::commands[] = {
-    {"alarm raise", &ControlCommands::raiseAlarm},   {"alarm change", &ControlCommands::changeAlarm},
-    {"alarm clear", &ControlCommands::clearAlarm},   {"alarm clear-all", &ControlCommands::clearAllAlarms},
-    {"alarm list", &ControlCommands::listAlarms},    {"alarm storm", &ControlCommands::raiseStorm},
-    {"alert", &ControlCommands::sendAlert},          {"heartbeat", &ControlCommands::sendHeartbeat},
-    {"rebuild", &ControlCommands::rebuild},          {"mo list", &ControlCommands::listObjects},
-    {"mo get", &ControlCommands::getObject},         {"mo set", &ControlCommands::setAttributes},
-    {"mo create", &ControlCommands::createObject},   {"mo delete", &ControlCommands::deleteObject},
-    {"status", &ControlCommands::getStatus},         {"stop", &ControlCommands::stop},
+    {"alarm raise", &ControlCommands::raiseAlarm}, {"alarm change", &ControlCommands::changeAlarm},
+    {"alarm clear", &ControlCommands::clearAlarm}, {"alarm clear-all", &ControlCommands::clearAllAlarms},
+    {"alarm list", &ControlCommands::listAlarms},  {"alarm storm", &ControlCommands::raiseStorm},
+    {"alert", &ControlCommands::sendAlert},        {"heartbeat", &ControlCommands::sendHeartbeat},
+    {"rebuild", &ControlCommands::rebuild},        {"mo list", &ControlCommands::listObjects},
+    {"mo get", &ControlCommands::getObject},       {"mo set", &ControlCommands::setAttributes},
+    {"mo create", &ControlCommands::createObject}, {"mo delete", &ControlCommands::deleteObject},
+    {"status", &ControlCommands::getStatus},       {"stop", &ControlCommands::stop},
 };
 
 ControlCommands::ControlCommands(MoStore& store, FmService& fm, Host host)

@@ -124,8 +124,7 @@ class ControlServer::Client : public ControlReply {
     stream << '\n';
     const std::string text = stream.str();
     for (std::size_t sent = 0; sent < text.size();) {
-      const ssize_t count = ::send(_socket.get(), text.data() + sent, text.size() - sent,
-                                   MSG_NOSIGNAL | MSG_DONTWAIT);
+      const ssize_t count = ::send(_socket.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
       if (count >= 0) {
         sent += static_cast<std::size_t>(count);
       } else if (errno == EAGAIN) {

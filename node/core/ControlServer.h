@@ -44,7 +44,7 @@ class ControlServer {
   /** Longest path that a Unix socket can have, in octets. */
   static constexpr std::size_t maxPathLength = 107;
   /** Longest request line, in octets; a client that sends a longer one is told so and disconnected. */
-  static constexpr std::size_t maxRequestLength = 4 * 1024 * 1024;
+  static constexpr std::size_t maxRequestLength = 4UL * 1024 * 1024;
 
   explicit ControlServer(Handler handler);
   ~ControlServer(); /**< stops */

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -32,7 +33,10 @@ struct FmAlarmKey {
   std::uint32_t minorType = 0;
   std::string specificProblem;
 
-  auto operator<=>(const FmAlarmKey&) const = default;
+  bool operator<(const FmAlarmKey& other) const {
+    return std::tie(source, majorType, minorType, specificProblem) <
+           std::tie(other.source, other.majorType, other.minorType, other.specificProblem);
+  }
 };
 
 /** An alarm or alert as the alarming side reports it. */

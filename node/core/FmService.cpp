@@ -49,7 +49,8 @@ void writeAlarm(MoTransaction& transaction, const std::string& fmDn, const FmAla
   for (const auto& [name, value] : values) transaction.set(dn, name, value);
   std::vector<MoValue> info;
   info.reserve(alarm.additionalInfo.size());
-  for (const auto& [name, value] : alarm.additionalInfo) info.emplace_back(MoValue::Members{{"name", name}, {"value", value}});
+  for (const auto& [name, value] : alarm.additionalInfo)
+    info.emplace_back(MoValue::Members{{"name", name}, {"value", value}});
   transaction.setSequence(dn, "additionalInfo", info);
 }
 
@@ -84,7 +85,8 @@ bool isIntervalChanged(const DaxOamSpiCmEvent_Notification_1T& notification) {
   for (auto event = notification.events; event != nullptr && *event != nullptr; ++event) {
     if ((*event)->eventType != DAX_CM_EVENT_MODIFIED) return true;
     for (auto attribute = (*event)->attributes; attribute != nullptr && *attribute != nullptr; ++attribute) {
-      if ((*attribute)->name != nullptr && std::strcmp((*attribute)->name, heartbeatIntervalAttribute) == 0) return true;
+      if ((*attribute)->name != nullptr && std::strcmp((*attribute)->name, heartbeatIntervalAttribute) == 0)
+        return true;
     }
   }
   return false;

@@ -30,7 +30,8 @@ struct FmClock {
 /**
  * The fault-management service: keeps the active alarms, and with each change, in one transaction, the FmAlarm objects
  * and the summary attributes of the model's first Fm object; then emits the event, in the order of the changes. Alarms
- * live as long as the service; indexes rise from 1 and are never used again. Alarms and alerts are each numbered from 1.
+ * live as long as the service; indexes rise from 1 and are never used again. Alarms and alerts are each numbered
+ * from 1.
  *
  * Any thread. A failing operation throws Vela::VelaException (VELA_NOT_FOUND for an index that is not active,
  * VELA_INVALID for a bad argument) and has changed nothing. One at a time per process.
@@ -46,8 +47,8 @@ class FmService {
   void start();
   void stop();
 
-  /** Raises an alarm and returns its index. When the alarm that the key names is active, it is updated instead: it keeps
-      its index and its original time, text and severity. The severity must not be cleared. */
+  /** Raises an alarm and returns its index. When the alarm that the key names is active, it is updated instead: it
+     keeps its index and its original time, text and severity. The severity must not be cleared. */
   std::uint32_t raise(const FmReport& report);
   void change(std::uint32_t index, const FmChange& change);
   void clear(std::uint32_t index);

@@ -23,7 +23,8 @@ constexpr const char* attributeWords = "ATTRIBUTE=VALUE...";
 constexpr std::size_t anyNumber = std::numeric_limits<std::size_t>::max();
 
 constexpr const char* attributeNotes =
-    "Structs and sequences are JSON: agentAddress='[{\"host\":\"127.0.0.1\",\"port\":1161}]'. An empty VALUE takes the\n"
+    "Structs and sequences are JSON: agentAddress='[{\"host\":\"127.0.0.1\",\"port\":1161}]'. An empty VALUE takes "
+    "the\n"
     "attribute's value away. A pass phrase (authKey, privKey) is read with @FILE from a file or with - from standard\n"
     "input, so that it never stands in the process list: authKey=@phrase.txt. All attributes are changed, or none.";
 
@@ -51,7 +52,7 @@ std::pair<std::string, std::string> splitAssignment(const std::string& word, con
 
 /** Checks the name here, so that a wrong one is a wrong usage. */
 std::string severityOption(const Arguments& arguments, bool mayBeCleared) {
-  const std::string name = arguments.get("severity");
+  std::string name = arguments.get("severity");
   FmSeverity severity = FmCleared;
   if (!parseSeverity(name, severity) || (severity == FmCleared && !mayBeCleared)) {
     throw UsageError("--severity can not be '" + name + "'");
@@ -158,9 +159,8 @@ void simplyCall(Session& session) { session.output.print(*session.node.call(sess
 void listObjects(Session& session) {
   Object request = session.request();
   if (!session.arguments.words().empty()) request.set("dn", session.arguments.words()[0]);
-  session.node.call(request, [&](const Object& object) {
-    session.output.printItem(object, object.getValue<std::string>("dn"));
-  });
+  session.node.call(
+      request, [&](const Object& object) { session.output.printItem(object, object.getValue<std::string>("dn")); });
   session.output.endList();
 }
 
@@ -262,17 +262,30 @@ struct Entry {
 const std::vector<Entry>& table() {
   static const std::vector<Entry> entries = {
       {{"alarm raise", "", 0, 0, "Raise an alarm, or update it when it is active; prints its index.",
-        reportOptions(severityChoice),
-        "An alarm is known by its DN, major type, minor type and specific problem."},
+        reportOptions(severityChoice), "An alarm is known by its DN, major type, minor type and specific problem."},
        raiseAlarm},
-      {{"alarm change", "INDEX", 1, 1, "Change an active alarm; what is not given stays.",
-        {severityChoice, textOption, infoOption}, ""},
+      {{"alarm change",
+        "INDEX",
+        1,
+        1,
+        "Change an active alarm; what is not given stays.",
+        {severityChoice, textOption, infoOption},
+        ""},
        changeAlarm},
-      {{"alarm clear", "INDEX", 0, 1, "Clear an active alarm, or all; --all prints how many.",
-        {{"all", "", "clear all active alarms, one by one"}}, ""},
+      {{"alarm clear",
+        "INDEX",
+        0,
+        1,
+        "Clear an active alarm, or all; --all prints how many.",
+        {{"all", "", "clear all active alarms, one by one"}},
+        ""},
        clearAlarm},
       {{"alarm list", "", 0, 0, "List the active alarms by index.", {}, ""}, listAlarms},
-      {{"alarm storm", "", 0, 0, "Raise many distinct alarms; prints the first and the last index.",
+      {{"alarm storm",
+        "",
+        0,
+        0,
+        "Raise many distinct alarms; prints the first and the last index.",
         {required({"count", "N", "number of alarms"}),
          {"rate", "PER_SECOND", "alarms per second (default: as fast as it goes)"},
          {"mo", "PREFIX", "beginning of the alarming objects' names; a number is put behind it"},
@@ -284,16 +297,19 @@ const std::vector<Entry>& table() {
        sendAlert},
       {{"heartbeat", "", 0, 0, "Send a heartbeat now.", {}, ""}, simplyCall},
       {{"rebuild", "", 0, 0, "Rebuild the model's alarm list and tell the managers.", {}, ""}, simplyCall},
-      {{"mo list", "[DN]", 0, 1, "List the objects of the model, or an object and all below it.", {}, ""},
-       listObjects},
+      {{"mo list", "[DN]", 0, 1, "List the objects of the model, or an object and all below it.", {}, ""}, listObjects},
       {{"mo get", "DN [ATTRIBUTE]", 1, 2, "Show an object's attributes, or one attribute's value.", {}, ""}, getObject},
-      {{"mo set", std::string("DN ") + attributeWords, 2, anyNumber, "Change attributes of an object.", {},
+      {{"mo set",
+        std::string("DN ") + attributeWords,
+        2,
+        anyNumber,
+        "Change attributes of an object.",
+        {},
         attributeNotes},
        writeObject},
       {{"mo create", std::string("DN [") + attributeWords + "]", 1, anyNumber, "Create an object.", {}, attributeNotes},
        writeObject},
-      {{"mo delete", "DN", 1, 1, "Delete an object and all below it.", {}, ""},
-       writeObject},
+      {{"mo delete", "DN", 1, 1, "Delete an object and all below it.", {}, ""}, writeObject},
       {{"status", "", 0, 0, "Show the state of the node, its component and its master agent.", {}, ""}, showStatus},
       {{"stop", "", 0, 0, "Stop the node and wait until it has ended.", {}, ""}, stopNode},
   };

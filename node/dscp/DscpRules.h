@@ -2,23 +2,32 @@
  * What the packet-marking commands share: rules in the chain OUTPUT of the packet filter's table "mangle" that set the
  * DSCP of what this node sends (RFC 2474).
  *
- * A node marks packets only when its folder (VELA_NODE_DIR) holds the file "dscp.conf". The file's lines "OamCM=VALUE"
- * and "OamFM=VALUE" give the code points of the two traffic classes, 0 to 63; both are 16 (CS2) otherwise. Each rule
- * carries a comment with the node and the rule's name, so that nodes side by side leave each other's rules alone.
+ * A node marks packets only when its folder (VELA_NODE_DIR) holds the file "dscp.conf". The code points of the two
+ * traffic classes, 0 to 63, are those of the model's objects "DiffServCategory=OamCM" and "DiffServCategory=OamFM", and
+ * 16 (CS2) where there is none; the file's lines "OamCM=VALUE" and "OamFM=VALUE" take their place. Each rule carries a
+ * comment with the node, the rule's name and its traffic class, so that nodes side by side leave each other's rules
+ * alone.
  */
 #ifndef DSCP_DSCP_RULES_H
 #define DSCP_DSCP_RULES_H
 
+#include <Poco/AutoPtr.h>
+#include <Poco/DOM/DOMParser.h>
+#include <Poco/DOM/Document.h>
+#include <Poco/DOM/Element.h>
+#include <Poco/DOM/NodeList.h>
 #include <Poco/Exception.h>
 #include <Poco/Pipe.h>
 #include <Poco/PipeStream.h>
 #include <Poco/Process.h>
 #include <Poco/SHA1Engine.h>
 #include <Poco/StreamCopier.h>
+#include <Poco/String.h>
 #include <arpa/inet.h>
 #include <netdb.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -51,7 +60,7 @@ struct Result {
   std::string output;
 };
 
-/** Runs a packet filter command on the table "mangle"; no shell between. */
+/** Lists the table "mangle" of a packet filter; no shell between. */
 inline Result runFilter(const char* filter, Words arguments) {
   arguments.insert(arguments.begin(), {"-w", "3", "-t", "mangle"});
   Poco::Pipe out;
@@ -77,18 +86,40 @@ inline std::filesystem::path nodeFolder() {
 }
 
 inline std::filesystem::path configurationFile() { return nodeFolder() / "dscp.conf"; }
+inline std::filesystem::path modelFile() { return nodeFolder() / "model.xml"; }
+
+/** A text and the file that it comes from. */
+struct Setting {
+  std::string value;
+  std::filesystem::path file;
+};
+
+/** The code point that the model gives a traffic class. */
+inline Setting modelCodePoint(const std::string& trafficClass) {
+  if (!std::filesystem::exists(modelFile())) return {DefaultCodePoint, modelFile()};
+  const Poco::AutoPtr<Poco::XML::Document> model = Poco::XML::DOMParser().parse(modelFile().string());
+  const Poco::AutoPtr<Poco::XML::NodeList> categories = model->getElementsByTagName("DiffServCategory");
+  for (unsigned long i = 0; i < categories->length(); ++i) {
+    const auto* category = static_cast<Poco::XML::Element*>(categories->item(i));
+    if (category->getAttribute("id") != trafficClass) continue;
+    const Poco::XML::Element* dscp = category->getChildElement("dscp");
+    return {dscp == nullptr ? "0" : Poco::trim(dscp->innerText()), modelFile()};
+  }
+  return {DefaultCodePoint, modelFile()};
+}
 
 inline std::string codePoint(const std::string& trafficClass) {
   if (trafficClass != "OamCM" && trafficClass != "OamFM")
     throw std::runtime_error("unknown traffic class '" + trafficClass + "'");
+  Setting setting = modelCodePoint(trafficClass);
   std::ifstream in(configurationFile());
-  std::string value = DefaultCodePoint;
   for (std::string line; std::getline(in, line);)
-    if (line.rfind(trafficClass + "=", 0) == 0) value = line.substr(trafficClass.size() + 1);
+    if (line.rfind(trafficClass + "=", 0) == 0) setting = {line.substr(trafficClass.size() + 1), configurationFile()};
+  const std::string& value = setting.value;
   const bool isNumber =
       !value.empty() && value.size() <= 2 && value.find_first_not_of("0123456789") == std::string::npos;
   if (!isNumber || std::stoul(value) > MaxCodePoint)
-    throw std::runtime_error(configurationFile().string() + ": " + trafficClass + " is no code point: '" + value + "'");
+    throw std::runtime_error(setting.file.string() + ": " + trafficClass + " is no code point: '" + value + "'");
   return value;
 }
 
@@ -99,15 +130,11 @@ inline std::string commentPrefix() {
   return "vela:" + Poco::DigestEngine::digestToHex(engine.digest()).substr(0, 12) + ":";
 }
 
-/** A rule as the packet filter lists it: the words behind "-A OUTPUT", and the name from its comment. */
+/** A rule as the packet filter lists it: the words behind "-A OUTPUT", and name and traffic class from its comment. */
 struct Rule {
   std::string name;
+  std::string trafficClass;
   Words words;
-
-  std::string target() const {
-    const auto at = std::find(words.begin(), words.end(), "--set-dscp");
-    return at == words.end() || at + 1 == words.end() ? "" : *(at + 1);
-  }
 };
 
 inline Words splitQuoted(const std::string& line) {
@@ -127,7 +154,12 @@ inline std::vector<Rule> listRules(const char* filter) {
     const auto comment = std::find(words.begin(), words.end(), "--comment");
     if (words.size() < 3 || words[0] != "-A" || comment == words.end() || comment + 1 == words.end()) continue;
     if ((comment + 1)->rfind(prefix, 0) != 0) continue;
-    Rule rule{(comment + 1)->substr(prefix.size()), {}};
+    Rule rule;
+    rule.name = (comment + 1)->substr(prefix.size());
+    if (const size_t colon = rule.name.find(':'); colon != std::string::npos) {
+      rule.trafficClass = rule.name.substr(colon + 1);
+      rule.name.erase(colon);
+    }
     rule.words.assign(words.begin() + 2, words.end());
     rules.push_back(std::move(rule));
   }
@@ -241,25 +273,58 @@ class MatchParser {
   Match _match{{Filters[0], {}}, {Filters[1], {}}};
 };
 
-inline void change(const char* filter, const char* operation, const Words& words) {
-  Words arguments = {operation, Chain};
-  arguments.insert(arguments.end(), words.begin(), words.end());
-  const Result result = runFilter(filter, arguments);
-  if (result.status != 0)
-    throw std::runtime_error(std::string(filter) + " fails: " + result.output.substr(0, result.output.find('\n')));
-}
+/** Changes to the chain of one packet filter, made all at once or not at all, however many they are. */
+class Changes {
+ public:
+  void add(const Words& words) { append("-A", words); }
+  void remove(const std::vector<Rule>& rules) {
+    for (const Rule& rule : rules) append("-D", rule.words);
+  }
+  void apply(const char* filter) const {
+    if (_lines.empty()) return;
+    Poco::Pipe in;
+    Poco::Pipe out;
+    const Poco::ProcessHandle process =
+        Poco::Process::launch(std::string(filter) + "-restore", {"-w", "3", "--noflush"}, &in, &out, &out);
+    Poco::PipeOutputStream input(in);
+    input << "*mangle\n" << _lines << "COMMIT\n";
+    input.close();
+    Poco::PipeInputStream output(out);
+    std::string reason;
+    std::getline(output, reason);
+    if (process.wait() != 0) throw std::runtime_error(std::string(filter) + " fails: " + reason);
+  }
+
+ private:
+  void append(const char* operation, const Words& words) {
+    _lines.append(operation).append(" ").append(Chain);
+    for (const std::string& word : words) _lines.append(" ").append(word);
+    _lines.append("\n");
+  }
+
+  std::string _lines;
+};
 
 inline void removeRules(const char* filter, const std::vector<Rule>& rules) {
-  for (const Rule& rule : rules) change(filter, "-D", rule.words);
+  Changes changes;
+  changes.remove(rules);
+  changes.apply(filter);
 }
 
-inline void addRules(const std::string& name, const Match& match, const std::string& code) {
-  for (const auto& [filter, words] : match) {
-    if (filter == Filters[1] && !isAvailable(Filters[1])) continue;
-    Words rule = words;
-    rule.insert(rule.end(), {"-m", "comment", "--comment", commentPrefix() + name, "-j", "DSCP", "--set-dscp", code});
-    change(filter.c_str(), "-A", rule);
+/** Puts rules in the place of old ones, which may be none. */
+inline void replaceRules(const char* filter, const std::vector<Rule>& old, const std::string& name,
+                         const std::string& trafficClass, const Match& match) {
+  Changes changes;
+  const auto found = match.find(filter);
+  const bool isWanted = found != match.end() && (filter == Filters[0] || isAvailable(filter));
+  if (isWanted) {
+    Words rule = found->second;
+    rule.insert(rule.end(), {"-m", "comment", "--comment", commentPrefix() + name + ":" + trafficClass, "-j", "DSCP",
+                             "--set-dscp", codePoint(trafficClass)});
+    changes.add(rule);
   }
+  changes.remove(old);
+  changes.apply(filter);
 }
 
 /** The rules of a name in one packet filter. */
@@ -278,6 +343,8 @@ inline void requireName(const std::string& name) {
 /** Runs a command's work; one line on standard error and Failed when it throws. */
 template <typename Work>
 int runCommand(const char* command, Work work) {
+  // A packet filter that stops reading shows in its exit status.
+  std::signal(SIGPIPE, SIG_IGN);
   try {
     return work();
   } catch (const Poco::Exception& error) {

@@ -6,7 +6,7 @@ int main(int argc, char** argv) {
     if (argc < 4) throw std::runtime_error("usage: dscp-iptables-add NAME CLASS OPTIONS...");
     const std::string name = argv[1];
     Dscp::requireName(name);
-    const std::string code = Dscp::codePoint(argv[2]);
+    Dscp::codePoint(argv[2]);  // refused before anything is done
     const Dscp::Match match = Dscp::MatchParser().parse({argv + 3, argv + argc});
     Dscp::requireFilter();
     for (const char* filter : Dscp::Filters) {
@@ -14,7 +14,7 @@ int main(int argc, char** argv) {
       std::cerr << "dscp-iptables-add: there is a rule '" << name << "'\n";
       return Dscp::RuleExists;
     }
-    Dscp::addRules(name, match, code);
+    for (const char* filter : Dscp::Filters) Dscp::replaceRules(filter, {}, name, argv[2], match);
     return Dscp::Success;
   });
 }

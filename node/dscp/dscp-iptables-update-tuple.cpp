@@ -1,4 +1,4 @@
-/** dscp-iptables-update-tuple NAME OPTIONS...: gives a rule another match; its code point stays. 2 on failure. */
+/** dscp-iptables-update-tuple NAME OPTIONS...: gives a rule another match; its traffic class stays. 2 on failure. */
 #include "DscpRules.h"
 
 int main(int argc, char** argv) {
@@ -8,15 +8,13 @@ int main(int argc, char** argv) {
     const Dscp::Match match = Dscp::MatchParser().parse({argv + 2, argv + argc});
     Dscp::requireFilter();
     std::map<const char*, std::vector<Dscp::Rule>> old;
-    std::string code;
+    std::string trafficClass;
     for (const char* filter : Dscp::Filters) {
       old[filter] = Dscp::rulesNamed(filter, name);
-      if (!old[filter].empty()) code = old[filter].front().target();
+      if (!old[filter].empty()) trafficClass = old[filter].front().trafficClass;
     }
-    if (code.empty()) throw std::runtime_error("there is no rule '" + name + "'");
-    // The new ones first: at no moment are packets left unmarked.
-    Dscp::addRules(name, match, code);
-    for (const auto& [filter, rules] : old) Dscp::removeRules(filter, rules);
+    if (trafficClass.empty()) throw std::runtime_error("there is no rule '" + name + "'");
+    for (const auto& [filter, rules] : old) Dscp::replaceRules(filter, rules, name, trafficClass, match);
     return Dscp::Success;
   });
 }

@@ -54,9 +54,8 @@ Node::Node(const NodeFolder& folder, const NodeOptions& options)
       _model(folder.model()),
       _services(hostName, folder.path()),
       _commands(_services.getStore(), _fm, {[this] { return getStatus(); }, [] { ::kill(::getpid(), SIGTERM); }}),
-      _control([this](const Poco::JSON::Object& request, ControlReply& reply) {
-        return _commands.handle(request, reply);
-      }) {
+      _control(
+          [this](const Poco::JSON::Object& request, ControlReply& reply) { return _commands.handle(request, reply); }) {
   HostLog& log = _services.getLog();
   log.setLevel(options.logLevel);
   log.setEcho(options.isVerbose);

@@ -21,7 +21,8 @@ constexpr const char* systemTools = "/usr/sbin:/sbin";
 constexpr const char* defaultPath = "/usr/local/bin:/usr/bin:/bin";
 
 void setVariable(const char* name, const std::string& value) {
-  if (::setenv(name, value.c_str(), 1) != 0) throw Vela::VelaException("The environment variable %s can not be set", name);
+  if (::setenv(name, value.c_str(), 1) != 0)
+    throw Vela::VelaException("The environment variable %s can not be set", name);
 }
 
 }  // namespace
@@ -41,7 +42,8 @@ NodeEnvironment::NodeEnvironment() {
 
 void NodeEnvironment::set(const std::filesystem::path& nodeFolder) const {
   const char* path = std::getenv("PATH");
-  setVariable("PATH", _tools.string() + ":" + (path != nullptr && *path != '\0' ? path : defaultPath) + ":" + systemTools);
+  setVariable("PATH",
+              _tools.string() + ":" + (path != nullptr && *path != '\0' ? path : defaultPath) + ":" + systemTools);
   setVariable("VELA_NODE_DIR", nodeFolder);
   setVariable("VELA_SNMPD_PLUGIN", _libraries / pluginName);
   setVariable("VELA_SEC_API_LIB_DIR", _libraries);

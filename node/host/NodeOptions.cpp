@@ -13,9 +13,12 @@ namespace {
 enum Code { Dir = 1, Model, Config, LogLevel, Verbose, Help = 'h' };
 
 constexpr option longOptions[] = {
-    {"dir", required_argument, nullptr, Dir},         {"model", required_argument, nullptr, Model},
-    {"config", required_argument, nullptr, Config},   {"log-level", required_argument, nullptr, LogLevel},
-    {"verbose", no_argument, nullptr, Verbose},       {"help", no_argument, nullptr, Help},
+    {"dir", required_argument, nullptr, Dir},
+    {"model", required_argument, nullptr, Model},
+    {"config", required_argument, nullptr, Config},
+    {"log-level", required_argument, nullptr, LogLevel},
+    {"verbose", no_argument, nullptr, Verbose},
+    {"help", no_argument, nullptr, Help},
     {nullptr, 0, nullptr, 0},
 };
 

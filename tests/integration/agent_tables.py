@@ -42,7 +42,8 @@ TABLES = {"addr": (f"{ROOT}.12.1.2.1.", _implied), "params": (f"{ROOT}.12.1.3.1.
 def read(node, **options):
     """All rows: {"table:index": {column: text of the value}}. The engine's own id is left out of the users' indexes."""
     rows = {}
-    for line in node.snmp("snmpbulkwalk", "-Cr50", ROOT, user=node.config_user(), **options).stdout.splitlines():
+    text = node.snmp("snmpbulkwalk", "-Cr50", ROOT, user=node.config_user(), **options).stdout
+    for line in text.replace("\n.1", "\0.1").replace("\n", "").split("\0"):  # long values take several lines
         oid, _, value = line.partition(" = ")
         for table, (entry, index) in TABLES.items():
             if oid.startswith(entry):

@@ -163,3 +163,22 @@ TEST_F(SnmpConfigHandlerTest, InternalAddressFollowsTheFirstDtlsAddressAndTheFal
   handler.getStaticTlsConfig(reachable);
   EXPECT_THAT(reachable.agentAddress, ElementsAre(Pair("192.0.2.1", 161u)));
 }
+
+TEST_F(SnmpConfigHandlerTest, ASecondFileReplacesTheFirstAndAFaultyOneNothing) {
+  const std::string tls =
+      "<tls>" + fingerprint("nodeCredential", Fingerprint) + fingerprint("trustCategory", OtherFingerprint) + "</tls>";
+  for (int run = 1; run <= 2; ++run) {
+    ASSERT_EQ(load("<VelaFmSnmp><agentxTimeout>5</agentxTimeout>" + tls + "</VelaFmSnmp>"), 0);
+  }
+  EXPECT_EQ(load("<VelaFmSnmp><agentxTimeout>7</agentxTimeout><agentxRetries>x</agentxRetries></VelaFmSnmp>"), -1);
+  EXPECT_EQ(handler.getAgentxTimeout(), 5);
+  SnmpConfig config;
+  handler.getStaticTlsConfig(config);
+  EXPECT_THAT(config.tlsOptions.trustCategories, ElementsAre(OtherFingerprint));
+
+  ASSERT_EQ(load("<VelaFmSnmp/>"), 0);
+  EXPECT_EQ(handler.getAgentxTimeout(), 0);
+  SnmpConfig plain;
+  handler.getStaticTlsConfig(plain);
+  EXPECT_EQ(plain.tlsOptions.nodeCredential, "");
+}

@@ -8,6 +8,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -107,6 +108,7 @@ void MasterAgent::start() {
   std::filesystem::create_directories(persistent);
   _pid = ::fork();
   if (_pid == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test program that is killed leaves no agent behind
     ::setenv("SNMPCONFPATH", (_folder + ":" + persistent).c_str(), 1);
     ::setenv("SNMP_PERSISTENT_DIR", persistent.c_str(), 1);
     ::setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);

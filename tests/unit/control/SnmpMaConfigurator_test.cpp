@@ -6,8 +6,12 @@
 
 #include <gmock/gmock.h>
 
+#include <map>
+
 #include "LogCapture.h"
 #include "MasterAgentFixture.h"
+#include "ScriptWrapper.h"
+#include "SnmpConfigHandler.h"
 
 using namespace VelaFmSnmp;
 using ::testing::Contains;
@@ -200,8 +204,7 @@ TEST_F(SnmpMaConfiguratorTest, aFaultyTargetConcernsNoOtherOne) {
   apply(configWith({noPort, badHost, unknownHost, badUser, targetV3("e_anna", "anna"), otherKeys, incomplete,
                     withoutDtls, targetV2("i_community", std::string(33, 'c')), targetV2("z_good")}));
   EXPECT_TRUE(configurator.isConfigured());
-  for (const char* name :
-       {"a_port", "b_host", "c_name", "d_user", "f_keys", "g_part", "h_dtls", "i_community"}) {
+  for (const char* name : {"a_port", "b_host", "c_name", "d_user", "f_keys", "g_part", "h_dtls", "i_community"}) {
     EXPECT_FALSE(isOperational(name)) << name;
     EXPECT_FALSE(hasRow(std::string("ntf_") + name)) << name;
   }
@@ -234,9 +237,9 @@ TEST_F(SnmpMaConfiguratorTest, communitiesTooLongForAccessStillGetTheirTraps) {
   EXPECT_EQ(textAt(paramsColumn + "4", "ntf_long"), "Vela_" + community);
   EXPECT_FALSE(isOperational("long"));
   EXPECT_TRUE(isOperational("fits"));
-  EXPECT_THAT(LogCapture::lines(),
-              Contains("Failed to configure snmp access for long: Failed to configure v2c access for community " +
-                       community));
+  EXPECT_THAT(
+      LogCapture::lines(),
+      Contains("Failed to configure snmp access for long: Failed to configure v2c access for community " + community));
 }
 
 TEST_F(SnmpMaConfiguratorTest, managersSeeWhatTheirViewsAllow) {
@@ -313,8 +316,11 @@ TEST_F(SnmpMaConfiguratorTest, invalidationWritesEverythingOverKeptAndOverLostRo
   agent->restart();
   agent->open(session);
   EXPECT_TRUE(configurator.checkEngineBootCount(session));
-  configurator.invalidate();
-  apply(config);
+  try {
+    apply(config);  // sees by itself that the rows are gone
+  } catch (const SnmpSessionException&) {
+    apply(config);  // the access rules are not: a stock agent keeps them, refuses them once, and has them replaced
+  }
   EXPECT_FALSE(configurator.checkEngineBootCount(session));
   EXPECT_TRUE(hasRow("ntf_a"));
   EXPECT_TRUE(hasRow("ntf_b"));
@@ -379,4 +385,142 @@ TEST_F(SnmpMaConfiguratorTest, theInternalTargetStandsBesideAConfiguredOneOfItsN
   configurator.configureTrapTarget(session, *internal, false);
   EXPECT_FALSE(hasRow("gen_1"));
   EXPECT_TRUE(hasRow("ntf_DummyTarget"));
+}
+
+namespace {
+
+/** An agent that takes everything, but the rows of one name. */
+class ObedientAgent : public SnmpMaSession {
+ public:
+  std::string refusedRow;
+  mutable std::map<std::string, std::string> values; /**< octets or identifier by object; numbers in decimal */
+
+  bool isOpen() const override { return true; }
+  std::string securityEngineID() const override { return "engine"; }
+  std::string contextEngineID() const override { return "engine"; }
+
+ protected:
+  int snmp_synch_response(SnmpPdu& request, SnmpPdu* response) const override {
+    snmp_pdu* answer = request.release();
+    const long number = 7;
+    answer->errstat = SNMP_ERR_NOERROR;
+    for (variable_list* variable = answer->variables; variable; variable = variable->next_variable) {
+      if (answer->command == SNMP_MSG_GET) {
+        snmp_set_var_typed_value(variable, ASN_INTEGER, &number, sizeof number);
+      } else {
+        const std::string object = SnmpOid(variable->name, static_cast<unsigned>(variable->name_length)).toString();
+        values[object] = textOf(*variable);
+        const bool isCreation = values[object] == "4";
+        if (isCreation && !refusedRow.empty() && object.find(impliedIndex(refusedRow)) != std::string::npos)
+          answer->errstat = SNMP_ERR_INCONSISTENTVALUE;
+      }
+    }
+    response->set(answer);
+    return STAT_SUCCESS;
+  }
+
+ private:
+  static std::string textOf(const variable_list& variable) {
+    if (variable.type == ASN_INTEGER) return std::to_string(*variable.val.integer);
+    if (variable.type == ASN_OBJECT_ID)
+      return SnmpOid(variable.val.objid, static_cast<unsigned>(variable.val_len / sizeof(oid))).toString();
+    return std::string(variable.val.string, variable.val.string + variable.val_len);
+  }
+};
+
+class ToolAnswer : public Vela::ScriptRunner {
+ public:
+  ToolAnswer(std::string revision, std::string answer) : _revision(std::move(revision)), _answer(std::move(answer)) {}
+  int run(const std::vector<std::string>& argv, int, std::string& output, const Vela::ScriptCancellation*) override {
+    output = argv.back() == "spi-revision" ? _revision : _answer;
+    return 0;
+  }
+
+ private:
+  std::string _revision;
+  std::string _answer;
+};
+
+}  // namespace
+
+TEST(SnmpMaConfigurator, writesTlsRowsOfDtlsTargets) {
+  ObedientAgent agent;
+  SnmpMaConfigurator configurator;
+  auto target = targetTls("nms", "walter");
+  auto ipv6 = targetTls("six", "walter");
+  ipv6->address = "2001:db8::1";
+  SnmpConfig config = configWith({target, ipv6});
+  const std::string nodeCredential = "00112233445566778899aabbccddeeff00112233";
+  config.tlsOptions.nodeCredential = nodeCredential;
+  config.tlsOptions.agentAddressDtls = {{"127.0.0.1", 10161}};
+  config.tlsOptions.trustCategories = {std::string(40, '1'), "none", std::string(40, '2')};
+  configurator.reconfigure(agent, config);
+  EXPECT_TRUE(configurator.getCurrentConfig().allTargetsOperational());
+
+  const std::string row = impliedIndex("ntf_nms");
+  const std::string params = ".1.3.6.1.2.1.198.2.2.1.6.1.";
+  const std::string addr = ".1.3.6.1.2.1.198.2.2.1.9.1.";
+  const std::string cert = ".1.3.6.1.2.1.198.2.2.1.3.1.";
+  const std::string sha1("\x02\x00\x11\x22\x33\x44\x55\x66\x77\x88\x99\xaa\xbb\xcc\xdd\xee\xff\x00\x11\x22\x33", 21);
+  EXPECT_EQ(agent.values[params + "1" + row], sha1);
+  EXPECT_EQ(agent.values[params + "3" + row], "4");
+  EXPECT_EQ(agent.values[addr + "2" + row], "*");
+  EXPECT_EQ(agent.values[addr + "4" + row], "4");
+  EXPECT_EQ(agent.values[addrColumn + "2" + row], ".1.3.6.1.6.1.9");
+  EXPECT_EQ(agent.values[addrColumn + "3" + row], std::string("\x7f\0\0\1\x27\xb2", 6));
+  EXPECT_EQ(agent.values[addrColumn + "3" + impliedIndex("ntf_six")].size(), 18U);
+  EXPECT_EQ(agent.values[paramsColumn + "3" + row], "4");
+  EXPECT_EQ(agent.values[paramsColumn + "5" + row], "3");
+  EXPECT_EQ(agent.values[cert + "2.1"], "\x02" + std::string(20, '\x11'));
+  EXPECT_EQ(agent.values[cert + "3.1"], ".1.3.6.1.2.1.198.1.1.5");
+  EXPECT_EQ(agent.values[cert + "6.2"], "6") << "a faulty fingerprint gets no row";
+  EXPECT_EQ(agent.values[cert + "2.3"], "\x02" + std::string(20, '\x22'));
+  EXPECT_EQ(agent.values[".1.3.6.1.6.3.16.1.4.1.5.6.119.97.108.116.101.114.0.4.3"], "vela_defaultView_V3_R");
+
+  agent.values.clear();
+  config.targets.erase("nms");
+  configurator.reconfigure(agent, config);
+  EXPECT_EQ(agent.values[params + "3" + row], "6");
+  EXPECT_EQ(agent.values[addr + "4" + row], "6");
+  EXPECT_EQ(agent.values.count(cert + "6.1"), 0U) << "the trust did not change";
+}
+
+TEST(SnmpMaConfigurator, aRowRefusedTwiceIsAFaultOfItsTarget) {
+  ObedientAgent agent;
+  SnmpMaConfigurator configurator;
+  agent.refusedRow = "ntf_b";
+  const SnmpConfig config = configWith({targetV2("a"), targetV2("b"), targetV2("c")});
+  EXPECT_THROW(configurator.reconfigure(agent, config), SnmpSessionException);
+  EXPECT_FALSE(configurator.isConfigured());
+  configurator.reconfigure(agent, config);
+  EXPECT_TRUE(configurator.isConfigured());
+  const SnmpConfig::TargetMap& targets = configurator.getCurrentConfig().getTargets();
+  EXPECT_TRUE(targets.at("a")->operational);
+  EXPECT_FALSE(targets.at("b")->operational);
+  EXPECT_TRUE(targets.at("c")->operational);
+  agent.refusedRow.clear();
+  configurator.reconfigure(agent, config);
+  EXPECT_TRUE(targets.at("b")->operational);
+}
+
+TEST(SnmpMaConfigurator, reversesIpv6PortsAsTheToolSays) {
+  struct Case {
+    const char* revision;
+    const char* answer;
+    std::string port;
+  };
+  for (const Case& test : {Case{"1.8.9", "no", "\xb2\x27"}, Case{"1.9.0", "yes", "\xb2\x27"},
+                           Case{"1.9.0", "no", "\x27\xb2"}, Case{"broken", "yes", "\x27\xb2"}}) {
+    Vela::ScriptWrapper::setRunner(std::make_shared<ToolAnswer>(test.revision, test.answer));
+    SnmpConfigHandler handler;
+    ObedientAgent agent;
+    SnmpMaConfigurator configurator;
+    configurator.setConfigurationHandler(&handler);
+    auto ipv6 = targetV2("six");
+    ipv6->address = "::1";
+    configurator.reconfigure(agent, configWith({ipv6, targetV2("four")}));
+    EXPECT_EQ(agent.values[addrColumn + "3" + impliedIndex("ntf_six")].substr(16), test.port) << test.revision;
+    EXPECT_EQ(agent.values[addrColumn + "3" + impliedIndex("ntf_four")].substr(4), "\x27\xb2");
+  }
+  Vela::ScriptWrapper::setRunner(nullptr);
 }

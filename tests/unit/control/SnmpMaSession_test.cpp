@@ -110,9 +110,9 @@ TEST(SnmpMaSession, decodesNumbersOfEveryType) {
     long value;
     bool isNumber;
   };
-  for (const Case& test : {Case{ASN_INTEGER, -7, true}, Case{ASN_COUNTER, 4000000000, true},
-                           Case{ASN_GAUGE, 4000000000, true}, Case{ASN_TIMETICKS, 9, true},
-                           Case{ASN_IPADDRESS, 9, false}, Case{ASN_OCTET_STR, 9, false}}) {
+  for (const Case& test :
+       {Case{ASN_INTEGER, -7, true}, Case{ASN_COUNTER, 4000000000, true}, Case{ASN_GAUGE, 4000000000, true},
+        Case{ASN_TIMETICKS, 9, true}, Case{ASN_IPADDRESS, 9, false}, Case{ASN_OCTET_STR, 9, false}}) {
     SnmpPdu pdu(SNMP_MSG_RESPONSE);
     pdu.addVarbind(sysDescr, &test.value, test.type == ASN_IPADDRESS ? 4 : sizeof test.value, test.type);
     long long value = 0;

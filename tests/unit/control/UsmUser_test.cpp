@@ -17,17 +17,17 @@ struct Protocols {
 };
 
 /** Every combination that a target may have. */
-const Protocols combinations[] = {
-    {LevelNoAuthNoPriv, AuthNone, PrivNone}, {LevelNoAuthNoPriv, AuthSha, PrivAes}, {LevelAuthNoPriv, AuthMd5, PrivNone},
-    {LevelAuthNoPriv, AuthSha, PrivAes},     {LevelAuthPriv, AuthMd5, PrivDes},     {LevelAuthPriv, AuthMd5, PrivAes},
-    {LevelAuthPriv, AuthSha, PrivDes},       {LevelAuthPriv, AuthSha, PrivAes}};
+const Protocols combinations[] = {{LevelNoAuthNoPriv, AuthNone, PrivNone}, {LevelNoAuthNoPriv, AuthSha, PrivAes},
+                                  {LevelAuthNoPriv, AuthMd5, PrivNone},    {LevelAuthNoPriv, AuthSha, PrivAes},
+                                  {LevelAuthPriv, AuthMd5, PrivDes},       {LevelAuthPriv, AuthMd5, PrivAes},
+                                  {LevelAuthPriv, AuthSha, PrivDes},       {LevelAuthPriv, AuthSha, PrivAes}};
 
 /** Reads the engine's boot count as a user; the answer shows whether the agent takes the user's keys. */
 std::string readAs(const MasterAgent& agent, const SnmpTargetV3Usm& target, const std::string& authKey,
                    const std::string& privKey) {
   const char* const levels[] = {"", "noAuthNoPriv", "authNoPriv", "authPriv"};
-  std::vector<std::string> arguments{"snmpget", "-v3", "-r", "0", "-t", "2", "-u", target.user, "-l",
-                                     levels[target.snmpSecurityLevel]};
+  std::vector<std::string> arguments{"snmpget", "-v3", "-r",        "0",  "-t",
+                                     "2",       "-u",  target.user, "-l", levels[target.snmpSecurityLevel]};
   if (target.snmpSecurityLevel >= LevelAuthNoPriv)
     arguments.insert(arguments.end(), {"-a", target.authProtocol == AuthSha ? "SHA" : "MD5", "-A", authKey});
   if (target.snmpSecurityLevel >= LevelAuthPriv)
@@ -84,14 +84,26 @@ TEST(UsmUser, refusesWhatMakesNoUser) {
   const std::string shortPhrase = "New passphrase must be greater than 7 characters in length.";
   const Case cases[] = {
       {"", {3, 1, 1}, "authSecret", "privSecret", "target user must be between 1 and 32 characters in length"},
-      {std::string(33, 'u'), {3, 1, 1}, "authSecret", "privSecret",
+      {std::string(33, 'u'),
+       {3, 1, 1},
+       "authSecret",
+       "privSecret",
        "target user must be between 1 and 32 characters in length"},
-      {"vela_templ_SHA_AES", {3, 1, 1}, "authSecret", "privSecret",
+      {"vela_templ_SHA_AES",
+       {3, 1, 1},
+       "authSecret",
+       "privSecret",
        "can not create v3 trap targets for built-in usm user (vela_templ_SHA_AES)!"},
       {"u", {2, 0, 1}, "authSecret", "privSecret", "SNMP_SEC_LEVEL_AUTHNOPRIV selected, but no AuthProtocol specified"},
-      {"u", {3, 1, 0}, "authSecret", "privSecret",
+      {"u",
+       {3, 1, 0},
+       "authSecret",
+       "privSecret",
        "SNMP_SEC_LEVEL_AUTHPRIV selected, but no Auth- or PrivProtocol specified"},
-      {"u", {3, 0, 1}, "authSecret", "privSecret",
+      {"u",
+       {3, 0, 1},
+       "authSecret",
+       "privSecret",
        "SNMP_SEC_LEVEL_AUTHPRIV selected, but no Auth- or PrivProtocol specified"},
       {"u", {4, 1, 1}, "authSecret", "privSecret", "Unknown securityLevel :4"},
       {"u", {3, 3, 1}, "authSecret", "privSecret", "unknown authProtocol 3"},

@@ -41,7 +41,8 @@ class ControlCommandsTest : public testing::Test {
  protected:
   ControlCommandsTest() {
     _services.getStore().install(ModelFile::parse(ModelFile::getDefaultText(), "default"));
-    _services.getStore().setEncryptor([](const std::string& text) { return "cipher(" + std::to_string(text.size()) + ")"; });
+    _services.getStore().setEncryptor(
+        [](const std::string& text) { return "cipher(" + std::to_string(text.size()) + ")"; });
   }
 
   /** The result's text, or "error: " and the reason. */
@@ -82,8 +83,9 @@ TEST_F(ControlCommandsTest, AlarmLivesFromRaiseToClear) {
   EXPECT_EQ(R"({"index":1})", ask(R"({"command":"alarm change","index":1,"severity":"critical"})"));
   ask(R"({"command":"alarm list"})");
   ASSERT_EQ(1U, _reply.items.size());
-  for (const char* part : {R"("index":1,"severity":"critical","mo":"ManagedElement=1","majorType":1,"minorType":4294967295)",
-                           R"("text":"t")", R"("originalSeverity":"major")", R"("info":[{"name":"a","value":"b"}])"}) {
+  for (const char* part :
+       {R"("index":1,"severity":"critical","mo":"ManagedElement=1","majorType":1,"minorType":4294967295)",
+        R"("text":"t")", R"("originalSeverity":"major")", R"("info":[{"name":"a","value":"b"}])"}) {
     EXPECT_THAT(_reply.items[0], HasSubstr(part));
   }
   EXPECT_EQ(R"({"index":1})", ask(R"({"command":"alarm clear","index":1})"));
@@ -122,7 +124,8 @@ TEST_F(ControlCommandsTest, StormRaisesDistinctAlarms) {
 
 TEST_F(ControlCommandsTest, StormKeepsItsRateAndEndsWithItsClient) {
   _reply.patience = 3;
-  EXPECT_THAT(ask(R"({"command":"alarm storm","count":1000000,"rate":1})"), HasSubstr("error: the storm was broken off"));
+  EXPECT_THAT(ask(R"({"command":"alarm storm","count":1000000,"rate":1})"),
+              HasSubstr("error: the storm was broken off"));
   ASSERT_EQ(4U, _reply.waits.size());
   // The stand-in returns at once, so that each wait is longer by one alarm's time.
   EXPECT_NEAR(3000, _reply.waits[3], 500);
@@ -186,8 +189,9 @@ TEST_F(ControlCommandsTest, WhatTheNodeKeepsIsNotTheOperators) {
 }
 
 TEST_F(ControlCommandsTest, TheRestReachesItsPlace) {
-  EXPECT_EQ(R"({"sequenceNo":1})",
-            ask(R"({"command":"alert","mo":"m","severity":"cleared","majorType":1,"minorType":1,"specificProblem":"p"})"));
+  EXPECT_EQ(
+      R"({"sequenceNo":1})",
+      ask(R"({"command":"alert","mo":"m","severity":"cleared","majorType":1,"minorType":1,"specificProblem":"p"})"));
   EXPECT_EQ("{}", ask(R"({"command":"heartbeat"})"));
   EXPECT_EQ("{}", ask(R"({"command":"rebuild"})"));
   EXPECT_THAT(ask(R"({"command":"status"})"), HasSubstr("started"));

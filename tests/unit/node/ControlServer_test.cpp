@@ -60,7 +60,10 @@ TEST_F(ControlServerTest, AnswersOneLinePerRequest) {
   ControlClient client(_path);
   EXPECT_EQ(R"({"ok":true,"result":{"done":"x"}})", client.ask(R"({"command":"x"})"));
   EXPECT_EQ(R"({"error":"no such thing","ok":false})", client.ask(R"({"command":"fail"})"));
-  client.send(R"({"command":"count","to":2})" "\n" R"({"command":"y"})" "\n");
+  client.send(R"({"command":"count","to":2})"
+              "\n"
+              R"({"command":"y"})"
+              "\n");
   EXPECT_EQ(R"({"item":{"i":0}})", client.readLine());
   EXPECT_EQ(R"({"item":{"i":1}})", client.readLine());
   EXPECT_THAT(client.readLine(), HasSubstr("count"));

@@ -108,7 +108,8 @@ class FmServiceTest : public testing::Test {
   std::uint64_t _wallNs = 1489482000123456000;
   std::uint64_t _steadyMs = 5000;
   NodeServices _services;
-  FmService _fm{_services.getStore(), _services.getRouter(), {[this] { return _wallNs; }, [this] { return _steadyMs; }}};
+  FmService _fm{
+      _services.getStore(), _services.getRouter(), {[this] { return _wallNs; }, [this] { return _steadyMs; }}};
 };
 
 TEST_F(FmServiceTest, RaisedAlarmIsInTheModelAndEmitted) {
@@ -154,8 +155,7 @@ TEST_F(FmServiceTest, TimesOfTheModelAreThoseOfTheEvents) {
   _fm.raise(linkFailure());
   const auto toNs = [](const std::optional<std::string>& text) {
     int zone = 0;
-    Poco::DateTime time =
-        Poco::DateTimeParser::parse(Poco::DateTimeFormat::ISO8601_FRAC_FORMAT, text.value(), zone);
+    Poco::DateTime time = Poco::DateTimeParser::parse(Poco::DateTimeFormat::ISO8601_FRAC_FORMAT, text.value(), zone);
     time.makeUTC(zone);
     return static_cast<std::uint64_t>(time.timestamp().epochMicroseconds()) * 1000;
   };

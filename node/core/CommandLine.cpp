@@ -112,7 +112,8 @@ CommandLine::Parsed CommandLine::parse(const std::vector<std::string>& words) co
     if (!prefix.empty() && !isGroup(prefix)) throw UsageError("unknown command '" + prefix + "'");
     if (wantsHelp) return {nullptr, {}, groupHelp(prefix)};
     if (prefix.empty()) throw UsageError("no command");
-    throw UsageError(plain.size() > 1 ? "unknown command '" + join(plain, 2) + "'" : "'" + prefix + "' needs a command");
+    throw UsageError(plain.size() > 1 ? "unknown command '" + join(plain, 2) + "'"
+                                      : "'" + prefix + "' needs a command");
   }
   if (wantsHelp) return {nullptr, {}, commandHelp(*command)};
   arguments._words.assign(plain.begin() + static_cast<std::ptrdiff_t>(length), plain.end());
