@@ -5,6 +5,7 @@ import tempfile
 
 import pytest
 
+import faults
 import vela
 
 
@@ -54,6 +55,21 @@ def nodes(folder, request):
                 agent = node.dir / "log/snmpd.log"
                 if agent.exists():
                     print(f"---- {node.dir} snmpd log\n{agent.read_text(errors='replace')[-4000:]}")
+
+
+@pytest.fixture
+def scenes(folder, nodes, receivers):
+    """Makes nodes that faults are to happen to, with a target that works; `tools`: with tools that can be made fail."""
+
+    def make(children="", tools=False, **options):
+        receiver = receivers()
+        programs = faults.Programs(folder / "programs") if tools else None
+        if programs:
+            options["programs"] = programs.bin
+        target = vela.target_xml("SnmpTargetV2C", "nms", receiver.port, community="public")
+        return faults.Scene(nodes(target + children, **options), receiver, programs)
+
+    return make
 
 
 @pytest.hookimpl(hookwrapper=True)

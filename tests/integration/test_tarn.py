@@ -269,6 +269,13 @@ def test_a_bad_inform_receiver_is_left_out_alone(node, line):
                         '-A "p \\"a\\" -s\\\\s  phrase" 127.0.0.1:162']
 
 
+def test_a_quoted_word_of_an_inform_receiver_is_its_text(node):
+    quoted = '"p \\"a\\" -x DES \\\\ phrase"'
+    line = f"trapsess -Ci -v 3 -u u -r 1 -t 1 -l authNoPriv -a SHA -A {quoted} 127.0.0.1:162"
+    assert node.configure_list("trapsess", line) == []
+    assert f' -a "SHA" -A {quoted} 127.0.0.1:162' in node.conf()
+
+
 FEATURES = [("isDtlsSupported", "1.2.0"), ("configure dtlsNodeCredential=", "1.2.0"),
             ("configure setCipherString=", "1.6.0"), ("configure trapsess=", "1.6.0"),
             ("ipv6PortReverseByteOrder", "1.9.0"), ("isExactEngineIdSupported", "1.10.0"),

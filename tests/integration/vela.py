@@ -157,6 +157,20 @@ class Receiver:
         return [int(oid[len(prefix):]) for notification in self.alarms() for oid, _, _ in notification.varbinds
                 if oid.startswith(prefix)]
 
+    def burst_indexes(self):
+        """As indexes, for thousands of datagrams: looks for the specific problem's OID without decoding the rest."""
+        prefix = bytes([0x2B, 6, 1, 4, 1, 0x83, 0xDE, 0x32, 0x81, 0x37, 4, 1, 3, 5, 1, 4])
+        found = []
+        for datagram in list(self.datagrams):
+            at = datagram.find(prefix)
+            if at < 0:
+                continue
+            index = 0
+            for octet in datagram[at + len(prefix):at + datagram[at - 1]]:
+                index = index << 7 | octet & 0x7F
+            found.append(index)
+        return found
+
     def problems(self):
         """The specific problems of the alarm notifications, in order of arrival."""
         return [bytes(value).decode() for notification in self.alarms() for oid, _, value in notification.varbinds
@@ -197,7 +211,10 @@ def model_xml(agent_port, children="", snmp="", heartbeat=0, agent_host="127.0.0
 class Node:
     """A stand-alone node in a folder of its own."""
 
-    def __init__(self, folder, children="", settings="", agent_port=None, environment=None, log_level=6, **model):
+    def __init__(self, folder, children="", settings="", agent_port=None, environment=None, log_level=6, programs=BIN,
+                 within=(), **model):
+        self.programs = programs  # the folder with vela-node
+        self.within = list(within)  # a command that runs the node as its last arguments, in a namespace for one
         self.dir = pathlib.Path(folder)
         self.agent_port = agent_port or free_port()
         self.environment = dict(os.environ, **(environment or {}))
@@ -217,7 +234,7 @@ class Node:
         self.output = open(self.dir.parent / (self.dir.name + "-output.log"), "ab")
         first = ["--model", str(self.model), "--config", str(self.config)]
         self.process = subprocess.Popen(
-            [str(BIN / "vela-node"), "--dir", str(self.dir), "--log-level", str(self.log_level)]
+            self.within + [str(self.programs / "vela-node"), "--dir", str(self.dir), "--log-level", str(self.log_level)]
             + (first if arguments is None else arguments),
             stdout=self.output, stderr=self.output, stdin=subprocess.DEVNULL, env=self.environment)
         if wait:
@@ -333,10 +350,12 @@ class Node:
                 password]
 
     def snmp(self, tool, *arguments, community="public", user=None, port=None, host="127.0.0.1", check=True,
-             timeout=60):
-        """Runs a net-snmp tool against the node's agent. `user`: the options of a v3 user instead of a community."""
+             timeout=60, patience=("2", "1")):
+        """Runs a net-snmp tool against the node's agent. `user`: the options of a v3 user instead of a community;
+        `patience`: seconds to wait for an answer, and how often to ask again."""
         options = user if user is not None else ["-v2c", "-c", community]
-        result = subprocess.run([tool, *options, "-On", "-t", "2", "-r", "1", f"{host}:{port or self.agent_port}",
+        result = subprocess.run([tool, *options, "-On", "-t", patience[0], "-r", patience[1],
+                                 f"{host}:{port or self.agent_port}",
                                  *map(str, arguments)],
                                 capture_output=True, text=True, timeout=timeout, env=TOOL_ENVIRONMENT)
         if check:
