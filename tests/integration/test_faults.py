@@ -1,0 +1,333 @@
+"""Whatever fails around the component: alarms arrive again and the table is served, without anybody's help."""
+
+import re
+import signal
+import subprocess
+import time
+
+import pytest
+
+from faults import BABBLES, CRASHES, FAILS, HANGS, fails_times, held_port, mute_name_server
+from vela import BIN, SNMP, eventually, free_port, target_xml
+
+NMS = f"{SNMP},SnmpTargetV2C=nms"
+END_WITHIN = 20
+
+
+def test_an_agent_that_dies_pauses_or_is_restarted_by_others(scenes):
+    scene = scenes().start()
+    scene.settled()
+
+    first = scene.node.snmpd_pid()
+    scene.recovered(scene.kill_agent())
+    second = scene.node.snmpd_pid()
+    assert second != first
+    scene.settled()
+
+    # The connection outlives its file, and the next agent makes a new one, whatever lies there by then.
+    scene.agentx_socket.unlink()
+    scene.recovered(time.monotonic())
+    scene.agentx_socket.write_text("no socket")
+    scene.recovered(scene.kill_agent())
+    scene.settled()
+
+    # An agent that somebody else restarted is taken as it is.
+    scene.tarn("snmp", "restart")
+    third = scene.node.snmpd_pid()
+    scene.recovered(time.monotonic())
+    assert scene.node.snmpd_pid() == third
+    scene.settled()
+
+    # What was raised during a pause arrives in its order, through the same agent.
+    scene.signal_agent(signal.SIGSTOP)
+    began = time.monotonic()
+    for number in range(40):
+        scene.node.raise_alarm(f"during the pause {number}.", mo="ManagedElement=1,Pause=1")
+    eventually(lambda: time.monotonic() - began > 3, what="the end of the pause")
+    scene.signal_agent(signal.SIGCONT)
+    arrivals = [scene.arrival(f"during the pause {number}.") for number in range(40)]
+    assert arrivals == sorted(arrivals)
+    scene.recovered(time.monotonic())
+    assert scene.node.snmpd_pid() == third
+
+
+def test_an_agent_that_hangs_is_replaced(scenes):
+    scene = scenes().start()
+    scene.settled()
+    first = scene.node.snmpd_pid()
+    scene.recovered(scene.signal_agent(signal.SIGSTOP))
+    assert scene.node.snmpd_pid() != first
+
+
+def test_a_port_that_another_process_holds_for_a_while(scenes):
+    scene = scenes().start()
+    scene.settled()
+    starts = len(scene.node.states())
+    scene.kill_agent()
+    with held_port(scene.node.agent_port):
+        scene.node.reach("StartMasterAgent", after=1)
+        entered = time.monotonic()
+        eventually(lambda: time.monotonic() - entered > 3, what="the end of the hold")
+        scene.node.raise_alarm("raised without an agent")
+        assert scene.node.state() == "StartMasterAgent"
+    scene.recovered(time.monotonic())
+    assert "raised without an agent" in scene.receiver.problems()
+    assert not any("Port is not available" in reason for _, _, reason in scene.node.states()[starts:])
+
+
+@pytest.mark.parametrize("command, script, told", [
+    ("configure", fails_times(3, "configures"), "tarn snmp configure failed with exit status 1: no space left on device"),
+    ("start", fails_times(3, "starts"), "tarn snmp start failed with exit status 1: no space left on device"),
+    ("start", CRASHES, "tarn snmp start failed with exit status 139"),
+    ("start", BABBLES, "Failed to register agentx: Failed to initialize netsnmp"),
+    ("stop", FAILS, "stopMasterAgent caught exception: tarn snmp stop failed with exit status 1: no space left"),
+    ("tarn", None, "Failed to start master agent: Failed to run tarn: No such file or directory"),
+])
+def test_a_tool_that_fails_is_tried_again(scenes, command, script, told):
+    scene = scenes(tools=True).start()
+    scene.settled()
+    before = scene.node.log().count(told)
+    if script:
+        scene.programs.fail(command, script)
+    else:
+        scene.programs.remove()
+    scene.kill_agent()
+    scene.node.raise_alarm("raised without an agent")
+    scene.node.logged(told, 30, before + 1)
+    if script is None:
+        scene.programs.restore()
+    elif "starts" not in script and "configures" not in script:
+        scene.programs.mend()
+    scene.recovered(time.monotonic())
+    assert "raised without an agent" in scene.receiver.problems()
+
+
+def test_tools_that_answer_nonsense_at_the_start(scenes):
+    scene = scenes(tools=True)
+    for command in ("spi-revision", "isDtlsSupported", "isExactEngineIdSupported", "pso", "status"):
+        scene.programs.fail(command, BABBLES)
+    scene.node.start()
+    scene.node.logged("Failed to check for exactEngineID support", 20)
+    scene.node.logged("Failed to check for dtls support", 20)
+    scene.programs.mend()
+    scene.node.operational()
+    scene.recovered(time.monotonic())
+
+
+def test_a_password_file_that_is_lost_emptied_or_cannot_be_read(scenes):
+    scene = scenes().start()
+    scene.settled()
+    old = scene.node.password()
+    for content in (None, "", "short\n"):
+        entered = sum(to == "IdleError" for _, to, _ in scene.node.states())
+        scene.password_file.unlink()
+        if content is not None:
+            scene.password_file.write_text(content)
+        scene.kill_agent()
+        if content:  # an operator's mistake is the operator's to mend
+            scene.node.reach("IdleError", after=entered + 1)
+            assert "is no pass phrase" in scene.node.log() and "short" not in scene.node.log()
+            scene.password_file.unlink()
+        scene.recovered(time.monotonic())
+        scene.settled()
+        assert scene.node.password() != old
+        old = scene.node.password()
+
+    scene.password_file.unlink()
+    scene.password_file.mkdir()  # which not even root reads
+    entered = sum(to == "IdleError" for _, to, _ in scene.node.states())
+    scene.kill_agent()
+    scene.node.reach("IdleError", after=entered + 1)
+    scene.password_file.rmdir()
+    scene.recovered(time.monotonic())
+
+
+USER = dict(user="boss", authProtocol="SHA", privProtocol="AES", snmpSecurityLevel="AUTH_PRIV", transportMethod="INFORM",
+            authKey="<cleartext>true</cleartext><password>auth pass phrase</password>",
+            privKey="<cleartext>true</cleartext><password>priv pass phrase</password>")
+
+
+def test_targets_that_cannot_be_reached_hold_nobody_up(scenes):
+    inform = dict(community="public", transportMethod="INFORM", informTimeout=300, informRetryCount=3)
+    scene = scenes("".join([
+        target_xml("SnmpTargetV2C", "unknown", 162, address="no-such-host.invalid", community="public"),
+        target_xml("SnmpTargetV2C", "refuses", free_port(), community="public"),
+        target_xml("SnmpTargetV2C", "silent", 162, address="192.0.2.1", community="public"),
+        target_xml("SnmpTargetV2C", "refusesInform", free_port(), **inform),
+        target_xml("SnmpTargetV2C", "silentInform", 162, address="192.0.2.1", **inform),
+        target_xml("SnmpTargetV3", "silentUser", 162, address="192.0.2.1", **USER)]))
+    began = time.monotonic()
+    scene.start()
+    print(f"operational after {time.monotonic() - began:.1f} s")
+    scene.settled()
+    for _ in range(5):
+        assert scene.recovered(time.monotonic()) < 2
+    states = {name: scene.node.get(f"{SNMP},{cls}={name}", "operationalState")
+              for cls, name in (("SnmpTargetV2C", "nms"), ("SnmpTargetV2C", "unknown"), ("SnmpTargetV2C", "refuses"),
+                                ("SnmpTargetV2C", "silentInform"), ("SnmpTargetV3", "silentUser"))}
+    assert states == {"nms": "ENABLED", "unknown": "DISABLED", "refuses": "ENABLED", "silentInform": "ENABLED",
+                      "silentUser": "ENABLED"}
+
+
+@pytest.mark.parametrize("informs", [False, True])
+def test_a_name_server_that_is_down_holds_nobody_up(scenes, folder, informs):
+    targets = [target_xml("SnmpTargetV2C", f"n{i}", 162, address=f"host{i}.example", community="public") for i in range(9)]
+    if informs:
+        targets = [target_xml("SnmpTargetV3", f"n{i}", 162, address=f"host{i}.example", **USER) for i in range(9)]
+    with mute_name_server(folder) as within:
+        if within is None:
+            pytest.skip("a name server of one's own takes the privilege to mount")
+        scene = scenes("".join(targets), within=within)
+        began = time.monotonic()
+        scene.start()
+        print(f"operational after {time.monotonic() - began:.1f} s")
+        scene.settled()
+        for _ in range(5):
+            assert scene.recovered(time.monotonic()) < 5
+        began = time.monotonic()
+        assert scene.node.stop() == 0
+        assert time.monotonic() - began < END_WITHIN
+
+
+def test_two_hundred_changes_in_a_row(scenes):
+    scene = scenes().start()
+    scene.settled()
+    starts = sum(to == "StartMasterAgent" for _, to, _ in scene.node.states())
+    reloads = sum(to == "LoadConfigurationData" for _, to, _ in scene.node.states())
+
+    def change(number):
+        return {"command": "mo set", "dn": NMS, "attributes": [{"name": "community", "value": f"community{number}"},
+                                                                {"name": "isMibWritable", "value": str(number % 2 == 0).lower()}]}
+
+    scene.request(*map(change, range(1, 200)))
+    scene.node.raise_alarm("between the changes")
+    scene.request(change(200))
+    scene.node.reach("LoadConfigurationData", after=reloads)
+    scene.arrival("between the changes")
+    scene.recovered(time.monotonic(), 30)
+    assert scene.receiver.alarms()[-1].community == "community200"
+    # A new community is a restart; one is enough for as many changes as come together.
+    assert sum(to == "StartMasterAgent" for _, to, _ in scene.node.states()) <= starts + 2
+
+
+def test_no_alarm_of_a_storm_is_lost_when_the_agent_is_killed(scenes):
+    scene = scenes().start()
+    scene.settled()
+    storm = subprocess.Popen([str(BIN / "vela-nodectl"), "--dir", str(scene.node.dir), "alarm", "storm", "--count", "300",
+                              "--rate", "50"], stdout=subprocess.PIPE, text=True)
+    seen = len(scene.receiver.datagrams)
+    eventually(lambda: len(scene.receiver.datagrams) >= seen + 100, what="a hundred alarms of the storm")
+    # Stopped for a moment, so that some are on their way when it dies: handed over, but neither sent nor acknowledged.
+    scene.signal_agent(signal.SIGSTOP)
+    stopped = time.monotonic()
+    eventually(lambda: time.monotonic() - stopped > 0.5, what="some to be on their way")
+    killed = scene.kill_agent()
+    first, last = map(int, storm.communicate(timeout=60)[0].split())
+    eventually(lambda: last in scene.receiver.indexes(), 60, "the last alarm of the storm")
+    scene.recovered(time.monotonic())
+
+    order = [index for index in scene.receiver.indexes() if first <= index <= last]
+    in_flight = int(re.search(r"(\d+) notifications were not acknowledged", scene.node.log()).group(1))
+    gaps = sorted(set(range(first, last + 1)) - set(order))
+    first_times = list(dict.fromkeys(order))
+    resumed = next(moment for moment in scene.receiver.times if moment > killed + 0.2)
+    print(f"in flight at the kill: {in_flight}; arrived twice: {len(order) - len(first_times)}; lost: {len(gaps)}; "
+          f"silence: {resumed - killed:.1f} s")
+    assert in_flight > 0
+    assert gaps == []
+    assert first_times == sorted(first_times)
+    # Only what was on its way, and the one that verified the delivery, may arrive twice.
+    assert len(order) - len(first_times) <= in_flight + 1
+    assert scene.node.log().count("the AgentX connection to the master agent is closed") == 1
+
+
+# --- A stop, whatever happens at the moment
+
+def enters(state):
+    return lambda scene: eventually(lambda: scene.node.state() == state, 30, state, interval=0.002)
+
+
+def hangs_in(state, command):
+    """The state in which the tool hangs; the tool hangs when it is returned from."""
+
+    def wait(scene):
+        enters(state)(scene)
+        eventually(scene.programs.is_hanging, 30, f"tarn {command} hangs")
+
+    return command, wait
+
+
+def with_agent_stopped_in(state):
+    """The state begins its work a tenth of a second after it was entered."""
+
+    def wait(scene):
+        enters(state)(scene)
+        stopped = scene.signal_agent(signal.SIGSTOP)
+        eventually(lambda: time.monotonic() - stopped > 0.5, what="the state to be at work")
+        assert scene.node.state() == state
+
+    return wait
+
+
+def is_operational(scene):
+    eventually(lambda: scene.node.ctl("status", check=False).returncode == 0, what="the node to run")
+    scene.node.operational()
+
+
+def in_the_middle_of_a_storm(scene):
+    is_operational(scene)
+    subprocess.Popen([str(BIN / "vela-nodectl"), "--dir", str(scene.node.dir), "alarm", "storm", "--count", "100000"],
+                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    eventually(lambda: len(scene.receiver.datagrams) > 500, what="the storm")
+
+
+def with_the_agent_hanging(scene):
+    is_operational(scene)
+    scene.signal_agent(signal.SIGSTOP)
+    scene.node.raise_alarm("on its way")
+
+
+STOPS = {
+    "OneTimeInit": (None, lambda scene: eventually(lambda: scene.programs.calls("spi-revision"), interval=0.002)),
+    "OneTimeInit, tool hangs": hangs_in("OneTimeInit", "spi-revision"),
+    "IMMUpdating": (None, enters("IMMUpdating")),
+    "LoadConfigurationData": (None, enters("LoadConfigurationData")),
+    "StartMasterAgent": (None, enters("StartMasterAgent")),
+    "StartMasterAgent, configure hangs": hangs_in("StartMasterAgent", "configure"),
+    "StartMasterAgent, start hangs": hangs_in("StartMasterAgent", "start"),
+    "ConfigureAgentX": (None, enters("ConfigureAgentX")),
+    "ConfigureAgentX, agent hangs": (None, with_agent_stopped_in("ConfigureAgentX")),
+    "CreateSession, agent hangs": (None, with_agent_stopped_in("CreateSession")),
+    "ConfigureTargets, agent hangs": (None, with_agent_stopped_in("ConfigureTargets")),
+    "RetryConfigureTargets, agent hangs": (None, with_agent_stopped_in("RetryConfigureTargets")),
+    "PostConfigure": (None, enters("PostConfigure")),
+    "IdleEnabled": (None, is_operational),
+    "IdleEnabled, agent hangs": (None, with_the_agent_hanging),
+    "IdleEnabled, storm": (None, in_the_middle_of_a_storm),
+    "IdleDisabled": (None, enters("IdleDisabled")),
+    "IdleError": (None, enters("IdleError")),
+}
+
+
+@pytest.mark.parametrize("state", STOPS)
+def test_a_stop_in_any_state_ends_the_node_cleanly(scenes, state):
+    hanging, wait = STOPS[state]
+    broken = target_xml("SnmpTargetV2C", "broken", 162, community="x" * 40) if state.startswith("Retry") else ""
+    scene = scenes(broken, tools=True)
+    if hanging:
+        scene.programs.fail(hanging, HANGS)
+    if state == "IdleError":
+        scene.programs.fail("start")
+    if state == "IdleDisabled":
+        scene.node.model.write_text(scene.node.model.read_text().replace("UNLOCKED", "LOCKED"))
+    scene.node.start(wait=False)
+    wait(scene)
+    began = time.monotonic()
+    assert scene.node.stop() == 0
+    took = time.monotonic() - began
+    print(f"{state}: ended after {took:.1f} s")
+    assert took < END_WITHIN
+    assert "Timeout while waiting for snmpAdaptorThread" not in scene.node.log()
+    assert scene.node.snmpd_pid() is None
+    assert not scene.programs.is_hanging()
+    assert not scene.agentx_socket.exists() and not (scene.node.dir / "run/node.sock").exists()
