@@ -529,6 +529,7 @@ void SnmpAdaptorRunnable::stopMasterAgent() {
 void SnmpAdaptorRunnable::onReconfigSuccess() {
   VELA_TRACE("Successfully reconfigured master agent");
   getConfigurator().updateAllOperationalStates(getMoConnector());
+  if (getConfigurator().takeRestartWanted()) emitEvent(SnmpEventRestart);
 }
 
 void SnmpAdaptorRunnable::onReconfigFail() { getConfigurator().updateAllOperationalStates(getMoConnector()); }

@@ -124,6 +124,7 @@ void SnmpMaConfigurator::forgetRows() {
   _views.clear();
   _access.clear();
   _rows.clear();
+  _unresolvedSessions.clear();
 }
 
 void SnmpMaConfigurator::finish(const SnmpConfig& config, bool isConfigured) {
@@ -187,6 +188,9 @@ void SnmpMaConfigurator::reconfigureTargets(SnmpMaSession& session, const SnmpCo
   const SnmpConfig::TargetMap& targets = config.isEnabled() ? config.getTargets() : none;
   if (_handler) _resolver.setIpVersion(_handler->getIpVersion());
   const ConfigurationDiff diff = calcDiffTargets(_writtenTargets, targets, force);
+  for (const std::vector<std::string>* names : {&diff.added, &diff.changed}) {
+    for (const std::string& name : *names) _resolver.prepare(targets.at(name)->address);
+  }
   Faults faults = findFaults(targets);
   const std::map<std::string, UsmUser> users = planUsers(targets, faults);
   createUsers(session, users, force, targets, faults);
@@ -396,7 +400,7 @@ void SnmpMaConfigurator::configureTrapTargetV3Dtls(SnmpMaSession& session, const
 void SnmpMaConfigurator::createRows(SnmpMaSession& session, const SnmpBaseTarget& target, const TrapRows& rows) {
   const std::string name = _names.getUniqueName(notificationPrefix, target);
   const bool isTls = !rows.tlsFingerprint.empty();
-  TargetTransport transport{_resolver.resolve(target.address), target.port, isTls, false};
+  TargetTransport transport{resolve(target, !rows.notifyType), target.port, isTls, false};
   if (transport.address.family() == Poco::Net::IPAddress::IPv6) transport.isReversedPort = isReversedIpv6Port();
 
   SnmpPdu pdu(SNMP_MSG_SET);
@@ -412,6 +416,19 @@ void SnmpMaConfigurator::createRows(SnmpMaSession& session, const SnmpBaseTarget
   }
   _rows[name] = isTls;
   MasterAgentTables::send(session, "configureTrapTarget(" + target.name + ")", pdu);
+}
+
+Poco::Net::IPAddress SnmpMaConfigurator::resolve(const SnmpBaseTarget& target, bool isSentByAgent) {
+  Poco::Net::IPAddress address;
+  try {
+    address = _resolver.resolve(target.address);
+  } catch (const ConfigurationFault&) {
+    if (isSentByAgent) _unresolvedSessions.insert(target.name);
+    throw;
+  }
+  // The agent looks the names of its own sessions up when it starts, and only then.
+  if (_unresolvedSessions.erase(target.name) != 0) _isRestartWanted = true;
+  return address;
 }
 
 void SnmpMaConfigurator::deleteRows(SnmpMaSession& session, const std::string& rowName, bool hasTlsRows) {

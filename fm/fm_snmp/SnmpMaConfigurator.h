@@ -8,6 +8,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "AccessConfigurator.h"
 #include "AddressResolver.h"
@@ -52,6 +53,9 @@ class SnmpMaConfigurator {
   bool isConfigured() const { return _configured; }
   /** The master agent may have been restarted: the next reconfigure deletes and writes every row. */
   void invalidate() { _configured = false; }
+  /** Whether the master agent has to be started again, for the sake of a target that it could not reach when it was
+      started; true once. */
+  bool takeRestartWanted() { return std::exchange(_isRestartWanted, false); }
   /** Forgets the current configuration and all that was written. */
   void clear();
 
@@ -116,6 +120,7 @@ class SnmpMaConfigurator {
   void configureTrapTargetV3(SnmpMaSession& session, const SnmpTargetV3Usm& target);
   void configureTrapTargetV3Dtls(SnmpMaSession& session, const SnmpTargetV3Usm& target);
   void createRows(SnmpMaSession& session, const SnmpBaseTarget& target, const TrapRows& rows);
+  Poco::Net::IPAddress resolve(const SnmpBaseTarget& target, bool isSentByAgent);
   void deleteRows(SnmpMaSession& session, const std::string& rowName, bool hasTlsRows);
   bool isReversedIpv6Port();
 
@@ -149,6 +154,8 @@ class SnmpMaConfigurator {
   std::set<std::string> _refused;      /**< objects whose rows the agent refused */
   std::exception_ptr _refusal;         /**< the first refusal of this pass */
   std::optional<bool> _isReversedPort; /**< the tool's answer, in this pass */
+  std::set<std::string> _unresolvedSessions; /**< targets of the agent's own sessions whose names had no address */
+  bool _isRestartWanted = false;
 };
 
 }  // namespace VelaFmSnmp

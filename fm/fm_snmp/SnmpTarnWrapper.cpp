@@ -22,6 +22,7 @@ namespace {
 constexpr int statusTimeoutMs = 2000;
 constexpr int infoTimeoutMs = 5000;
 constexpr int queryTimeoutMs = 20000;
+constexpr std::size_t maxToldOctets = 500;
 
 /** Octets of an engine id (RFC 3411, SnmpEngineID), in hexadecimal digits. */
 constexpr std::size_t minEngineIdDigits = 2 * 5;
@@ -129,6 +130,9 @@ std::string nodeCredentialArgument(const std::string& fingerprint) {
   return argument;
 }
 
+/** What the tool wrote, in the length of a log line; one that is broken may write any amount. */
+std::string told(const std::string& output) { return Poco::trim(output.substr(0, maxToldOctets)); }
+
 }  // namespace
 
 const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingDtls{1, 2, 0};
@@ -145,14 +149,20 @@ void SnmpTarnWrapper::setCancellation(const Vela::ScriptCancellation* cancellati
 std::string SnmpTarnWrapper::runTool(const std::vector<std::string>& arguments, int timeoutMs, const char* what) const {
   std::string output;
   const int status = _tool.run(arguments, timeoutMs, output);
-  const std::string text = Poco::trim(output);
-  if (status != 0) throw Vela::VelaException(status, "%s failed with exit status %d: %s", what, status, text.c_str());
-  return text;
+  if (status != 0) {
+    throw Vela::VelaException(status, "%s failed with exit status %d: %s", what, status, told(output).c_str());
+  }
+  return Poco::trim(output);
+}
+
+void SnmpTarnWrapper::runChange(const std::vector<std::string>& arguments, int timeoutMs, const char* what) const {
+  const std::string warnings = told(runTool(arguments, timeoutMs, what));
+  if (!warnings.empty()) VELA_LOG(Vela::LogWarning, "%s: %s", what, warnings.c_str());
 }
 
 void SnmpTarnWrapper::manage(TarnManageOption option, int timeoutMs) const {
   const char* word = manageWord(option);
-  runTool({"snmp", word}, timeoutMs, (_tool.getCommand() + " snmp " + word).c_str());
+  runChange({"snmp", word}, timeoutMs, (_tool.getCommand() + " snmp " + word).c_str());
   VELA_TRACE(" << Succeeded to %s snmpd", word);
 }
 
@@ -168,14 +178,16 @@ bool SnmpTarnWrapper::isRunning() const {
 }
 
 std::string SnmpTarnWrapper::getTarnNoBackupDir() const {
-  return runTool({"pso", "no-backup"}, infoTimeoutMs, "query of the no-backup directory");
+  const std::string directory = runTool({"pso", "no-backup"}, infoTimeoutMs, "query of the no-backup directory");
+  if (!isPlainField(directory) || directory.front() != '/') throw Vela::VelaException("No no-backup directory is told");
+  return directory;
 }
 
 Vela::TarnSpiVersion SnmpTarnWrapper::getTarnSpiRevision() const {
   if (_revision) return *_revision;
   std::string output;
   const int status = _tool.run({"spi-revision"}, infoTimeoutMs, output);
-  const std::string text = Poco::trim(output);
+  const std::string text = told(output);
   VELA_LOG(Vela::LogInfo, "tarn spi-revision returned: '%s'", text.c_str());
   if (status != 0 || text.empty()) throw Vela::VelaException("tarn spi version not found");
   _revision = Vela::TarnSpiVersion::fromString(text);
@@ -219,9 +231,7 @@ bool SnmpTarnWrapper::isIpv6PortReverseByteOrder(bool& reverse) const {
 void SnmpTarnWrapper::runConfigure(const std::vector<std::string>& arguments, int timeoutMs) const {
   std::vector<std::string> all{"snmp", "configure"};
   all.insert(all.end(), arguments.begin(), arguments.end());
-  const std::string warnings = runTool(all, timeoutMs, (_tool.getCommand() + " snmp configure").c_str());
-  if (!warnings.empty())
-    VELA_LOG(Vela::LogWarning, "%s snmp configure: %s", _tool.getCommand().c_str(), warnings.c_str());
+  runChange(all, timeoutMs, (_tool.getCommand() + " snmp configure").c_str());
   VELA_TRACE(" << Succeeded to %s snmpd %s", "configure", arguments.front().c_str());
 }
 

@@ -75,6 +75,8 @@ class SnmpTarnWrapper {
 
   bool isTooOld(const Vela::TarnSpiVersion& minimum, const char* message) const;
   std::string runTool(const std::vector<std::string>& arguments, int timeoutMs, const char* what) const;
+  /** As runTool, for a command of which all that it writes is a warning. */
+  void runChange(const std::vector<std::string>& arguments, int timeoutMs, const char* what) const;
   bool query(const char* word, const char* failure) const;
   void runConfigure(const std::vector<std::string>& arguments, int timeoutMs) const;
   void configureWithFile(const char* key, const std::string& content, int timeoutMs) const;

@@ -131,9 +131,8 @@ std::string usmTrapsess(const SnmpTargetV3Usm& target) {
 }
 
 /**
- * How the agent recognises the receiver. Its library takes one certificate only: a single trusted one is taken for the
- * receiver's own; among several, the agent knows the receiver by a stored certificate, or one issued by the first, that
- * names the target's address.
+ * Whom the agent takes for the receiver before the trust categories are written into its tables: a session of its
+ * configuration sends from the start on. A single category is all there is to know. Of several, a line can name one.
  */
 std::string receiverIdentity(const std::vector<std::string>& trustCategories) {
   const char* option = trustCategories.size() == 1 ? " -T their_identity=" : " -T trust_cert=";

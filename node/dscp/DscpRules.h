@@ -305,6 +305,24 @@ class Changes {
   std::string _lines;
 };
 
+/** A match for each of its addresses, as the filter would make them of a list that is not too long for it. */
+inline std::vector<Words> perAddress(const Words& match) {
+  std::vector<Words> matches = {{}};
+  for (std::size_t i = 0; i < match.size(); ++i) {
+    const bool isAddress = i > 0 && (match[i - 1] == "-s" || match[i - 1] == "-d") && (i < 2 || match[i - 2] != "!");
+    std::vector<Words> extended;
+    std::istringstream values(match[i]);
+    for (std::string value; std::getline(values, value, isAddress ? ',' : '\n');) {
+      for (Words words : matches) {
+        words.push_back(value);
+        extended.push_back(std::move(words));
+      }
+    }
+    matches = std::move(extended);
+  }
+  return matches;
+}
+
 inline void removeRules(const char* filter, const std::vector<Rule>& rules) {
   Changes changes;
   changes.remove(rules);
@@ -318,10 +336,12 @@ inline void replaceRules(const char* filter, const std::vector<Rule>& old, const
   const auto found = match.find(filter);
   const bool isWanted = found != match.end() && (filter == Filters[0] || isAvailable(filter));
   if (isWanted) {
-    Words rule = found->second;
-    rule.insert(rule.end(), {"-m", "comment", "--comment", commentPrefix() + name + ":" + trafficClass, "-j", "DSCP",
-                             "--set-dscp", codePoint(trafficClass)});
-    changes.add(rule);
+    const Words tail = {"-m", "comment", "--comment",  commentPrefix() + name + ":" + trafficClass,
+                        "-j", "DSCP",    "--set-dscp", codePoint(trafficClass)};
+    for (Words& rule : perAddress(found->second)) {
+      rule.insert(rule.end(), tail.begin(), tail.end());
+      changes.add(rule);
+    }
   }
   changes.remove(old);
   changes.apply(filter);

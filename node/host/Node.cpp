@@ -19,7 +19,7 @@ namespace {
 constexpr const char* hostName = "vela-node";
 constexpr const char* managementTool = "tarn";
 /** Time-out of the tool's stop, which itself goes from asking to killing. */
-constexpr int agentStopTimeoutMs = 30000;
+constexpr int agentStopTimeoutMs = 15000;
 constexpr const char* agentProgram = "snmpd";
 constexpr const char* fmClassPath = "ManagedElement,SystemFunctions,Fm";
 constexpr const char* snmpClassPath = "ManagedElement,SystemFunctions,SysM,Snmp";

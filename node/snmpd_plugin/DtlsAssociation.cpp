@@ -17,6 +17,8 @@ using namespace std::chrono_literals;
 
 /** How long a session is used without a sign of the receiver. */
 constexpr auto TrustedFor = 2s;
+/** What follows within this time belongs to a burst. A receiver that is going down is noticed in one. */
+constexpr auto BurstGap = 300ms;
 /** How long a handshake takes before it is told that the receiver is silent. It goes on for longer. */
 constexpr auto SilentFor = 3s;
 constexpr const char* NoAnswer = "it does not answer";
@@ -74,6 +76,7 @@ void DtlsAssociation::closeAll() {
     association->_isClosed = true;
     association->_timer.stop();
     association->_session.reset();
+    association->_former.reset();
   }
 }
 
@@ -113,13 +116,19 @@ void DtlsAssociation::dropExpired() {
 
 void DtlsAssociation::send(std::string message) {
   if (_isClosed) return;
-  const bool isEstablished = _session && _session->isEstablished();
-  if (isEstablished && Clock::now() - _lastHeard < TrustedFor) {
+  if (isUsable()) {
+    _lastSent = Clock::now();
     if (_session->send(message.data(), message.size())) return;
     check();
   }
   keep(std::move(message));
-  if (_session ? isEstablished : !_timer.isRunning()) connect();
+  if (_session ? _session->isEstablished() : !_timer.isRunning()) connect();
+}
+
+bool DtlsAssociation::isUsable() const {
+  if (!_session || !_session->isEstablished()) return false;
+  const auto now = Clock::now();
+  return now - _lastHeard < TrustedFor || now - _lastSent < BurstGap;
 }
 
 void DtlsAssociation::keep(std::string message) {
@@ -147,6 +156,11 @@ void DtlsAssociation::connect() {
     return;
   }
   const bool isRenewal = _session && _session->isEstablished();
+  _former.reset();
+  if (isRenewal) {
+    _former = std::move(_session);
+    _former->close();
+  }
   _session.reset();
   _wasEstablished = false;
   try {
@@ -197,6 +211,8 @@ void DtlsAssociation::onTimer() {
   dropExpired();
   if (_session && !_session->isEstablished()) {
     if (Clock::now() - _begin > SilentFor) report(NoAnswer);
+    // A receiver that missed the end of the former session takes no other from here.
+    if (_former) _former->close();
     _session->onTimer();
     check();
   } else if (!_waiting.empty()) {
@@ -219,7 +235,9 @@ void DtlsAssociation::check() {
 
 void DtlsAssociation::established() {
   _timer.stop();
+  _former.reset();
   _lastHeard = Clock::now();
+  _lastSent = _lastHeard;
   if (!_reported.empty())
     snmp_log(LOG_NOTICE, "vela_snmpd_plugin: DTLS receiver %s is reached\n", addressText(_address).c_str());
   _reported.clear();
@@ -238,6 +256,7 @@ void DtlsAssociation::established() {
 void DtlsAssociation::lost(const std::string& fault) {
   if (!fault.empty()) report(fault);
   _session.reset();
+  _former.reset();
   dropExpired();
   if (!_waiting.empty() || _users.empty())
     _timer.start(RetryDelay);

@@ -68,6 +68,8 @@ class DtlsAssociation {
   void keep(std::string message);
   PeerExpectation expectation() const;
   bool isTrustKnown() const;
+  /** Whether the session is established, and its receiver probably still there. */
+  bool isUsable() const;
   void connect();
   void onReadable();
   void onTimer();
@@ -84,11 +86,13 @@ class DtlsAssociation {
   std::unique_ptr<UdpSocket> _socket;
   std::unique_ptr<SocketWatch> _watch;   /**< goes before the socket */
   std::unique_ptr<DtlsSession> _session; /**< null: none. Goes before the socket */
+  std::unique_ptr<DtlsSession> _former;  /**< closed, and replaced by the one whose handshake is under way */
   bool _wasEstablished = false;
   bool _isClosed = false;
   const Clock::time_point _created = Clock::now();
   Clock::time_point _begin; /**< of the session's handshake */
   Clock::time_point _lastHeard;
+  Clock::time_point _lastSent;
   std::deque<Waiting> _waiting;
   std::set<std::string> _reported; /**< faults since the receiver was last reached */
   Timer _timer;

@@ -21,6 +21,8 @@ std::map<std::string, std::shared_ptr<DtlsContext>>& contexts() {
   return *map;
 }
 
+std::string fallback;
+
 std::string setting(int which) {
   const char* value = netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, which);
   return value == nullptr ? "" : value;
@@ -43,12 +45,15 @@ void present(SSL_CTX* context, const NodeTls::Identity& identity, const std::str
 }  // namespace
 
 std::shared_ptr<DtlsContext> DtlsContext::get(const std::string& certificate) {
-  const std::string name = certificate.empty() ? setting(NETSNMP_DS_LIB_TLS_LOCAL_CERT) : certificate;
+  std::string name = certificate.empty() ? setting(NETSNMP_DS_LIB_TLS_LOCAL_CERT) : certificate;
+  if (name.empty()) name = fallback;
   if (name.empty()) throw TlsFault("the node has no certificate that can be used");
   auto& context = contexts()[name];
   if (!context) context = std::shared_ptr<DtlsContext>(new DtlsContext(name));
   return context;
 }
+
+void DtlsContext::setFallback(const std::string& certificate) { fallback = certificate; }
 
 void DtlsContext::forgetAll() { contexts().clear(); }
 

@@ -22,6 +22,8 @@ class DtlsContext {
    * Made when first asked for; one that could be made is kept until forgetAll. Throws NodeTls::TlsFault.
    */
   static std::shared_ptr<DtlsContext> get(const std::string& certificate);
+  /** Names the node's default certificate in case that the agent's configuration names none. */
+  static void setFallback(const std::string& certificate);
   /** Makes what is asked for next read the files again. */
   static void forgetAll();
   /** The node's folder of certificates, as it is now. */

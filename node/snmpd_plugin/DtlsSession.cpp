@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace SnmpdPlugin {
 
@@ -85,15 +86,22 @@ DtlsSession::DtlsSession(std::shared_ptr<DtlsContext> context, Role role, const 
   }
 }
 
-DtlsSession::~DtlsSession() { close(); }
+DtlsSession::~DtlsSession() {
+  if (!_isDead) close();
+}
 
 void DtlsSession::handshake() {
   ERR_clear_error();
   const int result = SSL_do_handshake(_ssl.get());
-  if (result == 1)
-    _isEstablished = true;
-  else
+  if (result != 1) {
     evaluate(result, "handshake");
+    return;
+  }
+  _isEstablished = true;
+  if (!_isPeerRefused) return;
+  const std::string fault = std::exchange(_fault, {});
+  close();
+  _fault = fault;
 }
 
 size_t DtlsSession::receive(const void* datagram, size_t size, void* message, size_t capacity) {
@@ -126,7 +134,10 @@ bool DtlsSession::send(const void* message, size_t size) {
 }
 
 void DtlsSession::close() {
-  if (isEstablished()) SSL_shutdown(_ssl.get());
+  if (_isEstablished && _fault.empty()) {
+    SSL_set_shutdown(_ssl.get(), 0);
+    SSL_shutdown(_ssl.get());
+  }
   ERR_clear_error();
   _isDead = true;
 }
@@ -226,7 +237,12 @@ int DtlsSession::checkCookie(SSL* ssl, const unsigned char* cookie, unsigned len
 
 int DtlsSession::verifyPeer(X509_STORE_CTX* store, void*) {
   const auto* ssl = static_cast<SSL*>(X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
-  return of(ssl).isTrusted(store);
+  DtlsSession& session = of(ssl);
+  if (session.isTrusted(store)) return 1;
+  // A server breaks off. A client goes through with the handshake and says good-bye before anything is sent: receivers
+  // (snmptrapd is one) keep what is left of a handshake that was broken off, and it stands in the way of the next.
+  session._isPeerRefused = true;
+  return SSL_is_server(ssl) == 1 ? 0 : 1;
 }
 
 bool DtlsSession::isTrusted(X509_STORE_CTX* store) {

@@ -49,7 +49,7 @@ class DtlsSession {
   size_t receive(const void* datagram, size_t size, void* message, size_t capacity);
   /** Sends a message over an established association; false: it failed, and the association with it. */
   bool send(const void* message, size_t size);
-  /** Tells the peer that the association ends. */
+  /** Tells the peer that the association ends. Once more: tells it again. */
   void close();
 
   bool isEstablished() const { return _isEstablished && !_isDead; }
@@ -97,6 +97,7 @@ class DtlsSession {
   bool _isEstablished = false;
   bool _isDead = false;
   bool _isAddressProven = false;
+  bool _isPeerRefused = false;
   std::string _fault;
 };
 

@@ -7,6 +7,7 @@
 #include "EngineDiscovery.h"
 #include "RunTimeRows.h"
 #include "TlstmTables.h"
+#include "TransportSecurity.h"
 
 extern "C" {
 
@@ -15,6 +16,7 @@ __attribute__((visibility("default"))) void init_vela_snmpd_plugin(void) {
   SnmpdPlugin::installCommunityPrefix();
   SnmpdPlugin::installRunTimeRows();
   SnmpdPlugin::EngineDiscovery::install();
+  SnmpdPlugin::installTransportSecurity();
   SnmpdPlugin::DtlsTransport::install();
   SnmpdPlugin::installTlstmTables();
 }

@@ -161,6 +161,8 @@ int checkParams(const Oid& index, const Cells& cells) {
 
 void activateParams(const Oid& index, const Cells& cells) {
   const Fingerprint fingerprint = toFingerprint(cells.at(ParamsFingerprint));
+  // The library knows the certificates that were there when the agent started, and the configuration names one of them.
+  DtlsContext::setFallback(fingerprint.digits);
   const std::string digits = toLibrary(fingerprint.digits);
   snmpTlstmParams* entry = netsnmp_tlstmParams_create(nameOf(index).c_str(), fingerprint.hash, digits.c_str(),
                                                       static_cast<int>(digits.size()));

@@ -7,6 +7,7 @@
 
 #include "Failure.h"
 #include "Files.h"
+#include "ReceiverNames.h"
 #include "Revision.h"
 
 namespace Tarn {
@@ -190,7 +191,7 @@ std::string AgentConfiguration::fixedDirectives() const {
   return text;
 }
 
-void AgentConfiguration::generate() const {
+std::string AgentConfiguration::render() const {
   std::string text = "# Made by tarn at every configure and start; changes made here are lost.\n";
   // Before any trapsess line, so that the plugin sees those sessions being opened.
   if (!_folder.plugin().empty()) text += "dlmod vela_snmpd_plugin " + _folder.plugin().string() + "\n";
@@ -200,7 +201,15 @@ void AgentConfiguration::generate() const {
   Warnings ignored;
   for (const Part& part : Parts)
     if (part.file != EngineIdPart) text += part.render(partValue(part.file), _folder, ignored);
-  writePrivateFile(_folder.agentConfiguration(), text);
+  return text;
+}
+
+void AgentConfiguration::generate() const { writePrivateFile(_folder.agentConfiguration(), render()); }
+
+std::vector<std::string> AgentConfiguration::generateForStart() const {
+  Warnings warnings;
+  writePrivateFile(_folder.agentConfiguration(), resolveReceivers(render(), warnings));
+  return warnings;
 }
 
 }  // namespace Tarn

@@ -26,6 +26,8 @@ class AgentConfiguration {
 
   /** Makes snmpd.conf from the stored parts, and before that the password file when there is none. */
   void generate() const;
+  /** The same, with addresses in the place of names; yields warnings about receivers that were left out. */
+  std::vector<std::string> generateForStart() const;
 
   /** The addresses that the stored configuration makes the agent listen on. */
   std::vector<ListenAddress> listenAddresses() const;
@@ -38,6 +40,7 @@ class AgentConfiguration {
   std::string passPhrase() const;
   std::string ownEngineId() const;
   std::string fixedDirectives() const;
+  std::string render() const;
 
   const NodeFolder& _folder;
 };

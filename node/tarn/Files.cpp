@@ -25,9 +25,11 @@ std::optional<std::string> readFile(const std::filesystem::path& file) {
     if (errno == ENOENT) return std::nullopt;
     throw Failure("cannot read " + file.string() + ": " + systemError(errno));
   }
-  std::string content{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  if (in.bad()) throw Failure("cannot read " + file.string());
-  return content;
+  try {
+    return std::string{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  } catch (const std::ios_base::failure& error) {
+    throw Failure("cannot read " + file.string() + ": " + error.code().message());
+  }
 }
 
 void makePrivateFolder(const std::filesystem::path& folder) {

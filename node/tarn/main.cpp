@@ -65,7 +65,7 @@ void start(const NodeFolder& folder) {
   const AgentProcess process(folder);
   if (process.find()) return;
   const AgentConfiguration configuration(folder);
-  configuration.generate();
+  for (const std::string& warning : configuration.generateForStart()) std::cerr << warning << '\n';
   PersistentState(folder.persistent()).prepareStart(configuration.engineId());
   if (!std::filesystem::exists(folder.plugin()))
     std::cerr << "VELA_SNMPD_PLUGIN names no file: snmpd runs without the node's plugin\n";
@@ -108,7 +108,7 @@ const Command Commands[] = {
      [](const NodeFolder& folder, const Arguments&) {
        require("isDtlsSupported", DtlsRevision);
        // The agent itself has the transport, the tables that configure its use come with the plugin.
-       answer(!folder.plugin().empty() && AgentProcess::isDtlsBuiltIn());
+       answer(std::filesystem::exists(folder.plugin()) && AgentProcess::isDtlsBuiltIn());
      }},
     {"isExactEngineIdSupported", false, false,
      [](const NodeFolder&, const Arguments&) {

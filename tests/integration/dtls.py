@@ -1,6 +1,8 @@
 """Certificates, and receivers and managers that speak SNMP over DTLS, as the tests use them."""
 
 import hashlib
+import os
+import select
 import signal
 import socket
 import ssl
@@ -124,6 +126,38 @@ class DtlsManager:
              f"their_identity={self.node.name}", address, *map(str, arguments)],
             env=dict(TOOL_ENVIRONMENT, SNMPCONFPATH=str(self.folder), SNMP_PERSISTENT_DIR=str(self.folder / "persist")),
             capture_output=True, text=True, timeout=30, check=False)
+
+
+def _tlv(tag, content):
+    return bytes([tag, len(content)]) + content
+
+
+class LastingManager:
+    """A manager that keeps its one association: it asks for sysUpTime again and again."""
+
+    def __init__(self, credential, port, engine_id):
+        self.process = subprocess.Popen(
+            ["openssl", "s_client", "-dtls1_2", "-quiet", "-cert", credential.certificate, "-key", credential.key,
+             "-connect", f"127.0.0.1:{port}"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL, bufsize=0)
+        os.set_blocking(self.process.stdout.fileno(), False)
+        varbind = _tlv(0x30, bytes.fromhex("06082b060102010103000500"))
+        pdu = _tlv(0xA0, bytes.fromhex("020101020100020100") + _tlv(0x30, varbind))
+        header = _tlv(0x30, bytes.fromhex("020101" "020300ffe3" "040107" "020104"))  # id, size, flags, TSM
+        scoped = _tlv(0x30, _tlv(0x04, engine_id) + _tlv(0x04, b"") + pdu)
+        self.request = _tlv(0x30, b"\x02\x01\x03" + header + _tlv(0x04, b"") + scoped)
+
+    def ask(self, timeout):
+        """Whether the request is answered."""
+        self.process.stdin.write(self.request)
+        readable, _, _ = select.select([self.process.stdout], [], [], timeout)
+        return bool(readable and self.process.stdout.read(65535))
+
+    def close(self):
+        self.process.kill()
+        self.process.wait()
+        self.process.stdin.close()
+        self.process.stdout.close()
 
 
 # --- Rows of the agent's tables

@@ -88,6 +88,7 @@ class Scene:
 
     def __init__(self, node, receiver, programs=None):
         self.node, self.receiver, self.programs = node, receiver, programs
+        self.community = "public"
         self._numbers = itertools.count(1)
 
     def start(self):
@@ -118,7 +119,8 @@ class Scene:
         index = self.node.raise_alarm(problem, mo="ManagedElement=1,Probe=1")
         moment = self.arrival(problem, timeout)
         row = f"{MIB_ROOT}.1.3.5.1.4.{index}"
-        eventually(lambda: problem in self.node.snmp("snmpget", row, check=False).stdout, timeout, "the alarm's row")
+        eventually(lambda: problem in self.node.snmp("snmpget", row, community=self.community, check=False).stdout,
+                   timeout, "the alarm's row")
         return moment - since
 
     def settled(self, timeout=60.0):

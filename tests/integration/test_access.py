@@ -155,11 +155,12 @@ def test_many_views_with_long_names_stay_apart(nodes):
 
 
 def test_a_community_is_used_from_its_targets_networks_only(nodes):
-    targets = [("net", "127.0.1.0", 24), ("host", "127.0.2.1", 32), ("bare", "127.0.3.1", -1), ("odd", "127.0.4.77", 26),
-               ("any", "127.0.0.0", 0)]
+    targets = [("net", "127.0.1.0", 24), ("host", "127.0.2.1", 32), ("bare", "127.0.3.1", -1),
+               ("odd", "127.0.4.77", 26), ("any", "127.0.0.0", 0)]
     node = nodes("".join(target_xml("SnmpTargetV1" if name == "host" else "SnmpTargetV2C", name, free_port(), address,
                                     community=name, networkPrefixLength=length) for name, address, length in targets)
-                 + target_xml("SnmpTargetV2C", "net2", free_port(), "127.0.5.0", community="net", networkPrefixLength=30)
+                 + target_xml("SnmpTargetV2C", "net2", free_port(), "127.0.5.0", community="net",
+                              networkPrefixLength=30)
                  + target_xml("SnmpTargetV2C", "six", free_port(), "::1", community="six")
                  + user_target("user"),
                  snmp="<enableSourceCheckForV1V2C>true</enableSourceCheckForV1V2C>", agent_host="0.0.0.0").start()

@@ -81,7 +81,8 @@ def test_the_agent_listens_at_all_its_addresses_and_moves_with_them(nodes):
 @pytest.mark.parametrize("agent_host", ["::1", "::"])
 def test_an_agent_of_ipv6_verifies_its_delivery_and_reaches_ipv6_targets(nodes, receivers, agent_host):
     receiver = receivers(host="::1")
-    node = nodes(nms(receiver.port, address="::1"), agent_host=agent_host, agent_port=free_port_of_both_families()).start()
+    node = nodes(nms(receiver.port, address="::1"), agent_host=agent_host,
+                 agent_port=free_port_of_both_families()).start()
     node.operational()
     node.raise_alarm("Over IPv6")
     eventually(lambda: "Over IPv6" in receiver.problems(), what="the alarm at ::1")

@@ -1,8 +1,8 @@
 """The marks on the packets that a node sends, in a network namespace of the test's own."""
 
 import ctypes
+import fcntl
 import json
-import os
 import socket
 import struct
 import subprocess
@@ -11,12 +11,34 @@ import threading
 import pytest
 from tarn_node import get_request
 from test_dscp import Namespace, needs_packet_filter
-from vela import SNMP, eventually, model_xml, target_xml
+from vela import BIN, SNMP, eventually, model_xml, target_xml
 
 TRANSPORT = "ManagedElement=1,Transport=1"
 AGENT, NMS, MOVED = 1161, 1162, 1163  # the namespace has all ports to itself
 CLONE_NEWNET = 0x40000000
+SIOCSIFFLAGS, IFF_UP = 0x8914, 1
 IPV6_RECVTCLASS, IPV6_TCLASS = 66, 67
+
+
+def in_namespace(namespace, action):
+    """Runs an action on a thread that has gone over to a namespace; what it opens stays there."""
+    result = []
+
+    def run():
+        with open(f"/proc/{namespace.holder.pid}/ns/net") as file:
+            if ctypes.CDLL(None, use_errno=True).setns(file.fileno(), CLONE_NEWNET) == 0:
+                result.append(action())
+
+    thread = threading.Thread(target=run)
+    thread.start()
+    thread.join()
+    assert result, "the namespace cannot be entered"
+    return result[0]
+
+
+def bring_loopback_up():
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as control:
+        return fcntl.ioctl(control, SIOCSIFFLAGS, struct.pack("16sh22x", b"lo", IFF_UP))
 
 
 class MarkReader:
@@ -24,34 +46,24 @@ class MarkReader:
 
     def __init__(self, namespace, host="127.0.0.1", port=0):
         self.family = socket.AF_INET6 if ":" in host else socket.AF_INET
-        opener = threading.Thread(target=self._open, args=(namespace, host, port))
-        opener.start()
-        opener.join()
-
-    def _open(self, namespace, host, port):
-        # The namespace is this thread's own; the socket stays in it.
-        with open(f"/proc/{namespace.holder.pid}/ns/net") as file:
-            assert ctypes.CDLL(None, use_errno=True).setns(file.fileno(), CLONE_NEWNET) == 0, os.strerror(
-                ctypes.get_errno())
-        self.socket = socket.socket(self.family, socket.SOCK_DGRAM)
+        self.socket = in_namespace(namespace, lambda: socket.socket(self.family, socket.SOCK_DGRAM))
         if self.family == socket.AF_INET6:
             self.socket.setsockopt(socket.IPPROTO_IPV6, IPV6_RECVTCLASS, 1)
         else:
             self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_RECVTOS, 1)
         self.socket.bind((host, port))
 
-    def marks(self, needle=b""):
-        """The code points of all datagrams that have arrived since the last call and hold a text."""
+    def marks(self):
+        """The code points of all datagrams that have arrived since the last call."""
         found = set()
         self.socket.setblocking(False)
         while True:
             try:
-                datagram, ancillary, _, _ = self.socket.recvmsg(65535, 256)
+                _, ancillary, _, _ = self.socket.recvmsg(65535, 256)
             except BlockingIOError:
                 return found
             for level, kind, data in ancillary:
-                if (level, kind) in ((socket.IPPROTO_IP, socket.IP_TOS), (socket.IPPROTO_IPV6, IPV6_TCLASS)) \
-                        and needle in datagram:
+                if (level, kind) in ((socket.IPPROTO_IP, socket.IP_TOS), (socket.IPPROTO_IPV6, IPV6_TCLASS)):
                     found.add((data[0] if len(data) < 4 else struct.unpack("i", data)[0]) >> 2)
 
     def ask(self, community, port):
@@ -68,7 +80,7 @@ class MarkReader:
 @pytest.fixture
 def namespace(folder):
     made = Namespace(folder)
-    made.run("ip", "link", "set", "lo", "up")
+    in_namespace(made, bring_loopback_up)
     yield made
     made.holder.kill()
     made.holder.wait()
@@ -79,6 +91,7 @@ def marked_node(nodes, namespace):
     """Makes a node that marks its packets."""
     def make(is_enabled=True, environment=None, prefix=()):
         node = nodes(target_xml("SnmpTargetV2C", "nms", NMS, community="public"), agent_port=AGENT,
+                     settings="<useInternalTrapListener>false</useInternalTrapListener>",
                      transport='<DiffServCategory id="OamCM"><dscp>10</dscp></DiffServCategory>'
                                '<DiffServCategory id="OamFM"><dscp>46</dscp></DiffServCategory>',
                      within=["nsenter", "-t", str(namespace.holder.pid), "-n", *prefix], environment=environment)
@@ -88,6 +101,13 @@ def marked_node(nodes, namespace):
         return node.start()
 
     return make
+
+
+def heartbeat_marks(node, reader):
+    """The code points of a notification that is sent now."""
+    reader.marks()
+    node.ctl("heartbeat")
+    return eventually(reader.marks, what="the heartbeat at a receiver")
 
 
 def rules(namespace, tool="iptables"):
@@ -109,41 +129,31 @@ def test_marks_follow_the_agents_ports_and_the_targets(namespace, marked_node):
                        MarkReader(namespace, "::1", MOVED))
     manager = MarkReader(namespace)
     node = marked_node()
-    node.operational()
+    node.reach("PostConfigure")
     assert rules(namespace) == {"vela-snmp-response": (set(), {str(AGENT)}),
                                 "vela-snmp-alarm": ({"127.0.0.1/32"}, {str(NMS)})}
-
-    def alarm_marks(problem, reader):
-        node.raise_alarm(problem, mo=f"ManagedElement=1,Mark={problem}")
-        return eventually(lambda: reader.marks(problem.encode()), 20, f"{problem} at a receiver")
-
-    assert alarm_marks("First", nms) == {46}
+    assert heartbeat_marks(node, nms) == {46}
     assert manager.ask(b"public", AGENT) == 10
 
-    def change(*arguments, idle=True):
-        entered = sum(state == "IdleEnabled" for _, state, _ in node.states())
+    def change(*arguments):
         node.passes(lambda: node.ctl("mo", *arguments))
-        if idle:
-            node.raise_alarm("again", mo="ManagedElement=1,Again=1")
-            node.reach("IdleEnabled", after=entered)
 
     # Added, modified, and for the other family: a rule per filter.
     change("create", f"{SNMP},SnmpTargetV2C=six", "address=::1", f"port={MOVED}", "community=public")
     assert rules(namespace)["vela-snmp-alarm"] == ({"127.0.0.1/32"}, {str(NMS), str(MOVED)})
     assert rules(namespace, "ip6tables")["vela-snmp-alarm"] == ({"::1/128"}, {str(NMS), str(MOVED)})
-    assert alarm_marks("Second", six) == {46}
+    assert heartbeat_marks(node, six) == {46}
     change("set", f"{SNMP},SnmpTargetV2C=nms", f"port={MOVED}")
     assert rules(namespace)["vela-snmp-alarm"] == ({"127.0.0.1/32"}, {str(MOVED)})
-    assert alarm_marks("Third", moved) == {46}
+    assert heartbeat_marks(node, moved) == {46}
 
     # The code point is the model's; what is locked is not marked.
     change("set", f"{TRANSPORT},DiffServCategory=OamFM", "dscp=8")
-    assert alarm_marks("Fourth", moved) == {8}
+    assert heartbeat_marks(node, moved) == {8}
     change("set", f"{TRANSPORT},DiffServCategory=OamFM", "administrativeState=LOCKED")
     assert set(rules(namespace)) == {"vela-snmp-response"}
-    assert alarm_marks("Fifth", moved) == {0}
-    change("set", SNMP, "agentAddress=" + json.dumps([{"host": "127.0.0.1", "port": port} for port in (2161, 3161)]),
-           idle=False)
+    assert heartbeat_marks(node, moved) == {0}
+    change("set", SNMP, "agentAddress=" + json.dumps([{"host": "127.0.0.1", "port": port} for port in (2161, 3161)]))
     assert rules(namespace) == {"vela-snmp-response": (set(), {"2161", "3161"})}
     assert manager.ask(b"public", 3161) == 10
     assert node.stop() == 0
@@ -154,8 +164,8 @@ def test_marks_follow_the_agents_ports_and_the_targets(namespace, marked_node):
 def test_a_node_that_is_not_enabled_marks_nothing(namespace, marked_node):
     nms, manager = MarkReader(namespace, port=NMS), MarkReader(namespace)
     node = marked_node(is_enabled=False)
-    node.operational()
-    assert eventually(lambda: nms.marks(b"warm-up"), what="the alarm") == {0}
+    node.reach("PostConfigure")
+    assert heartbeat_marks(node, nms) == {0}
     assert manager.ask(b"public", AGENT) == 0
     assert rules(namespace) == {}
     # Enabled while it runs: the next pass makes the rules.
@@ -175,7 +185,7 @@ def test_a_node_of_a_user_works_through_sudo(namespace, folder, marked_node):
     (folder / "work").mkdir()
     # The component looks for the commands where they are installed on a node.
     prefix = ["unshare", "-m", "sh", "-c", f"mount -t overlay overlay -o lowerdir=/usr/sbin,upperdir={folder}/upper,"
-              f'workdir={folder}/work /usr/sbin && ln -s "$(command -v true)" /usr/sbin/dscp-iptables-list && exec "$@"',
+              f'workdir={folder}/work /usr/sbin && ln -s {BIN}/dscp-iptables-list /usr/sbin/ && exec "$@"',
               "sh"]
     if subprocess.run([*prefix, "true"], capture_output=True, check=False).returncode != 0:
         pytest.skip("a command of the test's own in /usr/sbin needs an overlay file system")
@@ -194,7 +204,7 @@ def test_a_node_of_a_user_works_through_sudo(namespace, folder, marked_node):
 @needs_packet_filter
 def test_a_thousand_targets_are_marked_in_time(namespace):
     """The component waits four seconds for a command."""
-    (namespace.folder / "node").mkdir()
+    (namespace.folder / "node").mkdir(exist_ok=True)
     (namespace.folder / "node/model.xml").write_text(
         model_xml(AGENT, transport='<DiffServCategory id="OamFM"><dscp>33</dscp></DiffServCategory>'))
     addresses = [f"10.0.{i // 250}.{i % 250 + 1}" for i in range(1000)]

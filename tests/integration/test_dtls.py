@@ -9,12 +9,13 @@ import time
 import pytest
 
 from dtls import (ADDR, ANY, CERT, COMMON_NAME, CONFIGURATION, CREATE_AND_WAIT, DESTROY, DNS, IP, MAPPING, PARAMS,
-                  RFC822, SPECIFIED, Credential, DtlsManager, DtlsReceiver, add_dtls_target, addr_row, allow,
-                  fingerprint, openssl, params_row, remove_target, trust_row)
+                  RFC822, SPECIFIED, Credential, DtlsManager, DtlsReceiver, LastingManager, add_dtls_target, addr_row,
+                  allow, fingerprint, openssl, params_row, remove_target, trust_row)
 from tarn_node import TarnNode, oid_index
 from vela import eventually, free_port
 
 UPTIME = ".1.3.6.1.2.1.1.3.0"
+ENGINE_ID = "1.3.6.1.6.3.10.2.1.1.0"
 
 
 class DtlsNode(TarnNode):
@@ -188,10 +189,45 @@ def test_who_is_in_no_trust_category_is_refused(make_node, make_manager, credent
     assert "stranger" in node.log() and "is not trusted" in node.log()
     node.set(*trust_row(2, stranger.fingerprint))
     assert can_read(make_manager(stranger, own), node)
-    # A manager with an association of its own is cut off, too.
-    walk = [f"{UPTIME}"] * 20
-    node.set(f"{CERT}.6.1", "i", DESTROY)
-    assert make_manager(friend, own).run("snmpget", node.dtls_port, *walk, timeout=0.5).returncode != 0
+
+
+def test_requests_are_served_in_bulk_and_leave_nothing_behind(make_node, make_manager, credentials, own):
+    peer = credentials("peer")
+    node = make_node(own).start()
+    node.set(*trust_row(1, peer.fingerprint))
+    allow(node, "peer")
+    manager = make_manager(peer, own)
+
+    def memory():
+        with open(f"/proc/{node.pid()}/statm", encoding="ascii") as file:
+            return int(file.read().split()[1]) * os.sysconf("SC_PAGESIZE")
+
+    rows = manager.run("snmpwalk", node.dtls_port, ".1.3.6.1.2.1").stdout.splitlines()
+    # Responses that do not fit are built several times.
+    bulk = manager.run("snmpbulkwalk", node.dtls_port, "-Cr500", ".1.3.6.1.2.1").stdout.splitlines()
+    assert len(rows) > 1000 and abs(len(bulk) - len(rows)) < len(rows) / 10
+    before = memory()
+    manager.run("snmpwalk", node.dtls_port, ".1.3.6.1.2.1")
+    assert memory() - before < 1_000_000
+
+
+def test_who_is_trusted_no_more_is_cut_off_at_once(make_node, credentials, own):
+    friend = credentials("friend")
+    node = make_node(own).start()
+    allow(node, "friend")
+    node.set(*trust_row(1, friend.fingerprint))
+    manager = LastingManager(friend, node.dtls_port, bytes.fromhex(node.get(ENGINE_ID).replace(" ", "")))
+    try:
+        eventually(lambda: manager.ask(1))
+        # Another row for it comes and goes.
+        node.set(*trust_row(2, friend.fingerprint))
+        node.set(f"{CERT}.6.1", "i", DESTROY)
+        assert manager.ask(5)
+        node.set(f"{CERT}.6.2", "i", DESTROY)
+        assert not manager.ask(0.3)
+        assert "is trusted no more" in node.log()
+    finally:
+        manager.close()
 
 
 def test_an_authority_vouches_for_its_own_and_names_come_from_the_peers_certificate(make_node, make_manager,
@@ -250,8 +286,8 @@ def spoil(node, credential, how):
     ("garbage key", "there is no private key", "private/node.key"),
     ("another's key", "does not belong to the certificate", "private/node.key"),
     ("expired", "has expired on", "certs/node.crt")])
-def test_a_credential_that_cannot_be_used_is_told_and_harms_nobody(make_node, credentials, receivers, own, how, text,
-                                                                   file):
+def test_a_credential_that_cannot_be_used_is_told_and_harms_nobody(make_node, make_receiver, credentials, receivers, own,
+                                                                   how, text, file):
     if how == "expired":
         own = credentials("node", days=-1)
     node = make_node(own)
@@ -268,9 +304,13 @@ def test_a_credential_that_cannot_be_used_is_told_and_harms_nobody(make_node, cr
     node.notify()
     eventually(lambda: bystander.notifications)
     # What was mended is used at once.
-    Credential(node.folder.parent / "mended", "mended").install(node.configuration, key=True)
-    mended = fingerprint(node.configuration / "tls/certs/mended.crt")
-    node.set(*params_row(index, mended))
+    mended, peer = credentials("mended"), credentials("peer")
+    mended.install(node.configuration, key=True)
+    receiver = make_receiver(peer, mended).start()
+    node.set(*trust_row(1, peer.fingerprint))
+    add_dtls_target(node, "secure", receiver.port, mended.fingerprint)
+    node.notify()
+    eventually(receiver.received)
 
 
 def test_the_tool_makes_takes_and_shows_certificates(make_node, credentials, folder):
@@ -382,10 +422,8 @@ def test_a_receiver_that_is_not_trusted_gets_nothing(make_node, make_receiver, c
     add_dtls_target(node, "nms", impostor.port, own.fingerprint)
     node.notify()
     eventually(lambda: "CN = stranger" in node.log() and "is not trusted" in node.log())
-    # It keeps what is left of the broken handshake, and then takes no other.
-    impostor.stop()
+    assert not impostor.received()
     node.set(*trust_row(2, stranger.fingerprint))
-    impostor.start()
     eventually(impostor.received, 10, "what waited, now that it is trusted")
 
 
@@ -397,6 +435,7 @@ def test_informs(make_node, make_receiver, receivers, credentials, own, option):
     node.configure_list("trapsess", f"trapsess -Ci -v 3 -l authPriv -T our_identity={own.fingerprint} "
                         f"-T {option}={peer.fingerprint} -r 5 -t 1 dtlsudp:127.0.0.1:{receiver.port}")
     node.start()
+    node.set(*trust_row(1, FINGERPRINT))
     bystander = receivers()
     node.add_target("nms", bystander.port)
     for number in range(1, 4):
@@ -456,7 +495,9 @@ def test_nonsense_and_many_beginnings_do_not_keep_managers_out(make_node, make_m
             stranger.sendto(hello, ("127.0.0.1", node.dtls_port))
             stranger.sendto(os.urandom(number), ("127.0.0.1", node.dtls_port))
             stranger.sendto(hello[:13 + number % (len(hello) - 13)], ("127.0.0.1", node.dtls_port))
-    assert can_read(make_manager(peer, own), node)
+    # The flood may fill the socket's buffer for a moment; what a manager loses to it must not be lost for good.
+    manager = make_manager(peer, own)
+    eventually(lambda: can_read(manager, node))
     assert node.pid() and len(node.log().splitlines()) < 50
 
 

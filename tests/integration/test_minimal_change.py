@@ -82,7 +82,8 @@ SERVICE = [
     Change("snmpId", f"set {SNMP} snmpId=A~name", RESTART),
     Change("engineId", f"set {SNMP} engineId=80001f88800102030405", RESTART),
     Change("agentAddress",
-           f'set {SNMP} agentAddress=[{{"host":"127.0.0.1","port":PORT}},{{"host":"127.0.0.2","port":SPARE}}]', RESTART),
+           f'set {SNMP} agentAddress=[{{"host":"127.0.0.1","port":PORT}},{{"host":"127.0.0.2","port":SPARE}}]',
+           RESTART),
     Change("cipherFilter", f"set {TLS} cipherFilter=ALL", RECONFIGURE),
     Change("nodeCredential", f"set {TLS} nodeCredential={'ab' * 20}", RECONFIGURE),
     Change("trustCategory", f'set {TLS} trustCategory=["{"cd" * 20}"]', RESTART),  # DTLS is complete

@@ -155,7 +155,8 @@ def test_objects_that_cannot_be_used_are_left_out(nodes, receivers):
 
 
 @pytest.mark.parametrize("inner, hint", [
-    ("<community>a</community><community>b</community>", "community"), ("<community><part>a</part></community>", "part"),
+    ("<community>a</community><community>b</community>", "community"),
+    ("<community><part>a</part></community>", "part"),
     ("<address>127.0.0.1</address><address>127.0.0.2</address>", "address"),
 ], ids=["community", "struct", "address"])
 def test_a_sequence_where_a_value_belongs_is_refused_with_the_model(folder, inner, hint):

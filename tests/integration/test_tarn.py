@@ -276,6 +276,28 @@ def test_a_quoted_word_of_an_inform_receiver_is_its_text(node):
     assert f' -a "SHA" -A {quoted} 127.0.0.1:162' in node.conf()
 
 
+def test_names_of_inform_receivers_are_looked_up_before_the_agent_starts(node):
+    options = "-Ci -v 3 -u u -r 1 -t 1 -l authNoPriv -a SHA -A 12345678"
+    node.configure_list("trapsess", f"trapsess {options} localhost:1162", f"trapsess {options} no-such-host.invalid:1162",
+                        f"trapsess {options} udp6:[::1]:1162")
+    node.configure(f"ipAddress=udp:127.0.0.1:{node.port}")
+    result = node.run("snmp", "start")
+    assert result.returncode == 0
+    assert result.stderr == "the inform receiver no-such-host.invalid is left out, its name has no address\n"
+    receivers = [line.rsplit(" ", 1)[1] for line in node.conf().splitlines() if line.startswith("trapsess")]
+    assert receivers[0] in ("127.0.0.1:1162", "udp6:[::1]:1162") and receivers[1:] == ["udp6:[::1]:1162"]
+
+
+@pytest.mark.parametrize("content", ["", "\n"])
+def test_an_empty_password_file_is_made_anew(node, content):
+    node.start()
+    old = node.pass_phrase()
+    (node.folder / "no-backup/etc/snmp/snmp_pwd_file").write_text(content)
+    node.tarn("snmp", "restart")
+    assert len(node.pass_phrase()) >= 8 and node.pass_phrase() != old
+    assert node.get(ENGINE_BOOTS) == "2"
+
+
 FEATURES = [("isDtlsSupported", "1.2.0"), ("configure dtlsNodeCredential=", "1.2.0"),
             ("configure setCipherString=", "1.6.0"), ("configure trapsess=", "1.6.0"),
             ("ipv6PortReverseByteOrder", "1.9.0"), ("isExactEngineIdSupported", "1.10.0"),

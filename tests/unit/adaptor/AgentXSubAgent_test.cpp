@@ -9,15 +9,19 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "AlarmScalars.h"
@@ -231,6 +235,71 @@ TEST_F(AgentXSubAgentTest, ClosingTowardsAStoppedMasterAgentDoesNotWait) {
   ::kill(master, SIGCONT);
   ASSERT_TRUE(spin([&] { return subAgent.attach(settings, handlers); }));
   ASSERT_TRUE(spin([&] { return handover.isEmpty(); }));
+}
+
+/** A master agent that answers so many requests of a connection and then no more. */
+class HangingMaster {
+ public:
+  HangingMaster(const std::string& path, int answers) : _fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    bind(_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    listen(_fd, 5);
+    _thread = std::thread([this, answers] { serve(answers); });
+  }
+  ~HangingMaster() {
+    shutdown(_fd, SHUT_RDWR);
+    _thread.join();
+    close(_fd);
+  }
+  HangingMaster(const HangingMaster&) = delete;
+  HangingMaster& operator=(const HangingMaster&) = delete;
+
+ private:
+  void serve(int answers) const {
+    for (int connection; (connection = accept(_fd, nullptr, nullptr)) >= 0; close(connection)) {
+      for (int left = answers; answer(connection, left > 0); --left) {
+      }
+    }
+  }
+
+  /** RFC 2741, 6.1 and 6.2.16: the header of the request comes back as a response's, without an error. */
+  static bool answer(int connection, bool isWanted) {
+    unsigned char header[20];
+    if (recv(connection, header, sizeof header, MSG_WAITALL) != sizeof header) return false;
+    const bool isNetworkOrder = (header[2] & 0x10) != 0;
+    std::uint32_t length = 0;
+    std::memcpy(&length, header + 16, sizeof length);
+    std::vector<unsigned char> payload(isNetworkOrder ? ntohl(length) : length);
+    if (!payload.empty()) recv(connection, payload.data(), payload.size(), MSG_WAITALL);
+    if (!isWanted) return true;
+    constexpr unsigned char ResponseType = 18;
+    const unsigned char noError[8] = {};
+    header[1] = ResponseType;
+    length = isNetworkOrder ? htonl(sizeof noError) : sizeof noError;
+    std::memcpy(header + 16, &length, sizeof length);
+    send(connection, header, sizeof header, MSG_NOSIGNAL);
+    return send(connection, noError, sizeof noError, MSG_NOSIGNAL) == sizeof noError;
+  }
+
+  int _fd;
+  std::thread _thread;
+};
+
+TEST_F(AgentXSubAgentTest, AMasterAgentThatHangsWhileTheMibIsRegisteredIsGivenUpSoon) {
+  settings.timeout = 1;
+  settings.retries = 1;
+  for (const int answers : {1, 3}) {
+    const HangingMaster hanging(settings.socket, answers);
+    const auto begin = Clock::now();
+    EXPECT_FALSE(subAgent.attach(settings, handlers)) << answers;
+    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5))
+        << "as long as one answer is waited for, not one per region";
+    EXPECT_FALSE(subAgent.isAttached());
+    EXPECT_TRUE(subAgent.takeMute());
+    std::filesystem::remove(settings.socket);
+  }
 }
 
 TEST_F(AgentXSubAgentTest, ASocketPathThatDoesNotFitIsRefused) {

@@ -166,6 +166,9 @@ TEST_F(NotificationHandoverTest, AMasterAgentThatDoesNotAcknowledgeInTimeCountsA
   clock.advance(1);
   handover.collect();
   EXPECT_FALSE(subAgent.isConnected);
+  EXPECT_TRUE(subAgent.takeMute());
+  EXPECT_FALSE(subAgent.takeMute());
+  EXPECT_EQ(log.count(Vela::LogWarning, "1 notifications were not acknowledged and go out again, 0 more wait"), 1);
   reconnect();
   takeSent();
   handover.pump();
@@ -174,6 +177,31 @@ TEST_F(NotificationHandoverTest, AMasterAgentThatDoesNotAcknowledgeInTimeCountsA
   clock.advance(10 * NotificationHandover::acknowledgementTimeout);
   handover.collect();
   EXPECT_TRUE(subAgent.isConnected) << "nothing is waited for";
+}
+
+TEST_F(NotificationHandoverTest, WhatIsDroppedDoesNotComeBackWithTheNextConnection) {
+  add(1, 40);
+  handover.pump();
+  EXPECT_TRUE(handover.hasDue());
+  handover.clear();
+  EXPECT_FALSE(handover.hasDue());
+  reconnect();
+  add(41, 41);
+  takeSent();
+  handover.pump();
+  EXPECT_EQ(takeSent(), (std::vector<int>{41}));
+}
+
+TEST_F(NotificationHandoverTest, AClockThatIsSetForwardLosesNothing) {
+  add(1, 3);
+  handover.pump();
+  clock.advance(3600000);
+  handover.pump();
+  EXPECT_FALSE(subAgent.isConnected) << "it looks as if nothing had been acknowledged for an hour";
+  reconnect();
+  takeSent();
+  handover.pump();
+  EXPECT_EQ(takeSent(), range(1, 3));
 }
 
 TEST_F(NotificationHandoverTest, AMessageThatBreaksTheConnectionEachTimeIsGivenUp) {

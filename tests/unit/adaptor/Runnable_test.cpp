@@ -307,6 +307,24 @@ TEST_F(RunnableTest, AProbeStaysQueuedAndWhatHasNoFormOnTheWireLeaves) {
   EXPECT_FALSE(adaptor->trySendOneQueuedAlarm());
 }
 
+TEST_F(RunnableTest, AProbeDoesNotOvertakeWhatTheLastMasterAgentLeftOver) {
+  configure();
+  handler.setSnmpMasterAgentAgentxSocket("socket");
+  adaptor->masterAgentStarted();
+  adaptor->changeState(FmStateIdIdleEnabled);
+  for (int i = 0; i < 40; ++i) handle(make(SnmpMessageAlarmListRebuilt));
+  takeSent();
+  adaptor->changeState(FmStateIdPostConfigure);
+  handle(alarm());
+  EXPECT_FALSE(adaptor->trySendOneQueuedAlarm()) << "eight are older and wait for their turn";
+  EXPECT_TRUE(sent.empty());
+  adaptor->clearQueuedAlarms();
+  EXPECT_FALSE(adaptor->hasQueuedAlarms());
+  handle(alarm());
+  EXPECT_TRUE(adaptor->trySendOneQueuedAlarm()) << "the older ones were dropped as well";
+  EXPECT_EQ(sent, (std::vector<int>{AlarmMajor}));
+}
+
 TEST_F(RunnableTest, StatefulAlarmsAndRebuiltListsInvalidateTheSnapshot) {
   SnmpAlarmSnapshot& snapshot = SnmpAlarmSnapshot::getInstance();
   snapshot.setDataProvider(&adaptor->model);
@@ -415,6 +433,40 @@ TEST_F(RunnableTest, AStopEndsTheThreadAtOnceAndAnotherRunFollows) {
   }
 }
 
+TEST_F(RunnableTest, AStopEndsTheToolThatRunsButNotTheOneOfTheShutdown) {
+  /** Runs until it is cancelled, as a tool that hangs. */
+  struct Hanging : Vela::ScriptRunner {
+    int run(const std::vector<std::string>&, int, std::string&, const Vela::ScriptCancellation* cancellation) override {
+      ++runs;
+      if (!waitFor([&] { return cancellation->isCancelled(); })) return 1;
+      throw Vela::VelaException("cancelled");
+    }
+    std::atomic<int> runs{0};
+  };
+  const auto tool = std::make_shared<Hanging>();
+  states.onUpdate = [](SnmpAdaptorRunnable& owner) {
+    owner.stopMasterAgent();
+    return StateTransition::handled();
+  };
+  startThread();
+  Vela::ScriptWrapper::setRunner(tool);
+  ASSERT_TRUE(waitFor([&] { return tool->runs > 0; }));
+  stopThread();
+  adaptor->resetToolCancellation();  // as the shutdown state does
+  adaptor->stop();
+  std::string output;
+  struct Question : Vela::ScriptRunner {
+    int run(const std::vector<std::string>&, int, std::string&, const Vela::ScriptCancellation* cancellation) override {
+      return cancellation->isCancelled() ? 1 : 0;
+    }
+  };
+  Vela::ScriptWrapper::setRunner(std::make_shared<Question>());
+  adaptor->stopMasterAgent();
+  Vela::ScriptWrapper::setRunner(nullptr);
+  EXPECT_EQ(log.count(Vela::LogError, "stopMasterAgent caught exception: tarn snmp stop failed with exit status 1: "),
+            0);
+}
+
 TEST_F(RunnableTest, AStateChangeMessageStops) {
   for (const VelaStateChangeReason reason :
        {VelaStateChangeDeactivate, VelaStateChangeFailover, VelaStateChangeSwitchover}) {
@@ -479,6 +531,7 @@ TEST_F(RunnableTest, AnExceptionEndsTheLoopWithALineOfItsKind) {
     ASSERT_TRUE(input.join(20000)) << item.line;
     EXPECT_EQ(log.count(Vela::LogError, item.line), 1);
     EXPECT_FALSE(adaptor->isSubAgentActive());
+    EXPECT_EQ(adaptor->getStateId(), -1) << "no state is left behind, nor what watches for it";
   }
 }
 
@@ -517,6 +570,22 @@ TEST_F(RunnableTest, AClosedConnectionIsReportedOncePerStay) {
   ASSERT_TRUE(waitFor([&] { return states.updates > updates + 10; }));
   EXPECT_EQ(states.events[SnmpEventRestart], 1) << "not so soon again";
   stopThread();
+}
+
+TEST_F(RunnableTest, AMasterAgentThatDoesNotAnswerIsNotAttachedToAgain) {
+  handler.setSnmpMasterAgentAgentxSocket("socket");
+  states.onUpdate = [](SnmpAdaptorRunnable& owner) {
+    owner.masterAgentStarted();
+    if (script->updates == 1) current->subAgent->isConnected = true;
+    if (!owner.isOperational()) return StateTransition::change(FmStateIdIdleEnabled, "test", 1);
+    if (script->updates == 5) current->subAgent->giveUp();
+    return StateTransition::handled(1);
+  };
+  startThread();
+  ASSERT_TRUE(waitFor([&] { return states.updates > 20; }));
+  stopThread();
+  EXPECT_EQ(states.events[SnmpEventNoContact], 1);
+  EXPECT_EQ(states.events[SnmpEventBootCountMismatch], 0);
 }
 
 /** Sends what TrapSender makes of an alarm to a port, as the master agent would. */

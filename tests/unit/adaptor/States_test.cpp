@@ -35,6 +35,20 @@ bool eventually(Condition&& condition) {
   return true;
 }
 
+/** One of the states that wait for time to pass. */
+std::unique_ptr<FmState> makeWaiting(Adaptor& adaptor, FmStateId id) {
+  switch (id) {
+    case FmStateIdIMMUpdating:
+      return std::make_unique<FmStateIMMUpdating>(adaptor);
+    case FmStateIdStartMasterAgent:
+      return std::make_unique<FmStateStartMasterAgent>(adaptor);
+    case FmStateIdPostConfigure:
+      return std::make_unique<FmStatePostConfigure>(adaptor);
+    default:
+      return std::make_unique<FmStateIdleError>(adaptor);
+  }
+}
+
 TEST_F(StatesTest, registersEveryStateUnderItsName) {
   const std::pair<int, const char*> states[] = {
       {0, "OneTimeInit"},    {1, "IMMUpdating"},     {2, "LoadConfigurationData"}, {3, "StartMasterAgent"},
@@ -256,6 +270,21 @@ TEST_F(LoadTest, givesUpAtTheFourthFailureToRead) {
   EXPECT_EQ(text(state.onUpdate(adaptor)), "11/Failed to read configuration: no model/100");
   EXPECT_EQ(log.count(Vela::LogError, "Failed to read configuration after 3 retries: no model"), 1);
   EXPECT_THAT(journal.take(), ElementsAre("read", "read", "read", "read"));
+}
+
+TEST_F(LoadTest, goesOnAfterThreeFailuresToReadAndComesBackAfterFour) {
+  adaptor.model.failures = 3;
+  adaptor.changeState(FmStateIdLoadConfigurationData);
+  for (int step = 1; step <= 4; ++step) adaptor.updateStateMachine();
+  EXPECT_EQ(adaptor.getStateId(), FmStateIdStartMasterAgent);
+
+  adaptor.model.failures = 4;
+  adaptor.changeState(FmStateIdLoadConfigurationData);
+  for (int step = 1; step <= 4; ++step) adaptor.updateStateMachine();
+  ASSERT_EQ(adaptor.getStateId(), FmStateIdIdleError);
+  clock.advance(2001);
+  for (int step = 1; step <= 2; ++step) adaptor.updateStateMachine();
+  EXPECT_EQ(adaptor.getStateId(), FmStateIdStartMasterAgent);
 }
 
 TEST_F(LoadTest, knowsWhatNeedsARestart) {
@@ -737,6 +766,44 @@ TEST_F(StatesTest, shutdownTakesEverythingDownAndEndsTheLoop) {
   FmStateShutdown state(adaptor);
   EXPECT_THAT(journal.take(), ElementsAre("tools again", "stop agent", "no cm rule", "no fm rule", "not running"));
   EXPECT_EQ(text(state.onUpdate(adaptor)), Handled);
+}
+
+// --- The clock
+
+TEST_F(StatesTest, aClockThatIsSetHoldsNoWaitUpAndMakesNoneFail) {
+  constexpr unsigned long long Hour = 3600000;
+  configure(false);
+  addTarget(config(), "a");
+  FmStateConfigureTargets().onUpdate(adaptor);
+  const TakenPort taken;
+  config().agentAddress = {{"127.0.0.1", taken.port()}};
+  const struct {
+    FmStateId state;
+    unsigned long long wait; /**< it ends when more has passed */
+    const char* wasWaiting;
+    const char* end;
+  } cases[] = {
+      {FmStateIdIMMUpdating, 1000, "handled/100", "2/no updates in one second/100"},
+      {FmStateIdStartMasterAgent, 19999, "handled/1000", "11/Port is not available: "},
+      {FmStateIdPostConfigure, 24999, "handled/100", "10/delay after config complete/100"},
+      {FmStateIdIdleError, 2000, "handled/100", "2/retrying/100"},
+  };
+  for (const auto& item : cases) {
+    for (const bool isSetBack : {true, false}) {
+      const auto state = makeWaiting(adaptor, item.state);
+      clock.advance(item.wait / 2);
+      EXPECT_EQ(text(state->onUpdate(adaptor)), item.wasWaiting) << item.end;
+      clock.advance(isSetBack ? 0 - Hour : Hour);
+      if (isSetBack) {
+        EXPECT_EQ(text(state->onUpdate(adaptor)), item.wasWaiting) << item.end;
+        clock.advance(item.wait - item.wait / 2);
+        EXPECT_EQ(text(state->onUpdate(adaptor)), item.wasWaiting) << item.end;
+        clock.advance(1);
+      }
+      EXPECT_THAT(text(state->onUpdate(adaptor)), StartsWith(item.end));
+      FmStateIdleError::numReconfigAttempts = 0;
+    }
+  }
 }
 
 // --- The supervision of the master agent

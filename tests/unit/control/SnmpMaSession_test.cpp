@@ -4,7 +4,10 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <fstream>
+#include <functional>
+#include <string>
 
 #include "MasterAgentFixture.h"
 
@@ -57,6 +60,18 @@ class AnsweringSession : public SnmpMaSession {
     return "no route";
   }
 };
+
+/** Rewrites a file line by line; a line that becomes empty goes. */
+void edit(const std::string& file, const std::function<std::string(const std::string&)>& change) {
+  std::ifstream in(file);
+  std::string text;
+  for (std::string line; std::getline(in, line);) {
+    const std::string changed = change(line);
+    if (!changed.empty()) text += changed + "\n";
+  }
+  in.close();
+  std::ofstream(file, std::ios::trunc) << text;
+}
 
 bool sendSet(const SnmpMaSession& session) {
   SnmpPdu request(SNMP_MSG_SET);
@@ -197,4 +212,33 @@ TEST(SnmpMaSession, tellsASilentAgent) {
               }),
               StartsWith("Failed to open snmp session to 127.0.0.1, error: "));
   agent.setStopped(false);
+}
+
+TEST(SnmpMaSession, meetsAnAgentThatHasAnotherPassPhraseAndLostItsBootCount) {
+  MasterAgent agent;
+  SnmpMaSession session;
+  agent.open(session);
+  agent.restart();
+  agent.open(session);
+  session.close();
+  edit(agent.getFolder() + "/snmpd.conf", [](std::string line) {
+    const std::string old = MasterAgent::passPhrase;
+    for (std::size_t at; (at = line.find(old)) != std::string::npos;) line.replace(at, old.size(), "anotherSecret");
+    return line;
+  });
+  edit(agent.getFolder() + "/persist/snmpd.conf", [](const std::string& line) {
+    if (line.rfind("usmUser", 0) == 0) return std::string();
+    return line.rfind("engineBoots", 0) == 0 ? std::string("engineBoots 0") : line;
+  });
+  agent.restart();
+  const auto open = [&] {
+    session.initSession("127.0.0.1", agent.getPort(), MasterAgent::user, "anotherSecret", "anotherSecret");
+  };
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (failureOf<SnmpSessionException>(open) != "no failure" && std::chrono::steady_clock::now() < end) {
+  }
+  long long boots = 0;
+  ASSERT_TRUE(session.isOpen());
+  EXPECT_TRUE(session.getInt(engineBoots, &boots, "boots"));
+  EXPECT_EQ(boots, 1);
 }

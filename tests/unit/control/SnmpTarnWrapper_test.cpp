@@ -136,6 +136,10 @@ TEST_F(SnmpTarnWrapperTest, readsStatusAndDirectory) {
   EXPECT_FALSE(wrapper.isRunning());
   tool->answer = "/node/no-backup\n";
   EXPECT_EQ(wrapper.getTarnNoBackupDir(), "/node/no-backup");
+  for (const char* faulty : {"", "node", "/node\nno-backup", "\x01\x02"}) {
+    tool->answer = faulty;
+    EXPECT_THROW(wrapper.getTarnNoBackupDir(), Vela::VelaException) << faulty;
+  }
   tool->isMissing = true;
   EXPECT_FALSE(wrapper.isRunning());
   EXPECT_THROW(wrapper.getTarnNoBackupDir(), Vela::VelaException);
