@@ -89,7 +89,7 @@ std::string alternativeNameOf(const X509* certificate, NameMapping mapping) {
   const std::unique_ptr<GENERAL_NAMES, NamesDeleter> names(
       static_cast<GENERAL_NAMES*>(X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
   for (int i = 0; i < sk_GENERAL_NAME_num(names.get()); ++i) {
-    const std::string name = nameOf(sk_GENERAL_NAME_value(names.get(), i), mapping);
+    std::string name = nameOf(sk_GENERAL_NAME_value(names.get(), i), mapping);
     if (!name.empty()) return name;
   }
   return {};

@@ -29,7 +29,7 @@ constexpr auto MaxTrustWait = 10s;
 constexpr auto TrustRetryDelay = 100ms;
 /** Between two attempts to reach a receiver for which messages wait. */
 constexpr auto RetryDelay = 1s;
-/** How long it stays when nobody uses it and nothing waits. */
+/** How long it stays when nobody uses it. */
 constexpr auto Linger = 2s;
 constexpr auto MaxWait = 60s;
 /** The oldest is dropped for a further one. */
@@ -93,6 +93,7 @@ void DtlsAssociation::attach(User& user) {
 
 void DtlsAssociation::detach(User& user) {
   std::erase(_users, &user);
+  _lastDetached = Clock::now();
   if (_users.empty() && !_isClosed && !_timer.isRunning()) _timer.start(Linger);
 }
 
@@ -127,6 +128,7 @@ void DtlsAssociation::send(std::string message) {
 
 bool DtlsAssociation::isUsable() const {
   if (!_session || !_session->isEstablished()) return false;
+  if (_mapGeneration != CertificateMap::generation()) return false;
   const auto now = Clock::now();
   return now - _lastHeard < TrustedFor || now - _lastSent < BurstGap;
 }
@@ -134,13 +136,14 @@ bool DtlsAssociation::isUsable() const {
 void DtlsAssociation::keep(std::string message) {
   dropExpired();
   const std::string_view pdu = scopedPduOf(message);
-  const auto earlier = std::find_if(_waiting.begin(), _waiting.end(), [pdu](const Waiting& waiting) {
-    return !pdu.empty() && scopedPduOf(waiting.message) == pdu;
-  });
-  if (earlier != _waiting.end()) {
-    // The repetition of a request: one of them is enough, and it is the later whose answer is waited for.
-    earlier->message = std::move(message);
-    return;
+  if (isInform(pdu)) {
+    const auto earlier = std::find_if(_waiting.begin(), _waiting.end(),
+                                      [pdu](const Waiting& waiting) { return scopedPduOf(waiting.message) == pdu; });
+    if (earlier != _waiting.end()) {
+      // A repetition: one of them is enough, and it is the later whose answer is waited for.
+      earlier->message = std::move(message);
+      return;
+    }
   }
   if (_waiting.size() >= MaxWaiting) _waiting.pop_front();
   _waiting.push_back({std::move(message), Clock::now() + MaxWait});
@@ -209,6 +212,10 @@ void DtlsAssociation::onReadable() {
 
 void DtlsAssociation::onTimer() {
   dropExpired();
+  if (_users.empty() && Clock::now() - _lastDetached >= Linger) {
+    registry().erase(keyOf(_endpoint, _certificate));
+    return;
+  }
   if (_session && !_session->isEstablished()) {
     if (Clock::now() - _begin > SilentFor) report(NoAnswer);
     // A receiver that missed the end of the former session takes no other from here.
@@ -218,7 +225,7 @@ void DtlsAssociation::onTimer() {
   } else if (!_waiting.empty()) {
     connect();
   } else if (_users.empty()) {
-    registry().erase(keyOf(_endpoint, _certificate));
+    _timer.start(Linger);
   }
 }
 
@@ -236,6 +243,7 @@ void DtlsAssociation::check() {
 void DtlsAssociation::established() {
   _timer.stop();
   _former.reset();
+  _mapGeneration = CertificateMap::generation();
   _lastHeard = Clock::now();
   _lastSent = _lastHeard;
   if (!_reported.empty())

@@ -68,7 +68,7 @@ class DtlsAssociation {
   void keep(std::string message);
   PeerExpectation expectation() const;
   bool isTrustKnown() const;
-  /** Whether the session is established, and its receiver probably still there. */
+  /** Whether the session is established, and its receiver still trusted and probably there. */
   bool isUsable() const;
   void connect();
   void onReadable();
@@ -93,6 +93,8 @@ class DtlsAssociation {
   Clock::time_point _begin; /**< of the session's handshake */
   Clock::time_point _lastHeard;
   Clock::time_point _lastSent;
+  Clock::time_point _lastDetached;
+  unsigned _mapGeneration = 0; /**< of CertificateMap, when the session was established */
   std::deque<Waiting> _waiting;
   std::set<std::string> _reported; /**< faults since the receiver was last reached */
   Timer _timer;

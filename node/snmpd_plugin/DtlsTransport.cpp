@@ -164,7 +164,7 @@ int DtlsTransport::onSend(netsnmp_transport* face, const void* message, int size
     errno = ENOTCONN;
     return -1;
   }
-  if (face->remote != nullptr && opaque != nullptr) {
+  if (face->remote != nullptr && opaque != nullptr && opaqueLength != nullptr) {
     // When a request is repeated, the library makes a new state and complains about the one that is still there.
     SNMP_FREE(*opaque);
     *opaqueLength = 0;

@@ -30,19 +30,32 @@ std::optional<Element> firstElement(std::string_view octets) {
   return element;
 }
 
+std::string_view inside(std::string_view octets) {
+  const auto element = firstElement(octets);
+  return element ? octets.substr(element->header, element->content) : std::string_view();
+}
+
+std::string_view afterElements(std::string_view octets, int count) {
+  for (int i = 0; i < count; ++i) {
+    const auto element = firstElement(octets);
+    if (!element) return {};
+    octets.remove_prefix(element->header + element->content);
+  }
+  return octets;
+}
+
 }  // namespace
 
 std::string_view scopedPduOf(std::string_view message) {
-  constexpr int ElementsBefore = 3;  // version, header data, security parameters
-  const auto whole = firstElement(message);
-  if (!whole) return {};
-  message.remove_prefix(whole->header);
-  for (int i = 0; i < ElementsBefore; ++i) {
-    const auto element = firstElement(message);
-    if (!element) return {};
-    message.remove_prefix(element->header + element->content);
-  }
-  return message;
+  constexpr int Before = 3;  // version, header data, security parameters
+  return afterElements(inside(message), Before);
+}
+
+bool isInform(std::string_view scopedPdu) {
+  constexpr int Before = 2;  // context engine id, context name
+  constexpr char InformRequest = '\xa6';
+  const std::string_view pdu = afterElements(inside(scopedPdu), Before);
+  return !pdu.empty() && pdu.front() == InformRequest;
 }
 
 }  // namespace SnmpdPlugin
