@@ -12,7 +12,6 @@
 namespace VelaFmSnmp {
 
 class SnmpMaSession;
-class SnmpPdu;
 
 /** What an access rule is found by: security model and level, and the security name, which is the group's name too. */
 struct AccessKey {
@@ -38,8 +37,6 @@ class AccessConfigurator {
   std::vector<AccessKey> getWritten() const;
   /** Forgets what was written, without a request. */
   void clear() { _written.clear(); }
-  /** Whether no rules but those written from here stand in the master agent. */
-  void setKnown(bool isKnown) { _isKnown = isKnown; }
 
   /** Replaces the group mapping and the rule of a target's community or user, or removes them. */
   void configureAccess(SnmpMaSession& session, const SnmpBaseTarget& target, const AccessViews& views, bool add);
@@ -54,13 +51,12 @@ class AccessConfigurator {
   void replaceAccess(SnmpMaSession& session, const AccessKey& key, const AccessViews& views);
   bool isGroupShared(const AccessKey& key) const;
 
-  static void vacmCreateSec2Group(SnmpPdu& pdu, const AccessKey& key);
-  static void vacmDeleteSec2Group(SnmpPdu& pdu, const AccessKey& key);
-  static void vacmCreateAccess(SnmpPdu& pdu, const AccessKey& key, const AccessViews& views);
-  static void vacmDeleteAccess(SnmpPdu& pdu, const AccessKey& key);
+  static void vacmCreateSec2Group(SnmpMaSession& session, const AccessKey& key);
+  static void vacmDeleteSec2Group(SnmpMaSession& session, const AccessKey& key);
+  static void vacmCreateAccess(SnmpMaSession& session, const AccessKey& key, const AccessViews& views);
+  static void vacmDeleteAccess(SnmpMaSession& session, const AccessKey& key);
 
   std::map<AccessKey, AccessViews> _written;
-  bool _isKnown = false;
 };
 
 }  // namespace VelaFmSnmp

@@ -29,6 +29,8 @@ namespace {
 
 constexpr const char* ApplicationName = "fm_snmp";
 constexpr long MicrosecondsPerSecond = 1000000;
+/** Seconds; the library's own default. */
+constexpr int DefaultPingInterval = 15;
 /** Longer than any acknowledgement is waited for, so that the library does not forget a request before. */
 constexpr long NotificationTimeout = 60 * MicrosecondsPerSecond;
 
@@ -163,7 +165,7 @@ bool AgentXSubAgent::attach(const Settings& settings, const std::function<void()
   _isMute = false;
   if (!isListenedAt(settings.socket)) return false;
   countsOfEndedConnection = {};
-  _pingInterval = settings.pingInterval;
+  _pingInterval = settings.pingInterval > 0 ? settings.pingInterval : DefaultPingInterval;
   if (libraryInitialised) {
     applySettings(settings);
     if (!open()) return false;
@@ -222,7 +224,6 @@ bool AgentXSubAgent::open() {
 }
 
 void AgentXSubAgent::startPings() {
-  if (_pingInterval <= 0) return;
   _pingAlarm = snmp_alarm_register(
       static_cast<unsigned int>(_pingInterval), SA_REPEAT,
       [](unsigned int, void* subAgent) { static_cast<AgentXSubAgent*>(subAgent)->ping(); }, this);

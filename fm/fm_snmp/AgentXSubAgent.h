@@ -21,7 +21,7 @@ class AgentXSubAgent {
  public:
   struct Settings {
     std::string socket;   /**< path of the master agent's AgentX socket */
-    int pingInterval = 0; /**< seconds; 0: no pings */
+    int pingInterval = 0; /**< seconds between pings; 0: 15, as the agent library has it */
     int timeout = 0;      /**< seconds; 0: the library's */
     int retries = 0;      /**< 0: the library's */
   };

@@ -228,7 +228,7 @@ void FmSnmp::onSnmpMoChange(const DaxOamSpiCmEvent_Notification_1T& notification
     VELA_TRACE("Only operationalState updated, event not handled");
     return;
   }
-  push(std::make_unique<CmEventMessage>());
+  push(std::make_unique<CmEventMessage>(notification));
 }
 
 void FmSnmp::onTlsMoChange(const DaxOamSpiCmEvent_Notification_1T&) { _adaptor.reconfigureSnmpMaster(); }
@@ -244,19 +244,19 @@ void FmSnmp::onDiffServCategoryMoChangeNotification(const DaxOamSpiCmEvent_Notif
     if (!dn) {
       VELA_TRACE("CM Event type, %d received with NULL dn value", type);
     } else if (expression.match(dn)) {
-      push(std::make_unique<CmEventMessage>());
+      push(std::make_unique<CmEventMessage>(notification));
     } else {
       VELA_TRACE("CM Event type, %d received with incorrect dn value - %s", type, dn);
     }
   }
 }
 
-void FmSnmp::onOamAccessPointMoChange(const DaxOamSpiCmEvent_Notification_1T&) {
-  push(std::make_unique<CmEventMessage>());
+void FmSnmp::onOamAccessPointMoChange(const DaxOamSpiCmEvent_Notification_1T& notification) {
+  push(std::make_unique<CmEventMessage>(notification));
 }
 
 void FmSnmp::onOamAccessPointMoRefsMoChange(const DaxOamSpiCmEvent_Notification_1T& notification) {
-  if (isAddressAttributeChanged(notification)) push(std::make_unique<CmEventMessage>());
+  if (isAddressAttributeChanged(notification)) push(std::make_unique<CmEventMessage>(notification));
 }
 
 }  // namespace VelaFmSnmp

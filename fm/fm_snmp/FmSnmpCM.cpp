@@ -64,6 +64,7 @@ int FmSnmpCM::loadConfiguration(const std::string& fileName) {
   } else {
     VELA_TRACE("Fm Snmp configuration read");
   }
+  _configurationHandler.unload();
   VELA_TRACE(" << %d", result);
   return result;
 }

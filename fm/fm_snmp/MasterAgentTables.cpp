@@ -24,17 +24,14 @@ constexpr Column targetAddrTimeout = {1, 3, 6, 1, 6, 3, 12, 1, 2, 1, 4};
 constexpr Column targetAddrRetryCount = {1, 3, 6, 1, 6, 3, 12, 1, 2, 1, 5};
 constexpr Column targetAddrTagList = {1, 3, 6, 1, 6, 3, 12, 1, 2, 1, 6};
 constexpr Column targetAddrParams = {1, 3, 6, 1, 6, 3, 12, 1, 2, 1, 7};
-constexpr Column targetAddrStorageType = {1, 3, 6, 1, 6, 3, 12, 1, 2, 1, 8};
 constexpr Column targetAddrRowStatus = {1, 3, 6, 1, 6, 3, 12, 1, 2, 1, 9};
 constexpr Column targetParamsMpModel = {1, 3, 6, 1, 6, 3, 12, 1, 3, 1, 2};
 constexpr Column targetParamsSecurityModel = {1, 3, 6, 1, 6, 3, 12, 1, 3, 1, 3};
 constexpr Column targetParamsSecurityName = {1, 3, 6, 1, 6, 3, 12, 1, 3, 1, 4};
 constexpr Column targetParamsSecurityLevel = {1, 3, 6, 1, 6, 3, 12, 1, 3, 1, 5};
-constexpr Column targetParamsStorageType = {1, 3, 6, 1, 6, 3, 12, 1, 3, 1, 6};
 constexpr Column targetParamsRowStatus = {1, 3, 6, 1, 6, 3, 12, 1, 3, 1, 7};
 constexpr Column notifyTag = {1, 3, 6, 1, 6, 3, 13, 1, 1, 1, 2};
 constexpr Column notifyType = {1, 3, 6, 1, 6, 3, 13, 1, 1, 1, 3};
-constexpr Column notifyStorageType = {1, 3, 6, 1, 6, 3, 13, 1, 1, 1, 4};
 constexpr Column notifyRowStatus = {1, 3, 6, 1, 6, 3, 13, 1, 1, 1, 5};
 
 const char* const udpIpv4Domain = ".1.3.6.1.6.1.1";
@@ -107,7 +104,6 @@ void MasterAgentTables::createTargetAddr(SnmpPdu& pdu, const std::string& name, 
   pdu.addVarbind(row(targetAddrTagList, name), tagList);
   pdu.addVarbind(row(targetAddrTimeout, name), std::min(timeout, maxTimeout));
   pdu.addVarbind(row(targetAddrRetryCount, name), std::min(retryCount, maxRetryCount));
-  pdu.addVarbind(row(targetAddrStorageType, name), StorageVolatile);
   pdu.addVarbind(row(targetAddrRowStatus, name), RowCreateAndGo);
 }
 
@@ -125,7 +121,6 @@ void MasterAgentTables::createTargetParams(SnmpPdu& pdu, const std::string& name
   pdu.addVarbind(row(targetParamsSecurityModel, name), securityModel);
   pdu.addVarbind(row(targetParamsSecurityName, name), securityName);
   pdu.addVarbind(row(targetParamsSecurityLevel, name), securityLevel);
-  pdu.addVarbind(row(targetParamsStorageType, name), StorageVolatile);
   pdu.addVarbind(row(targetParamsRowStatus, name), RowCreateAndGo);
 }
 
@@ -137,7 +132,6 @@ void MasterAgentTables::createNotify(SnmpPdu& pdu, const std::string& name, cons
   requireName(name, "notify");
   pdu.addVarbind(row(notifyTag, name), tag);
   pdu.addVarbind(row(notifyType, name), type);
-  pdu.addVarbind(row(notifyStorageType, name), StorageVolatile);
   pdu.addVarbind(row(notifyRowStatus, name), RowCreateAndGo);
 }
 

@@ -401,8 +401,9 @@ void MoConnector::writeAttribute(const std::string& dn, const char* name, const 
     if (failure != nullptr && failure->getCode() != VELA_OK) {
       VELA_LOG(Vela::LogError, "Failed to set attribute :'%s' in MO :%s, reason (%d )!", name, dn.c_str(),
                failure->getCode());
+    } else {
+      VELA_LOG(Vela::LogError, "Problem setting attribute (%s) in (%s), msg :(%s)", name, dn.c_str(), ex.what());
     }
-    VELA_LOG(Vela::LogError, "Problem setting attribute (%s) in (%s), msg :(%s)", name, dn.c_str(), ex.what());
     if (failure != nullptr) throw;
     throw Vela::VelaException("%s", ex.what());
   }

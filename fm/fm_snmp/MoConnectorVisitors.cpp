@@ -259,7 +259,7 @@ bool SnmpView::visit(Vela::MoAccessor& accessor, const std::string& dn) {
   Poco::AutoPtr<SnmpBaseView> view(new SnmpBaseView(_version));
   reader.read(attribute::name, view->name);
   if (view->name.empty()) view->name = rdnValue(dn);
-  reader.readSequence(_version == SnmpProtocolV3 ? attribute::user : attribute::community, view->community);
+  reader.readSequence(attribute::community, view->community);
   reader.readSequence(attribute::readOids, view->readOids);
   reader.readSequence(attribute::writeOids, view->writeOids);
 

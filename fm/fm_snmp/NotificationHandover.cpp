@@ -100,9 +100,11 @@ void NotificationHandover::loseConnection() {
   onConnectionLost();
 }
 
-void NotificationHandover::clear() {
+std::size_t NotificationHandover::clear() {
+  const std::size_t due = _messages.size() - _sent;
   _messages.resize(_sent);
   for (Entry& entry : _messages) entry.owned.reset();
+  return due;
 }
 
 void NotificationHandover::onConnectionLost() {

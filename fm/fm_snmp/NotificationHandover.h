@@ -48,8 +48,8 @@ class NotificationHandover {
   void pump();
   /** The connection is gone: what was on its way is due again. */
   void onConnectionLost();
-  /** Drops what is due, and what would become due again. */
-  void clear();
+  /** Drops what is due, and what would become due again; yields how many were due. */
+  std::size_t clear();
 
   /** Whether pump would send something. */
   bool isReadyToSend() const { return hasDue() && _inFlight < window; }

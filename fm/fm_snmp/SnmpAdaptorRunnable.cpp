@@ -132,7 +132,7 @@ void SnmpAdaptorRunnable::prepareForStart(VelaMgmtSpiInterfacePortal_1T* portal)
     _masterAgentStarted = false;
     initSubAgentAfterRestart();
     // A stop that met the end of the previous run left its event behind.
-    replaceEvents(SnmpEventImmChange);
+    discardEvents();
     _toolCancellation.reset();
     std::uint64_t wakeUps = 0;
     static_cast<void>(!::read(_wakeFD, &wakeUps, sizeof wakeUps));
@@ -185,6 +185,8 @@ void SnmpAdaptorRunnable::selectLoop(int pipeFD) {
   getMaSession().close();
   closeAgentxSession();
   leaveSnapshot();
+  const std::size_t unsent = _queue.size() + _handover->size();
+  if (unsent > 0) VELA_LOG(Vela::LogWarning, "stopped with %zu notifications that were not sent", unsent);
 }
 
 void SnmpAdaptorRunnable::runPass(int pipeFD, Descriptors& descriptors, unsigned long long& lastUpdate,
@@ -477,15 +479,20 @@ bool SnmpAdaptorRunnable::trySendOneQueuedAlarm() {
   while (!_queue.empty()) {
     VELA_LOG(Vela::LogInfo, "Trying to send one notification (%d in queue)...", static_cast<int>(_queue.size()));
     const NotificationHandover::Outcome outcome = _handover->sendNow(*_queue.front());
-    if (outcome != NotificationHandover::Outcome::NothingToSend) return outcome == NotificationHandover::Outcome::Sent;
+    if (outcome != NotificationHandover::Outcome::NothingToSend) return true;
     _queue.pop_front();
   }
   return false;
 }
 
 void SnmpAdaptorRunnable::clearQueuedAlarms() {
+  if (!_queue.empty()) VELA_LOG(Vela::LogWarning, "%zu queued notifications are dropped", _queue.size());
   _queue.clear();
-  _handover->clear();
+}
+
+void SnmpAdaptorRunnable::clearHandover() {
+  const std::size_t dropped = _handover->clear();
+  if (dropped > 0) VELA_LOG(Vela::LogWarning, "%zu notifications that were not acknowledged are dropped", dropped);
 }
 
 // --- The master agent ----------------------------------------------------------------------------------------------

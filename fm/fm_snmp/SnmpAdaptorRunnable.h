@@ -75,9 +75,12 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
   /** While operational, hands at most so many over, oldest first. */
   virtual void sendQueuedAlarms(int count);
   /** Sends the oldest as a probe, once everything older is on its way; it stays queued until the internal listener
-      receives it. False when nothing was sent. What has no form on the wire leaves the queue. */
+      receives it. False when there was nothing to send. What has no form on the wire leaves the queue. */
   virtual bool trySendOneQueuedAlarm();
+  /** Drops what waits for the adaptor to become operational. */
   virtual void clearQueuedAlarms();
+  /** Drops what was handed over and is not on its way. */
+  virtual void clearHandover();
 
   // The master agent.
   /** From now on in this run there is a master agent for the sub-agent to attach to. */

@@ -33,9 +33,9 @@ SnmpConfigHandler::~SnmpConfigHandler() = default;
 
 int SnmpConfigHandler::load(const std::string& fileName) {
   try {
-    Vela::VelaConfiguration configuration;
-    configuration.load(fileName);
-    const std::vector<Poco::XML::Element*> roots = configuration.findElements(RootElement);
+    _document = std::make_unique<Vela::VelaConfiguration>();
+    _document->load(fileName);
+    const std::vector<Poco::XML::Element*> roots = _document->findElements(RootElement);
     if (roots.size() != 1) {
       VELA_LOG(Vela::LogError, "%s",
                roots.empty() ? "No VelaFmSnmp configuration found" : "More VelaFmSnmp configuration found");
@@ -48,6 +48,8 @@ int SnmpConfigHandler::load(const std::string& fileName) {
     return -1;
   }
 }
+
+void SnmpConfigHandler::unload() { _document.reset(); }
 
 SnmpConfigHandler::Settings SnmpConfigHandler::loadSettings(const Poco::XML::Element& root) const {
   using Vela::VelaConfiguration;

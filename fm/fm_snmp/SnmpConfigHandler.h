@@ -11,6 +11,10 @@ namespace Poco::XML {
 class Element;
 }
 
+namespace Vela {
+class VelaConfiguration;
+}
+
 namespace VelaFmSnmp {
 
 class SnmpTarnWrapper;
@@ -29,6 +33,8 @@ class SnmpConfigHandler {
   /** Reads the file; what it does not say is at its default. 0, or -1 after a log line (unreadable, not exactly one
       "VelaFmSnmp", a value of a wrong type): the settings are as they were then. */
   int load(const std::string& fileName);
+  /** Releases the file's document; the settings stay. */
+  void unload();
 
   unsigned long long getPollInterval() const { return _settings.pollIntervalSeconds * 1000; } /**< milliseconds */
   bool isInternalTrapListenerEnabled() const { return _settings.useInternalTrapListener; }
@@ -76,6 +82,7 @@ class SnmpConfigHandler {
   void loadTlsContainer(const Poco::XML::Element& root, Settings& settings) const;
   std::vector<std::string> loadFingerprints(const Poco::XML::Element& tls, const char* container) const;
 
+  std::unique_ptr<Vela::VelaConfiguration> _document;
   Settings _settings;
   std::unique_ptr<SnmpTarnWrapper> _tarnWrapper;
 };

@@ -90,21 +90,18 @@ void SnmpMaConfigurator::clear() {
   _faultyViews.clear();
   _rows.clear();
   _operational.clear();
-  _refused.clear();
 }
 
 void SnmpMaConfigurator::reconfigure(SnmpMaSession& session, const SnmpConfig& config) {
   const SnmpConfig next = config;  // which may be the current one
-  _refusal = nullptr;
   _isReversedPort.reset();
   _resolver.forget();
   try {
     VELA_TRACE("securityEngineID: 0x%s", SnmpUtil::toHex(session.securityEngineID()).c_str());
     VELA_TRACE("contextEngineID: 0x%s", SnmpUtil::toHex(session.contextEngineID()).c_str());
     const int boots = getEngineBoots(session);
-    // Another run of the agent has none of the rows, whether its restart was noticed or not.
     const bool isRestarted = boots != _engineBoots;
-    if (isRestarted) forgetRows();
+    if (isRestarted) _unresolvedSessions.clear();
     _knowsRows = _configured || isRestarted;
     const bool force = !_configured || isRestarted;
     _engineBoots = boots;
@@ -112,19 +109,11 @@ void SnmpMaConfigurator::reconfigure(SnmpMaSession& session, const SnmpConfig& c
     reconfigureViews(session, next, force);
     reconfigureTrustCategory(session, force);
     reconfigureTargets(session, next, force);
-    if (_refusal) std::rethrow_exception(_refusal);
   } catch (...) {
     finish(next, false);
     throw;
   }
   finish(next, true);
-}
-
-void SnmpMaConfigurator::forgetRows() {
-  _views.clear();
-  _access.clear();
-  _rows.clear();
-  _unresolvedSessions.clear();
 }
 
 void SnmpMaConfigurator::finish(const SnmpConfig& config, bool isConfigured) {
@@ -134,20 +123,9 @@ void SnmpMaConfigurator::finish(const SnmpConfig& config, bool isConfigured) {
   setOperationalStates();
 }
 
-void SnmpMaConfigurator::attempt(const std::string& object, const std::function<void()>& requests) {
-  try {
-    requests();
-    _refused.erase(object);
-  } catch (const SnmpSessionException& ex) {
-    if (!ex.isRefusal()) throw;
-    const bool isFirst = _refused.insert(object).second;
-    if (isFirst && !_refusal) _refusal = std::current_exception();
-    throw ConfigurationFault("%s", ex.what());
-  }
-}
-
 void SnmpMaConfigurator::reconfigureViews(SnmpMaSession& session, const SnmpConfig& config, bool force) {
   const ConfigurationDiff diff = calcDiffViews(_writtenViews, config.getViews(), force);
+  _views.setUnknown(!_knowsRows);
   std::set<ViewOwner> owners;
   owners.swap(_faultyViews);
   const std::set<ViewOwner> faulty = owners;
@@ -157,7 +135,7 @@ void SnmpMaConfigurator::reconfigureViews(SnmpMaSession& session, const SnmpConf
   insertOwners(config.getViews(), diff.added, owners);
   if (force) {
     owners.insert(_views.getOwners().begin(), _views.getOwners().end());
-    _views.writeDefaultViews(session, !_knowsRows);
+    _views.writeDefaultViews(session);
   }
   if (owners.empty()) return;
 
@@ -169,10 +147,10 @@ void SnmpMaConfigurator::reconfigureViews(SnmpMaSession& session, const SnmpConf
   }
   for (const ViewOwner& owner : owners) {
     try {
-      attempt("view " + owner.first,
-              [&] { _views.configureOwner(session, owner, objects[owner], !_knowsRows || faulty.count(owner) != 0); });
+      _views.configureOwner(session, owner, objects[owner], force || faulty.count(owner) != 0);
     } catch (const ConfigurationFault& fault) {
-      VELA_LOG(Vela::LogError, "Failed to configure the views of %s: %s", owner.first.c_str(), fault.what());
+      for (const SnmpBaseView* view : objects[owner])
+        VELA_LOG(Vela::LogError, "Failed to configure snmp view %s: %s", view->name.c_str(), fault.what());
       _faultyViews.insert(owner);
     }
   }
@@ -256,7 +234,7 @@ void SnmpMaConfigurator::createUsers(SnmpMaSession& session, const std::map<std:
   for (const auto& [userName, user] : users) {
     if (!force && _users.isWritten(user)) continue;
     try {
-      attempt("user " + userName, [&, &wanted = user] { _users.usmCreateUser(session, wanted); });
+      _users.usmCreateUser(session, user);
     } catch (const ConfigurationFault& fault) {
       failed.emplace(userName, fault.what());
     }
@@ -272,7 +250,7 @@ void SnmpMaConfigurator::deleteUnusedUsers(SnmpMaSession& session, const std::ma
   for (const std::string& name : _users.getWrittenNames()) {
     if (users.count(name) != 0) continue;
     try {
-      attempt("user " + name, [&] { _users.usmDeleteUser(session, name); });
+      _users.usmDeleteUser(session, name);
     } catch (const ConfigurationFault& fault) {
       VELA_LOG(Vela::LogError, "Failed to delete USM user %s: %s", name.c_str(), fault.what());
     }
@@ -300,25 +278,22 @@ std::set<std::string> SnmpMaConfigurator::configureEffectiveAccess(SnmpMaSession
     if (plans.count(key) != 0) continue;
     const auto owner = former.find(key);
     try {
-      attempt("access " + key.securityName, [&] {
-        if (owner != former.end())
-          _access.configureAccess(session, *owner->second, AccessViews(), false);
-        else
-          _access.removeAccess(session, key);
-      });
+      if (owner != former.end())
+        _access.configureAccess(session, *owner->second, AccessViews(), false);
+      else
+        _access.removeAccess(session, key);
     } catch (const ConfigurationFault& fault) {
-      const std::string& concerned = owner != former.end() ? owner->second->name : key.securityName;
-      VELA_LOG(Vela::LogError, "Failed to configure snmp access for %s: %s", concerned.c_str(), fault.what());
+      const char* concerned = owner != former.end() ? owner->second->name.c_str() : "a former target";
+      VELA_LOG(Vela::LogError, "Failed to configure snmp access for %s: %s", concerned, fault.what());
     }
   }
   std::set<std::string> failed;
-  _access.setKnown(_knowsRows);
   for (const auto& [key, plan] : plans) {
     const SnmpBaseTarget& target = *plan.targets.front();
     const AccessViews views = _views.getAccessViews(ViewConfigurator::ownerOf(target), plan.isWritable);
     if (!force && _access.isWritten(key, views)) continue;
     try {
-      attempt("access " + key.securityName, [&] { _access.configureAccess(session, target, views, true); });
+      _access.configureAccess(session, target, views, true);
     } catch (const ConfigurationFault& fault) {
       for (const SnmpBaseTarget* concerned : plan.targets) {
         VELA_LOG(Vela::LogError, "Failed to configure snmp access for %s: %s", concerned->name.c_str(), fault.what());
@@ -333,7 +308,7 @@ void SnmpMaConfigurator::removeTarget(SnmpMaSession& session, const std::string&
   const Poco::AutoPtr<SnmpBaseTarget> target = _writtenTargets.at(name);
   updateTargetOperationalState(name, false);
   try {
-    attempt("target " + name, [&] { configureTrapTarget(session, *target, false); });
+    configureTrapTarget(session, *target, false);
   } catch (const ConfigurationFault& fault) {
     VELA_LOG(Vela::LogError, "Failed to configure snmp target %s: %s", name.c_str(), fault.what());
   }
@@ -349,7 +324,7 @@ void SnmpMaConfigurator::applyTarget(SnmpMaSession& session, const Poco::AutoPtr
   try {
     const auto fault = faults.find(name);
     const bool add = isConfigurable(*target) && fault == faults.end();
-    attempt("target " + name, [&] { configureTrapTarget(session, *target, add); });
+    configureTrapTarget(session, *target, add);
     if (fault != faults.end()) throw ConfigurationFault("%s", fault->second.c_str());
     updateTargetOperationalState(name, add);
   } catch (const ConfigurationFault& fault) {
@@ -454,7 +429,7 @@ bool SnmpMaConfigurator::isReversedIpv6Port() {
       _isReversedPort = !isAnswered || isReversed;
     } catch (const Vela::VelaException& ex) {
       VELA_LOG(Vela::LogError, "exception while checking ipv6PortReverseByteOrder support: %s", ex.what());
-      _isReversedPort = false;
+      _isReversedPort = true;
     }
   }
   return *_isReversedPort;

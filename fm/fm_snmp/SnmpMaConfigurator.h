@@ -2,8 +2,6 @@
 #define VELA_FM_SNMP_MA_CONFIGURATOR_H
 
 #include <atomic>
-#include <exception>
-#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -30,9 +28,8 @@ class SnmpMaSession;
  * SETs, and remembers what it wrote, so that a changed configuration costs the requests of what changed.
  *
  * A fault in one target is logged, leaves that target not operational and concerns no other one. A failure of the
- * session (SnmpSessionException, Vela::VelaException) leaves reconfigure, and the next reconfigure writes everything
- * anew. Rows that the agent refuses as inconsistent fail a reconfigure too, after all others have been written; when it
- * refuses them once more, they are a fault of their target.
+ * session (SnmpSessionException, Vela::VelaException; a row that the agent refuses as inconsistent is one, too) leaves
+ * reconfigure at once, and the next reconfigure deletes and writes everything anew.
  *
  * The adaptor thread only, except checkEngineBootCount.
  */
@@ -124,13 +121,8 @@ class SnmpMaConfigurator {
   void deleteRows(SnmpMaSession& session, const std::string& rowName, bool hasTlsRows);
   bool isReversedIpv6Port();
 
-  /** Runs the requests of one object. A refusal becomes a ConfigurationFault; the object's first one is kept for the
-   * end of the pass, too. */
-  void attempt(const std::string& object, const std::function<void()>& requests);
   void updateTargetOperationalState(const std::string& name, bool isOperational);
   void finish(const SnmpConfig& config, bool isConfigured);
-  /** The master agent was started anew: none of the rows stand in it any more. */
-  void forgetRows();
 
   SnmpConfigHandler* _handler = nullptr;
   SnmpConfig _current;
@@ -151,8 +143,6 @@ class SnmpMaConfigurator {
   std::set<ViewOwner> _faultyViews;
   std::map<std::string, bool> _rows;   /**< row names that may stand in the master agent; whether TLSTM rows, too */
   std::set<std::string> _operational;  /**< names of the targets established as operational */
-  std::set<std::string> _refused;      /**< objects whose rows the agent refused */
-  std::exception_ptr _refusal;         /**< the first refusal of this pass */
   std::optional<bool> _isReversedPort; /**< the tool's answer, in this pass */
   std::set<std::string> _unresolvedSessions; /**< targets of the agent's own sessions whose names had no address */
   bool _isRestartWanted = false;

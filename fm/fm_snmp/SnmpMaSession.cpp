@@ -135,9 +135,9 @@ bool checkResponse(const std::string& requestName, const snmp_pdu& response) {
   if (response.errstat == SNMP_ERR_NOERROR) return true;
   const char* reason = snmp_errstring(static_cast<int>(response.errstat));
   VELA_LOG(Vela::LogError, "Request %s failed. Reason: %s", requestName.c_str(), reason);
-  if (response.errindex != 0) logFailedObject(response);
   if (response.errstat == SNMP_ERR_INCONSISTENTVALUE)
-    throw SnmpSessionException("Request " + requestName + " failed. Reason: " + reason, true);
+    throw SnmpSessionException("Request " + requestName + " failed. Reason: " + reason);
+  if (response.errindex != 0) logFailedObject(response);
   return false;
 }
 
@@ -227,7 +227,8 @@ bool SnmpMaSession::isOpen() const {
 std::string SnmpMaSession::getPeername() const {
   Lock lock(_mutex);
   const netsnmp_session* session = sessionOf(_handle);
-  return session && session->peername ? session->peername : "";
+  const std::string peer = session && session->peername ? session->peername : "";
+  return peer.substr(0, peer.rfind(':'));
 }
 
 int SnmpMaSession::getRemotePort() const {

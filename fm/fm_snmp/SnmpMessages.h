@@ -1,6 +1,7 @@
 #ifndef VELA_FM_SNMP_SNMP_MESSAGES_H
 #define VELA_FM_SNMP_SNMP_MESSAGES_H
 
+#include "DaxOamSpiCmEvent.h"
 #include "PipeMessage.h"
 #include "SnmpAlarm.h"
 #include "SnmpHeartbeat.h"
@@ -32,7 +33,7 @@ class SnmpStateChangeMessage : public Vela::PipeMessage {
 /** The configuration changed; what changed is read from the model, not from here. */
 class CmEventMessage : public Vela::PipeMessage {
  public:
-  CmEventMessage() : PipeMessage(SnmpMessageCmEvent) {}
+  explicit CmEventMessage(const DaxOamSpiCmEvent_Notification_1T& /*notification*/) : PipeMessage(SnmpMessageCmEvent) {}
 };
 
 /** An alarm or alert. */

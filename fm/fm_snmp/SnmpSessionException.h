@@ -10,15 +10,7 @@ namespace VelaFmSnmp {
 /** The session to the master agent failed: not opened, no answer, or a row that the agent refuses to create. */
 class SnmpSessionException : public Vela::VelaException {
  public:
-  explicit SnmpSessionException(const std::string& message, bool isRefusal = false) : _isRefusal(isRefusal) {
-    setReason(message);
-  }
-
-  /** The agent answered, and refused the row; else it could not be reached. */
-  bool isRefusal() const { return _isRefusal; }
-
- private:
-  bool _isRefusal;
+  explicit SnmpSessionException(const std::string& message) { setReason(message); }
 };
 
 }  // namespace VelaFmSnmp

@@ -456,6 +456,7 @@ FmStateIdleDisabled::FmStateIdleDisabled(SnmpAdaptorRunnable& owner) {
   }
   guardedEntry(State, [&] { owner.onReconfigFail(); });
   owner.clearQueuedAlarms();
+  owner.clearHandover();
   guardedEntry(State, [&] { owner.stopMasterAgent(); });
   FmStateIdleError::numReconfigAttempts = 0;
 }
@@ -517,19 +518,24 @@ void FmStateIdleEnabled::run() {
   while (!checkIfSocketClosed(_pollInterval)) {
     try {
       if (getOwner().getConfigurator().checkEngineBootCount(*session)) {
-        getOwner().emitEvent(SnmpEventBootCountMismatch);
+        report(SnmpEventBootCountMismatch);
         return;
       }
       hasFailed = false;
     } catch (const Vela::VelaException& ex) {
       if (hasFailed) {
         VELA_LOG(Vela::LogWarning, "Exception thrown :%s (probably no contact to the master agent)", ex.what());
-        getOwner().emitEvent(SnmpEventNoContact);
+        report(SnmpEventNoContact);
         return;
       }
       hasFailed = true;
     }
   }
+}
+
+void FmStateIdleEnabled::report(SnmpEvent event) const {
+  // Once the state is left, the event would concern a master agent that is being configured anew already.
+  if (!checkIfSocketClosed(0)) getOwner().emitEvent(event);
 }
 
 bool FmStateIdleEnabled::createSession(SnmpMaSession& session) const {
@@ -540,7 +546,7 @@ bool FmStateIdleEnabled::createSession(SnmpMaSession& session) const {
     } catch (const Vela::VelaException& ex) {
       if (attempt == SupervisionSessionAttempts) {
         VELA_LOG(Vela::LogError, "Failed to create snmp session: %s", ex.what());
-        getOwner().emitEvent(SnmpEventNoContact);
+        report(SnmpEventNoContact);
         return false;
       }
     }

@@ -152,6 +152,7 @@ class FmStateIdleEnabled : public FmState, public FmStateThread {
 
  private:
   bool createSession(SnmpMaSession& session) const;
+  void report(SnmpEvent event) const;
   /** Waits so many milliseconds; true when the thread shall end. */
   bool checkIfSocketClosed(unsigned long long timeoutMs) const;
 

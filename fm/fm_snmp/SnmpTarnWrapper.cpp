@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <set>
 
 #include "AgentAddresses.h"
 #include "HexMask.h"
@@ -86,7 +87,9 @@ std::string communityLines(const SnmpConfig& config) {
   if (config.enableSourceCheckForV1V2C) {
     for (const auto& [community, source] : config.getV1V2communitiesAndAddrWithPrefixLength()) add(community, source);
   } else {
-    for (const std::string& community : config.getV1AndV2communities()) add(community, "default");
+    const std::vector<std::string> communities = config.getV1AndV2communities();
+    for (const std::string& community : std::set<std::string>(communities.begin(), communities.end()))
+      add(community, "default");
   }
   return lines;
 }
@@ -113,9 +116,14 @@ std::string engineIdArgument(const std::string& engineId) {
   const bool hasPrefix = engineId.compare(0, 2, "0x") == 0 || engineId.compare(0, 2, "0X") == 0;
   const std::string digits = hasPrefix ? engineId.substr(2) : engineId;
   const bool isHex = std::all_of(digits.begin(), digits.end(), [](unsigned char c) { return std::isxdigit(c) != 0; });
-  if (isHex && digits.size() % 2 == 0 && digits.size() >= minEngineIdDigits && digits.size() <= maxEngineIdDigits)
+  // All zeros and all ones identify nobody (RFC 3411, SnmpEngineID).
+  const bool isNobody =
+      digits.find_first_not_of('0') == std::string::npos || digits.find_first_not_of("fF") == std::string::npos;
+  if (isHex && !isNobody && digits.size() % 2 == 0 && digits.size() >= minEngineIdDigits &&
+      digits.size() <= maxEngineIdDigits)
     return "engineId=0x" + digits;
-  VELA_LOG(Vela::LogError, "The engineId '%s' is not 5 to 32 octets in hexadecimal, not using it", engineId.c_str());
+  VELA_LOG(Vela::LogError, "The engineId '%s' is no engine id of 5 to 32 octets in hexadecimal, not using it",
+           engineId.c_str());
   return "engineId=";
 }
 

@@ -69,14 +69,6 @@ std::string toEndpoint(const std::string& prefix, const std::string& host, std::
   return toWord(prefix + host + ":" + std::to_string(port));
 }
 
-std::string usmEndpoint(const SnmpBaseTarget& target) {
-  Poco::Net::IPAddress parsed;
-  if (AddressResolver::parse(parsed, target.address) && parsed.family() == Poco::Net::IPAddress::IPv6) {
-    return toEndpoint("udp6:", "[" + target.address + "]", target.port);
-  }
-  return toEndpoint("", target.address, target.port);
-}
-
 std::string dtlsEndpoint(const SnmpBaseTarget& target) {
   Poco::Net::IPAddress parsed;
   if (!AddressResolver::parse(parsed, target.address)) {
@@ -127,7 +119,7 @@ std::string usmTrapsess(const SnmpTargetV3Usm& target) {
     if (target.privProtocol == PrivAes) line += "AES";
     line += " -X " + toWord(target.privKey);
   }
-  return line + " " + usmEndpoint(target);
+  return line + " " + toEndpoint("", target.address, target.port);
 }
 
 /**
@@ -284,12 +276,8 @@ bool SnmpConfig::allTargetsOperational() const {
 
 std::vector<std::string> SnmpConfig::getV1AndV2communities() const {
   std::vector<std::string> communities;
-  std::set<std::string> known;
   for (const auto& [name, target] : targets) {
-    const std::string* community = communityOf(*target);
-    if (community != nullptr && !community->empty() && known.insert(*community).second) {
-      communities.push_back(*community);
-    }
+    if (const std::string* community = communityOf(*target)) communities.push_back(*community);
   }
   return communities;
 }

@@ -146,6 +146,12 @@ class StateMachine {
     if (std::find(_events.begin(), _events.end(), event) == _events.end()) _events.push_back(event);
   }
 
+  /** Discards what is pending. Any thread, but not from onEvent. */
+  void discardEvents() {
+    Poco::ScopedLock<Poco::FastMutex> lock(_mutex);
+    _events.clear();
+  }
+
   /** Discards what is pending and posts one event instead. Any thread, but not from onEvent. */
   void replaceEvents(Event event) {
     Poco::ScopedLock<Poco::FastMutex> lock(_mutex);

@@ -27,7 +27,6 @@ constexpr Column usmUserAuthProtocol = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 5};
 constexpr Column usmUserAuthKeyChange = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 6};
 constexpr Column usmUserPrivProtocol = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 8};
 constexpr Column usmUserPrivKeyChange = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 9};
-constexpr Column usmUserStorageType = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 12};
 constexpr Column usmUserStatus = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 13};
 
 constexpr std::size_t maxUserName = 32;
@@ -110,9 +109,12 @@ UsmUser UsmUserConfigurator::userOf(const SnmpTargetV3Usm& target) {
   if (isTemplate(target.user))
     throw ConfigurationFault("can not create v3 trap targets for built-in usm user (%s)!", target.user.c_str());
   UsmUser user{target.user, AuthNone, PrivNone, std::string(), std::string()};
-  if (target.snmpSecurityLevel == LevelNoAuthNoPriv) return user;
+  if (target.snmpSecurityLevel < LevelNoAuthNoPriv || target.snmpSecurityLevel > LevelAuthPriv)
+    throw ConfigurationFault("Unknown securityLevel :%d", target.snmpSecurityLevel);
   requireProtocols(target);
   switch (target.snmpSecurityLevel) {
+    case LevelNoAuthNoPriv:
+      return user;
     case LevelAuthNoPriv:
       if (target.authProtocol == AuthNone)
         throw ConfigurationFault("SNMP_SEC_LEVEL_AUTHNOPRIV selected, but no AuthProtocol specified");
@@ -125,7 +127,7 @@ UsmUser UsmUserConfigurator::userOf(const SnmpTargetV3Usm& target) {
       user.privKey = target.privKey;
       break;
     default:
-      throw ConfigurationFault("Unknown securityLevel :%d", target.snmpSecurityLevel);
+      break;
   }
   requirePassPhrase(target.authKey, "New");
   user.authProtocol = target.authProtocol;
@@ -191,7 +193,6 @@ void UsmUserConfigurator::usmCloneUser(SnmpMaSession& session, const std::string
   pdu.addVarbind(row(usmUserStatus, engineId, userName), RowCreateAndWait);
   // The source is named by the row pointer of its first accessible column, which is the security name.
   pdu.addVarbind(row(usmUserCloneFrom, engineId, userName), row(usmUserSecurityName, engineId, templateName));
-  pdu.addVarbind(row(usmUserStorageType, engineId, userName), StorageVolatile);
   MasterAgentTables::send(session, "usmCloneUser(" + userName + ")", pdu);
 }
 

@@ -22,7 +22,6 @@ using Column = const unsigned long[12];
 // vacmViewTreeFamilyTable (RFC 3415): table entry and column.
 constexpr Column viewMask = {1, 3, 6, 1, 6, 3, 16, 1, 5, 2, 1, 3};
 constexpr Column viewType = {1, 3, 6, 1, 6, 3, 16, 1, 5, 2, 1, 4};
-constexpr Column viewStorageType = {1, 3, 6, 1, 6, 3, 16, 1, 5, 2, 1, 5};
 constexpr Column viewStatus = {1, 3, 6, 1, 6, 3, 16, 1, 5, 2, 1, 6};
 
 /** vacmViewTreeFamilyMask has at most 16 octets. */
@@ -34,8 +33,7 @@ constexpr std::size_t rowsPerRequest = 16;
 
 /** Sends the rows of a view in requests of a bounded size, each behind the spin lock. */
 template <class AddRow>
-void sendRows(SnmpMaSession& session, const std::string& requestName, const std::vector<ViewEntry>& entries,
-              AddRow&& addRow) {
+void sendRows(SnmpMaSession& session, const char* requestName, const std::vector<ViewEntry>& entries, AddRow&& addRow) {
   for (std::size_t first = 0; first < entries.size(); first += rowsPerRequest) {
     SnmpPdu pdu(SNMP_MSG_SET);
     MasterAgentTables::addSpinLock(session, pdu, MasterAgentTables::vacmViewSpinLock);
@@ -92,13 +90,16 @@ void ViewConfigurator::clear() {
   // The catalogue itself stays: it counts the generated names.
   for (const ViewOwner& owner : _owners) _views.deleteView(owner.first, owner.second);
   _owners.clear();
+  _hasDefaultViews = false;
 }
 
-void ViewConfigurator::writeDefaultViews(SnmpMaSession& session, bool force) {
+void ViewConfigurator::writeDefaultViews(SnmpMaSession& session) {
+  const bool mayExist = _hasDefaultViews || _isUnknown;
+  _hasDefaultViews = true;
   for (const SnmpProtocolVersion version : {SnmpProtocolV1, SnmpProtocolV2c, SnmpProtocolV3}) {
     for (const View* view :
          {_views.getReadView(View::defaultView, version), _views.getWriteView(View::defaultView, version)}) {
-      if (force) vacmDeleteView(session, *view);
+      if (mayExist) vacmDeleteView(session, *view);
       vacmCreateView(session, *view);
     }
   }
@@ -151,7 +152,7 @@ void ViewConfigurator::replaceView(SnmpMaSession& session, const View& next, boo
   const bool isPresent = present != _views.getViews().end();
   if (isPresent && !force && present->second->getEntries() == next.getEntries()) return;
   if (isPresent) removeView(session, next.getKeyName());
-  if (force) vacmDeleteView(session, next);
+  if (_isUnknown) vacmDeleteView(session, next);
   _views.createView(next);
   vacmCreateView(session, next);
 }
@@ -164,21 +165,17 @@ void ViewConfigurator::removeView(SnmpMaSession& session, const std::string& key
 }
 
 void ViewConfigurator::vacmCreateView(SnmpMaSession& session, const View& view) {
-  sendRows(session, "vacmCreateView(" + view.getViewName() + ")", view.getEntries(),
-           [&](SnmpPdu& pdu, const ViewEntry& entry) {
-             pdu.addVarbind(SnmpOid::createViewOid(viewMask, view.getViewName(), entry.subtree), entry.mask);
-             pdu.addVarbind(SnmpOid::createViewOid(viewType, view.getViewName(), entry.subtree), entry.type);
-             pdu.addVarbind(SnmpOid::createViewOid(viewStorageType, view.getViewName(), entry.subtree),
-                            StorageVolatile);
-             pdu.addVarbind(SnmpOid::createViewOid(viewStatus, view.getViewName(), entry.subtree), RowCreateAndGo);
-           });
+  sendRows(session, "vacmCreateView", view.getEntries(), [&](SnmpPdu& pdu, const ViewEntry& entry) {
+    pdu.addVarbind(SnmpOid::createViewOid(viewMask, view.getViewName(), entry.subtree), entry.mask);
+    pdu.addVarbind(SnmpOid::createViewOid(viewType, view.getViewName(), entry.subtree), entry.type);
+    pdu.addVarbind(SnmpOid::createViewOid(viewStatus, view.getViewName(), entry.subtree), RowCreateAndGo);
+  });
 }
 
 void ViewConfigurator::vacmDeleteView(SnmpMaSession& session, const View& view) {
-  sendRows(session, "vacmDeleteView(" + view.getViewName() + ")", view.getEntries(),
-           [&](SnmpPdu& pdu, const ViewEntry& entry) {
-             pdu.addVarbind(SnmpOid::createViewOid(viewStatus, view.getViewName(), entry.subtree), RowDestroy);
-           });
+  sendRows(session, "vacmDeleteView", view.getEntries(), [&](SnmpPdu& pdu, const ViewEntry& entry) {
+    pdu.addVarbind(SnmpOid::createViewOid(viewStatus, view.getViewName(), entry.subtree), RowDestroy);
+  });
 }
 
 }  // namespace VelaFmSnmp

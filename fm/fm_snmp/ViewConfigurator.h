@@ -47,9 +47,12 @@ class ViewConfigurator {
   /** The owners whose views may stand in the master agent, the default view's not. */
   const std::set<ViewOwner>& getOwners() const { return _owners; }
 
-  /** Writes the default views; `force`: rows of theirs that may stand in the master agent go before. */
-  void writeDefaultViews(SnmpMaSession& session, bool force);
-  /** Makes an owner's views those of the view objects (none: removes them); `force`: whatever was written before. */
+  /** Whether rows that were not written from here may stand in the master agent; they are deleted before others. */
+  void setUnknown(bool isUnknown) { _isUnknown = isUnknown; }
+  /** Writes the default views. */
+  void writeDefaultViews(SnmpMaSession& session);
+  /** Makes an owner's views those of the view objects (none: removes them); `force`: though they stand there already.
+   */
   void configureOwner(SnmpMaSession& session, const ViewOwner& owner, const ViewObjects& objects, bool force);
 
   /** An owner's own views, else the default ones, of which the one for writing only if asked for. */
@@ -65,6 +68,8 @@ class ViewConfigurator {
 
   Views _views;
   std::set<ViewOwner> _owners;
+  bool _hasDefaultViews = false; /**< the default views may stand in the master agent */
+  bool _isUnknown = false;
   std::map<std::string, std::string> _generatedNames; /**< view name by key, made once and kept */
 };
 

@@ -72,9 +72,7 @@ std::vector<MoAttributeDef> informTarget(const char* defaultPort, std::vector<Mo
   return all;
 }
 
-std::vector<MoAttributeDef> view(const char* subjects) {
-  return {text("name"), texts(subjects), texts("readOids"), texts("writeOids")};
-}
+std::vector<MoAttributeDef> view() { return {text("name"), texts("community"), texts("readOids"), texts("writeOids")}; }
 
 const MoAttributeDef Community = text("community");
 const MoAttributeDef PrefixLength = scalar("networkPrefixLength", VELA_MO_INT16, "-1");
@@ -109,9 +107,9 @@ const ClassRow Rows[] = {
                           enumeration("authProtocol", AuthProtocols, "SHA"), credential("authKey"),
                           enumeration("privProtocol", PrivProtocols, "AES"), credential("privKey")})},
     {"SnmpTargetV3Dtls", "Snmp", informTarget("10162", {text("user")})},
-    {"SnmpViewV1", "Snmp", view("community")},
-    {"SnmpViewV2C", "Snmp", view("community")},
-    {"SnmpViewV3", "Snmp", view("user")},
+    {"SnmpViewV1", "Snmp", view()},
+    {"SnmpViewV2C", "Snmp", view()},
+    {"SnmpViewV3", "Snmp", view()},
     {"OamAccessPoint", "SysM", {scalar("accessPoint", VELA_MO_REFERENCE)}},
     {"SecM", "SystemFunctions", {}},
     {"Tls", "SecM", {text("cipherFilter"), text("nodeCredential"), texts("trustCategory")}},

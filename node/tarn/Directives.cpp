@@ -8,6 +8,7 @@
 #include <charconv>
 #include <initializer_list>
 #include <iterator>
+#include <map>
 #include <optional>
 #include <sstream>
 #include <string_view>
@@ -21,7 +22,7 @@ namespace {
 
 constexpr std::string_view Transports[] = {"udp", "udp6", "dtlsudp", "dtlsudp6"};
 constexpr std::string_view SecurityNamePrefix = "Vela_";
-constexpr size_t MaxSecurityName = 32;   // SnmpAdminString of the VACM tables
+constexpr size_t MaxSecurityName = 32;   // SnmpAdminString of the VACM and USM tables
 constexpr size_t MaxSystemName = 255;    // DisplayString of sysName
 constexpr size_t MinEngineIdOctets = 5;  // RFC 3411, SnmpEngineID
 constexpr size_t MaxEngineIdOctets = 32;
@@ -183,6 +184,7 @@ void checkTrapSessionValue(std::string_view option, std::string& value) {
   const auto refuse = [&] { throw Failure("option " + std::string(option) + " has no usable value"); };
   if (value.empty() || value.size() > MaxTrapSessionWord) refuse();
   if (option == "-v" && value != "3") refuse();
+  if (option == "-u" && value.size() > MaxSecurityName) refuse();
   if (option == "-l" && !isOneOf(value, {"noAuthNoPriv", "authNoPriv", "authPriv"})) refuse();
   if (option == "-a" && !isOneOf(value, {"MD5", "SHA"})) refuse();
   if (option == "-x" && !isOneOf(value, {"DES", "AES"})) refuse();
@@ -192,6 +194,16 @@ void checkTrapSessionValue(std::string_view option, std::string& value) {
     // The agent drops the rest of a line whose time-out is zero.
     if (option == "-t" && toNumber<unsigned>(value) == 0U) value = "1";
   }
+}
+
+/** What a level lacks, the agent would complain of at every notification, or do without. */
+void checkTrapSessionSecurity(const std::map<std::string, std::string>& given) {
+  if (given.count("-T") != 0) return;  // the keys are in a certificate
+  const auto level = given.find("-l");
+  const bool needsPriv = level != given.end() && level->second == "authPriv";
+  const bool needsAuth = needsPriv || (level != given.end() && level->second == "authNoPriv");
+  if (needsAuth != (given.count("-A") != 0) || (needsPriv && given.count("-X") == 0))
+    throw Failure("the security level and the pass phrases do not fit together");
 }
 
 /**
@@ -204,6 +216,7 @@ std::string renderTrapSession(const std::string& line) {
   const auto word = [&](size_t i) { return line.substr(list[i].begin, list[i].end - list[i].begin); };
   if (list.size() < 3 || word(0) != "trapsess" || word(1) != "-Ci") throw Failure("no trapsess line of an inform");
   std::string directive = "trapsess -Ci";
+  std::map<std::string, std::string> given;
   const size_t addressAt = list.size() - 1;
   size_t at = 2;
   while (at < addressAt) {
@@ -215,8 +228,10 @@ std::string renderTrapSession(const std::string& line) {
     std::string value =
         unquoted(line.substr(list[valueAt - 1].end + 1, list[at].begin - 1 - (list[valueAt - 1].end + 1)));
     checkTrapSessionValue(option, value);
+    given[option] = value;
     directive += " " + option + " " + asWord(value);
   }
+  checkTrapSessionSecurity(given);
   const std::string address = word(addressAt);
   if (std::any_of(address.begin(), address.end(), [](unsigned char c) {
         return std::isalnum(c) == 0 && std::string_view(".-_:[]%").find(static_cast<char>(c)) == std::string_view::npos;

@@ -72,6 +72,16 @@ def scenes(folder, nodes, receivers):
     return make
 
 
+@pytest.fixture
+def name_server(folder):
+    try:
+        server = faults.NameServer(folder)
+    except PermissionError as error:
+        pytest.skip(str(error))
+    yield server
+    server.close()
+
+
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
     outcome = yield

@@ -9,6 +9,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import threading
 import time
 
 from vela import BIN, BUILD, MIB_ROOT, eventually
@@ -17,6 +18,11 @@ FAILS = "echo 'no space left on device' >&2; exit 1"
 HANGS = 'echo $$ >"$here/hanging"; exec sleep 150'
 BABBLES = "head -c 4000 /dev/urandom; exit 0"
 CRASHES = "kill -SEGV $$"
+
+# The attributes of a target whose informs the agent sends by a session of its own.
+USER = dict(user="boss", authProtocol="SHA", privProtocol="AES", snmpSecurityLevel="AUTH_PRIV", transportMethod="INFORM",
+            authKey="<cleartext>true</cleartext><password>auth pass phrase</password>",
+            privKey="<cleartext>true</cleartext><password>priv pass phrase</password>")
 
 
 def fails_times(count, counter):
@@ -173,18 +179,40 @@ def held_port(port):
         yield
 
 
-@contextlib.contextmanager
-def mute_name_server(folder):
-    """A name server that never answers; yields the beginning of a command line for who shall ask it, or None where that
-    takes privileges that are not there."""
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as server:
+class NameServer:
+    """A name server of one's own, which does not answer before it is told to; then every name has address 127.0.0.1."""
+
+    def __init__(self, folder):
+        self.is_answering = False
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         address = f"127.0.0.{os.getpid() % 200 + 53}"
         configuration = folder / "resolv.conf"
         configuration.write_text(f"nameserver {address}\n")
-        command = ["unshare", "-m", "sh", "-c", f'mount --bind {configuration} /etc/resolv.conf && exec "$@"', "sh"]
-        is_possible = _binds(server, 53, address) and subprocess.run([*command, "true"], capture_output=True,
-                                                                     check=False).returncode == 0
-        yield command if is_possible else None
+        self.within = ["unshare", "-m", "sh", "-c", f'mount --bind {configuration} /etc/resolv.conf && exec "$@"', "sh"]
+        if not _binds(self.socket, 53, address) or subprocess.run([*self.within, "true"], capture_output=True,
+                                                                  check=False).returncode != 0:
+            raise PermissionError("a name server of one's own takes the privilege to mount")
+        threading.Thread(target=self._run, daemon=True).start()
+
+    def _run(self):
+        while True:
+            try:
+                query, sender = self.socket.recvfrom(512)
+            except OSError:
+                return
+            if not query:
+                return
+            if self.is_answering:
+                question = query[12:query.index(0, 12) + 5]
+                has_answer = question[-4:-2] == b"\0\1"  # for an IPv4 address
+                record = b"\xc0\x0c\0\1\0\1\0\0\0\1\0\4\x7f\0\0\1" if has_answer else b""
+                self.socket.sendto(query[:2] + b"\x81\x80\0\1" + bytes([0, has_answer]) + bytes(4) + question + record,
+                                   sender)
+
+    def close(self):
+        with contextlib.suppress(OSError):
+            self.socket.shutdown(socket.SHUT_RDWR)
+        self.socket.close()
 
 
 def _binds(holder, port, address="127.0.0.1"):

@@ -36,8 +36,7 @@ def user_target(name, level="AUTH_PRIV", **attributes):
 
 
 def view(cls, name, subjects, read=(), write=()):
-    subject = "user" if cls == "SnmpViewV3" else "community"
-    entries = [(subject, text) for text in subjects] + [("readOids", text) for text in read]
+    entries = [("community", text) for text in subjects] + [("readOids", text) for text in read]
     entries += [("writeOids", text) for text in write]
     return f'<{cls} id="{name}">' + "".join(f"<{key}>{text}</{key}>" for key, text in entries) + f"</{cls}>"
 

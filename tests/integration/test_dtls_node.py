@@ -136,21 +136,78 @@ def test_a_node_that_is_reached_over_dtls_only(nodes, make_receiver, make_manage
     assert reads(make_manager(peer, own), dtls_port) == ["warm-up"]
 
 
-@pytest.mark.parametrize("how, text", [
-    ("unknown", "there is no certificate"), ("expired", "has expired on"), ("malformed", "no fingerprint"),
-    ("cipher", "cipher filter")])
-def test_a_credential_that_cannot_be_used_disables_dtls_targets_only(nodes, receivers, credentials, how, text):
-    own, peer = credentials("own", days=-1 if how == "expired" else 30), credentials("peer")
-    plain = receivers()
-    own.fingerprint = {"unknown": "ab" * 20, "malformed": "certificate"}.get(how, own.fingerprint)
-    node = nodes(dtls_target("peer", free_port()) + target_xml("SnmpTargetV2C", "nms", plain.port, community="public"),
-                 snmp=dtls_address(free_port()),
-                 tls=tls(own, peer) + ("<cipherFilter>NOSUCHCIPHER</cipherFilter>" if how == "cipher" else ""))
+# The attribute of the model that is wrong, and what is said of it.
+FAULTY = {
+    "unknown": ({"nodeCredential": "ab" * 20}, "there is no certificate"),
+    "38 digits": ({"nodeCredential": "ab" * 19}, "Failed to parse fingerprint"),
+    "42 digits": ({"nodeCredential": "ab" * 21}, "Failed to parse fingerprint"),
+    "malformed": ({"nodeCredential": "certificate"}, "The nodeCredential 'certificate' is no fingerprint"),
+    "cipher": ({"cipherFilter": "NOSUCHCIPHER", "nodeCredential": "own"}, "cipher filter"),
+    # Names of certificates, with what has become of their files.
+    "expired": ({"nodeCredential": "expired"}, "has expired on"),
+    "garbage": ({"nodeCredential": "garbage"}, "there is no certificate"),
+    "foreign": ({"nodeCredential": "foreign"}, "does not belong to the certificate"),
+    "keyless": ({"nodeCredential": "keyless"}, "there is no private key for the certificate"),
+}
+
+
+def test_a_credential_that_cannot_be_used_disables_dtls_targets_only(nodes, receivers, make_receiver, credentials):
+    names = ("own", "expired", "garbage", "foreign", "keyless")
+    made = {name: credentials(name, days=-1 if name == "expired" else 30) for name in names}
+    peer, plain = credentials("peer"), receivers()
+    secure = make_receiver(peer, made["own"])
+    node = nodes(dtls_target("peer", secure.port) + target_xml("SnmpTargetV2C", "nms", plain.port, community="public"),
+                 snmp=dtls_address(free_port()), tls=tls(made["own"], peer))
+    for credential in made.values():
+        install(node, credential, peer)
+    folder = node.dir / "no-backup/etc/snmp/tls"
+    (folder / "certs/garbage.crt").write_text("-----BEGIN CERTIFICATE-----\nnonsense\n")
+    (folder / "private/foreign.key").write_text(peer.key.read_text())
+    (folder / "private/keyless.key").unlink()
+    node.start()
+    node.reach("PostConfigure")
+
+    def states():
+        return [node.get(f"{SNMP},{target}", "operationalState") for target in ("SnmpTargetV3Dtls=peer",
+                                                                               "SnmpTargetV2C=nms")]
+
+    def logs():
+        return node.log(), (node.dir / "log/snmpd.log").read_text()
+
+    def change(**attributes):
+        name = attributes.get("nodeCredential")
+        node.set(TLS, **{"cipherFilter": "", **attributes, "nodeCredential": made[name].fingerprint if name in made
+                         else name})
+
+    assert states() == ["ENABLED", "ENABLED"]
+    for how, (attributes, text) in FAULTY.items():
+        before = logs()
+        node.passes(lambda: change(**attributes))
+        assert states() == ["DISABLED", "ENABLED"], how
+        said = "".join(log[len(old):] for log, old in zip(logs(), before))
+        assert text in said and "Failed to configure snmp target peer" in said, how
+    node.raise_alarm("to the others")
+    eventually(lambda: "to the others" in plain.problems())
+    assert not secure.problems()
+
+    node.passes(lambda: change(nodeCredential="own"))
+    assert states() == ["ENABLED", "ENABLED"]
+    node.raise_alarm("to all", mo="ManagedElement=1,Port=2")
+    eventually(lambda: "to all" in plain.problems() and "to all" in secure.problems())
+
+
+def test_a_bad_trust_category_is_left_out_alone(nodes, make_receiver, make_manager, credentials):
+    own, peer = credentials("own"), credentials("peer")
+    receiver, dtls_port = make_receiver(peer, own), free_port()
+    bad = "".join(f"<trustCategory>{text}</trustCategory>" for text in ("ab" * 19, "ab" * 21, "category"))
+    node = nodes(dtls_target("peer", receiver.port), snmp=dtls_address(dtls_port),
+                 tls=tls(own) + bad + tls(own, peer).split("</nodeCredential>")[1])
     install(node, own, peer)
     node.start()
-    node.operational()
-    assert plain.wait_for(1)
-    assert node.get(f"{SNMP},SnmpTargetV2C=nms", "operationalState") == "ENABLED"
-    assert node.get(f"{SNMP},SnmpTargetV3Dtls=peer", "operationalState") == "DISABLED"
-    assert "Failed to configure snmp target peer" in node.log()
-    assert text in node.log() + (node.dir / "log/snmpd.log").read_text()
+    node.reach("PostConfigure")
+    for priority in (1, 2, 3):
+        assert f"Failed to configure DTLS TrustCategory prio {priority}: Failed to parse fingerprint" in node.log()
+    assert node.get(f"{SNMP},SnmpTargetV3Dtls=peer", "operationalState") == "ENABLED"
+    node.raise_alarm("trusted")
+    eventually(lambda: "trusted" in receiver.problems())
+    assert reads(make_manager(peer, own), dtls_port) == ["trusted"]

@@ -1,8 +1,6 @@
 """Version 3 targets with users: every combination of level, protocols and transport, and those that cannot work."""
 
-import collections
 import pathlib
-import re
 import threading
 
 import pytest
@@ -11,68 +9,17 @@ from pysnmp.entity import config, engine
 from pysnmp.entity.rfc3413 import ntfrcv
 from pysnmp.proto.api import v2c
 
-from tarn_node import TrapDaemon
-from vela import MIB_ROOT, SNMP, eventually, free_port, target_xml
+from usm import LEVELS, PROBLEM, Daemon, User, await_states, create, dn, engine_id_of
+from vela import eventually, free_port, target_xml
 
-ENGINE_ID = ".1.3.6.1.6.3.10.2.1.1"
 UP_TIME = ".1.3.6.1.2.1.1.3.0"
-PROBLEM = f"{MIB_ROOT}.1.3.5.1.4."
-LEVELS = {"NO_AUTH_NO_PRIV": ("noauth", 1), "AUTH_NO_PRIV": ("auth", 2), "AUTH_PRIV": ("priv", 3)}
 AUTH = {None: config.usmNoAuthProtocol, "MD5": config.usmHMACMD5AuthProtocol, "SHA": config.usmHMACSHAAuthProtocol}
 PRIV = {None: config.usmNoPrivProtocol, "DES": config.usmDESPrivProtocol, "AES": config.usmAesCfb128Protocol}
-
-
-class User(collections.namedtuple("User", "level auth priv method")):
-    @property
-    def name(self):
-        return "-".join(filter(None, (self.auth, self.priv, self.method))).lower()
-
-    # Quotes, blanks and a comment's sign, which the agent's configuration has to carry.
-    @property
-    def auth_phrase(self):
-        return f'auth "{self.name}" # phrase' if self.auth else None
-
-    @property
-    def priv_phrase(self):
-        return f"priv \\ '{self.name}' phrase" if self.priv else None
-
-    def phrases(self):
-        return [phrase for phrase in (self.auth_phrase, self.priv_phrase) if phrase]
-
-    def create_user(self, engine_id):
-        """The line of snmptrapd's configuration: the node is the authority of traps, the receiver that of informs."""
-        quoted = ['"' + phrase.replace("\\", "\\\\").replace('"', '\\"') + '"' for phrase in self.phrases()]
-        words = [word for pair in zip((self.auth, self.priv), quoted) for word in pair]
-        return " ".join(["createUser", *(["-e", f"0x{engine_id}"] if self.method == "TRAP" else []), self.name, *words])
-
 
 USERS = [User(level, auth, priv, method) for method in ("TRAP", "INFORM") for level, auth, priv in [
     ("NO_AUTH_NO_PRIV", None, None), ("AUTH_NO_PRIV", "MD5", None), ("AUTH_NO_PRIV", "SHA", None),
     ("AUTH_PRIV", "MD5", "DES"), ("AUTH_PRIV", "MD5", "AES"), ("AUTH_PRIV", "SHA", "DES"),
     ("AUTH_PRIV", "SHA", "AES")]]
-
-
-class Daemon(TrapDaemon):
-    """snmptrapd, which takes from each user nothing below the user's level."""
-
-    def __init__(self, folder, engine_id, users):
-        super().__init__(folder)
-        lines = ["format2 %P\\t%v\\tend\\n", "disableAuthorization no"]
-        for user in users:
-            lines += [user.create_user(engine_id), f"authUser log {user.name} {LEVELS[user.level][0]}"]
-        (folder / "snmptrapd.conf").write_text("\n".join(lines) + "\n")
-
-    def alarms(self):
-        """(user, kind, {OID: text}) of every alarm's notification."""
-        found = []
-        # A value that is no ASCII text is broken into lines.
-        for record in re.findall(r"^(?:TRAP2|INFORM),.*?(?=\tend$)", (self.folder / "out").read_text(), re.M | re.S):
-            head, *bindings = record.replace("\n", "").split("\t")
-            kind, _, user = head.split(", ")[:3]
-            values = dict(binding.split(" = ", 1) for binding in bindings)
-            if any(oid.startswith(PROBLEM) for oid in values):
-                found.append((user.split()[1], "TRAP" if kind == "TRAP2" else kind, values))
-        return found
 
 
 class Manager:
@@ -149,43 +96,6 @@ def stopping():
         thing.stop()
 
 
-def create(node, folder, name, user, port, /, **changes):
-    """Creates a target as an operator does, with the pass phrases in files."""
-    attributes = {"address": "127.0.0.1", "port": port, "user": user.name, "snmpSecurityLevel": user.level,
-                  "transportMethod": user.method, "informTimeout": 100, "authProtocol": user.auth,
-                  "privProtocol": user.priv, "authKey": user.auth_phrase, "privKey": user.priv_phrase, **changes}
-    words = []
-    for attribute, value in attributes.items():
-        if attribute.endswith("Key") and value:
-            file = folder / f"{name}.{attribute}"
-            file.write_text(value + "\n")
-            value = f"@{file}"
-        if value is not None:
-            words.append(f"{attribute}={value}")
-    node.ctl("mo", "create", dn(name), *words)
-
-
-def dn(name):
-    return f"{SNMP},SnmpTargetV3={name}"
-
-
-def await_states(node, states):
-    """Waits until the targets have the operational states: {name: state}."""
-    remaining = dict(states)
-
-    def reached():
-        for name in [name for name, state in remaining.items() if node.get(dn(name), "operationalState") == state]:
-            del remaining[name]
-        return not remaining
-
-    eventually(reached, 30, f"operational states {remaining}", interval=0.2)
-
-
-def engine_id_of(node):
-    (_, text), = node.walk(ENGINE_ID, user=node.config_user())
-    return text.split(": ", 1)[1].replace(" ", "").lower()
-
-
 def check_secrets(node, secrets):
     """Pass phrases stand in the agent's private files at most."""
     for file in node.dir.rglob("*"):
@@ -244,6 +154,10 @@ BAD = {
                "SNMP_SEC_LEVEL_AUTHNOPRIV selected, but no AuthProtocol specified"),
     "noPriv": ({"privProtocol": "NONE", "privKey": None},
                "SNMP_SEC_LEVEL_AUTHPRIV selected, but no Auth- or PrivProtocol specified"),
+    "level7": ({"snmpSecurityLevel": 7}, "Unknown securityLevel :7"),
+    "auth9": ({"authProtocol": 9}, "unknown authProtocol 9"),
+    "priv9": ({"privProtocol": 9}, "unknown privProtocol 9"),
+    "both9": ({"authProtocol": 9, "privProtocol": 9}, "unknown AuthProtocol or PrivProtocol"),
     **{f"built-in-{name}": ({"user": name}, f"can not create v3 trap targets for built-in usm user ({name})!")
        for name in ("vela_config_user", "vela_templ_SHA_DES", "vela_templ_MD5_AES", "vela_templ_SHA_AES")},
 }
@@ -275,6 +189,8 @@ def test_a_target_that_cannot_work_fails_alone(nodes, folder, stopping, method):
     eventually(lambda: len(daemon.alarms()) >= len(good))
     assert sorted(user for user, *_ in daemon.alarms()) == sorted(user.name for user in good)
     assert {name: node.get(dn(name), "operationalState") for name in BAD} == dict.fromkeys(BAD, "DISABLED")
+    # Not even by a session of the agent's, as whose user or at which level ever.
+    assert "user-" not in (node.dir / "no-backup/etc/snmp/snmpd.conf").read_text()
     assert node.get(dn(good[0].name), "operationalState") == "ENABLED"
 
     # Mended, it is served like the others.

@@ -174,6 +174,7 @@ class Adaptor : public SnmpAdaptorRunnable {
     return isSendable;
   }
   void clearQueuedAlarms() override { journal.add("clear queue"); }
+  void clearHandover() override { journal.add("clear hand-over"); }
   void masterAgentStarted() override { journal.add("master agent started"); }
   void initSubAgentAfterRestart() override {
     journal.add("attach");

