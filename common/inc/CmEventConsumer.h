@@ -19,7 +19,7 @@ class CmEventConsumer : private EventConsumerBase {
   using Handler = void (Owner::*)(const DaxOamSpiCmEvent_Notification_1T& notification);
 
   CmEventConsumer() {
-    assert(_instance == NULL);
+    assert(_instance == NULL);  // NOLINT(modernize-use-nullptr): what the assertion prints is part of the contract
     _instance = this;
   }
   ~CmEventConsumer() {

@@ -62,7 +62,7 @@ class EventConsumer : private EventConsumerBase {
   using Handler = void (Owner::*)(const char* eventType, const void* eventValue);
 
   EventConsumer() {
-    assert(_instance == NULL);
+    assert(_instance == NULL);  // NOLINT(modernize-use-nullptr): what the assertion prints is part of the contract
     _instance = this;
   }
   ~EventConsumer() {

@@ -29,7 +29,7 @@ using Clock = std::chrono::steady_clock;
 /** How long a process group that was told to end may take before it is killed. */
 constexpr std::chrono::milliseconds graceBeforeKill{500};
 /** Output of a command beyond this is read but not kept. */
-constexpr size_t maxOutput = 1024 * 1024;
+constexpr size_t maxOutput = size_t{1024} * 1024;
 
 class Descriptor {
  public:

@@ -132,7 +132,7 @@ AddressResolver::Answer AddressResolver::lookUp(const std::string& host) {
     VELA_LOG(Vela::LogError, "error in getaddrinfo: %s, could not resolve host <%s>", "no answer yet", host.c_str());
     return {{}, "Could not resolve IP host: " + host};
   }
-  const Answer answer = choose(*entry->second);
+  Answer answer = choose(*entry->second);
   _lookUps.erase(entry);
   return answer;
 }

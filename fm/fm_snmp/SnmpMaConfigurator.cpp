@@ -72,10 +72,7 @@ struct SnmpMaConfigurator::TrapRows {
   std::string tlsFingerprint;           /**< empty: no TLSTM rows */
 };
 
-void SnmpMaConfigurator::setCurrentConfig(const SnmpConfig& config) {
-  const SnmpConfig copy = config;  // which may be the current one
-  _current = copy;
-}
+void SnmpMaConfigurator::setCurrentConfig(const SnmpConfig& config) { _current = config; }
 
 void SnmpMaConfigurator::clear() {
   _current = SnmpConfig();

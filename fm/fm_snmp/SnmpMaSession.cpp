@@ -41,7 +41,7 @@ const netsnmp_session* sessionOf(void* handle) { return handle ? snmp_sess_sessi
 std::string libraryError(netsnmp_session* session, int* libErr, int* sysErr) {
   char* text = nullptr;
   ::snmp_error(session, sysErr, libErr, &text);
-  const std::string result = text ? text : "";
+  std::string result = text ? text : "";
   SNMP_FREE(text);
   return result;
 }
@@ -150,7 +150,7 @@ std::unique_ptr<SnmpMaSession> SnmpMaSession::create() {
 
 void SnmpMaSession::setFactory(Factory factory) { sessionFactory() = std::move(factory); }
 
-SnmpMaSession::~SnmpMaSession() {
+SnmpMaSession::~SnmpMaSession() {  // NOLINT(bugprone-exception-escape): a mutex that fails is the end anyway
   // A derived transport is gone here already, so this is the plain close.
   SnmpMaSession::close();
 }

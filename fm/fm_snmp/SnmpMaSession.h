@@ -27,7 +27,7 @@ class SnmpMaSession {
   using Factory = std::function<std::unique_ptr<SnmpMaSession>()>;
 
   SnmpMaSession() = default;
-  virtual ~SnmpMaSession();
+  virtual ~SnmpMaSession();  // NOLINT(bugprone-exception-escape): as at its definition
   SnmpMaSession(const SnmpMaSession&) = delete;
   SnmpMaSession& operator=(const SnmpMaSession&) = delete;
 

@@ -26,8 +26,8 @@ constexpr int queryTimeoutMs = 20000;
 constexpr std::size_t maxToldOctets = 500;
 
 /** Octets of an engine id (RFC 3411, SnmpEngineID), in hexadecimal digits. */
-constexpr std::size_t minEngineIdDigits = 2 * 5;
-constexpr std::size_t maxEngineIdDigits = 2 * 32;
+constexpr std::size_t minEngineIdDigits = std::size_t{2} * 5;
+constexpr std::size_t maxEngineIdDigits = std::size_t{2} * 32;
 constexpr int maxFingerprintOctets = 64;
 
 const char* manageWord(TarnManageOption option) {
@@ -129,7 +129,7 @@ std::string engineIdArgument(const std::string& engineId) {
 
 /** As engineIdArgument: without a usable credential there is no DTLS, but everything else. */
 std::string nodeCredentialArgument(const std::string& fingerprint) {
-  const std::string argument = "dtlsNodeCredential=";
+  std::string argument = "dtlsNodeCredential=";
   unsigned char octets[maxFingerprintOctets];
   int size = 0;
   if (convertHexMask(octets, &size, maxFingerprintOctets, fingerprint.c_str()))
@@ -186,7 +186,7 @@ bool SnmpTarnWrapper::isRunning() const {
 }
 
 std::string SnmpTarnWrapper::getTarnNoBackupDir() const {
-  const std::string directory = runTool({"pso", "no-backup"}, infoTimeoutMs, "query of the no-backup directory");
+  std::string directory = runTool({"pso", "no-backup"}, infoTimeoutMs, "query of the no-backup directory");
   if (!isPlainField(directory) || directory.front() != '/') throw Vela::VelaException("No no-backup directory is told");
   return directory;
 }

@@ -28,14 +28,14 @@ constexpr std::pair<std::string_view, std::string_view> Transports[] = {
 struct Receiver {
   std::string beginning;
   std::pair<std::string_view, std::string_view> transports;
-  std::string host; /**< empty: no name, the line is no trapsess line or has an address */
+  std::string host; /**< empty: there is nothing to look up, the line stands as it is */
   std::string port; /**< with its colon */
 };
 
+/** An address in the agent's notation; of IPv6 that is one in brackets, a bare one gets them by being looked up. */
 bool isAddress(const std::string& host) {
-  in6_addr octets{};
-  return host.front() == '[' || inet_pton(AF_INET, host.c_str(), &octets) == 1 ||
-         inet_pton(AF_INET6, host.c_str(), &octets) == 1;
+  in_addr octets{};
+  return host.front() == '[' || inet_pton(AF_INET, host.c_str(), &octets) == 1;
 }
 
 Receiver parse(const std::string& line) {

@@ -10,7 +10,7 @@ import pytest
 
 from tarn_node import TarnNode, TrapDaemon
 from usm import Daemon, User, await_states, create
-from vela import SNMP, eventually, free_port, target_xml
+from vela import eventually, free_port, target_xml
 
 AUTH_PASS, PRIV_PASS = "auth pass phrase", "priv pass phrase"
 LEVELS = {
@@ -174,10 +174,11 @@ class Wire:
 
     ALARM_OCTETS = 300  # a probe for the receiver's engine id is shorter, and so is a cold start
 
-    def __init__(self, receiver_port):
-        self.port, self.is_cut, self.is_over, self.informs, self.others = free_port(), False, False, [], 0
-        self.front, self.back = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
-        self.front.bind(("127.0.0.1", self.port))
+    def __init__(self, receiver_port, host):
+        family = socket.AF_INET6 if ":" in host else socket.AF_INET
+        self.port, self.is_cut, self.is_over, self.informs, self.others = free_port(family), False, False, [], 0
+        self.front, self.back = (socket.socket(f, socket.SOCK_DGRAM) for f in (family, socket.AF_INET))
+        self.front.bind((host, self.port))
         self.back.connect(("127.0.0.1", receiver_port))
         self.thread = threading.Thread(target=self._run)
         self.thread.start()
@@ -224,17 +225,17 @@ def inform_target(name, port, **attributes):
     return target_xml("SnmpTargetV2C", name, port, community="public", transportMethod="INFORM", **attributes)
 
 
-@pytest.mark.parametrize("factor", [1, 10])
-def test_informs_are_repeated_as_configured(nodes, folder, stopping, factor):
+@pytest.mark.parametrize("factor, host", [(1, "127.0.0.1"), (10, "::1")])
+def test_informs_are_repeated_as_configured(nodes, folder, stopping, factor, host):
     daemon = stopping(receiver_of_all(folder / "receiver"))
-    public, guest, boss = (stopping(Wire(daemon.port)) for _ in range(3))
+    public, guest, boss = (stopping(Wire(daemon.port, host)) for _ in range(3))
     # Tables take hundredths of a second and the workaround's factor; the agent's own sessions take whole seconds.
     distances = {public: [0.1 * factor] * 3, guest: [0.15 * factor] * 2, boss: [1.0] * 2}
-    node = nodes(inform_target("public", public.port, informTimeout=10, informRetryCount=3),
+    node = nodes(inform_target("public", public.port, address=host, informTimeout=10, informRetryCount=3),
                  settings=f"<informTimeout>{str(factor == 10).lower()}</informTimeout>").start()
     node.reach("PostConfigure")
-    create(node, folder, "guest", GUEST, guest.port, informTimeout=15, informRetryCount=2)
-    create(node, folder, "boss", BOSS, boss.port, informTimeout=150, informRetryCount=2)
+    create(node, folder, "guest", GUEST, guest.port, address=host, informTimeout=15, informRetryCount=2)
+    create(node, folder, "boss", BOSS, boss.port, address=host, informTimeout=150, informRetryCount=2)
     await_states(node, {"guest": "ENABLED", "boss": "ENABLED"})
     node.operational()
 

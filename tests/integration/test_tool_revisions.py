@@ -5,7 +5,7 @@ import pytest
 import faults
 from dtls import Credential, DtlsReceiver
 from test_dtls_node import TLS, dtls_address, dtls_target, install, tls
-from usm import Daemon, User, await_states, create, dn, engine_id_of
+from usm import Daemon, User, await_states, create, engine_id_of
 from vela import MIB_ROOT, SNMP, eventually, free_port, target_xml
 
 ENGINE_ID = "80001f888011223344"
@@ -24,8 +24,8 @@ FEATURES = [
     ((1, 6), f"configure setCipherString={CIPHERS}", "tarn spi-revision too old to support setCipherString."),
     ((1, 9), "ipv6PortReverseByteOrder", "tarn spi-revision too old to support isIpv6PortReverseByteOrder"),
     ((1, 10), "isExactEngineIdSupported", "tarn spi-revision to old to support isExactEngineIdSupported"),
-    ((1, 10), f"configure engineId=0x{ENGINE_ID}", "Configuration of engineID not supported. Setting 'engineId' to empty "
-                                                   "value."),
+    ((1, 10), f"configure engineId=0x{ENGINE_ID}",
+     "Configuration of engineID not supported. Setting 'engineId' to empty value."),
     ((1, 10), "configure engineId=", "tarn spi-revision too old to support configuration of engineId."),
 ]
 

@@ -2,7 +2,6 @@
 
 import collections
 import re
-from xml.sax.saxutils import escape
 
 from tarn_node import TrapDaemon
 from vela import MIB_ROOT, SNMP, eventually
@@ -94,9 +93,3 @@ def await_states(node, states):
 def engine_id_of(node):
     (_, text), = node.walk(ENGINE_ID, user=node.config_user())
     return text.split(": ", 1)[1].replace(" ", "").lower()
-
-
-def key_xml(user):
-    """The pass phrases as attributes of a target in a model file."""
-    return {attribute: f"<cleartext>true</cleartext><password>{escape(phrase)}</password>"
-            for attribute, phrase in (("authKey", user.auth_phrase), ("privKey", user.priv_phrase)) if phrase}
