@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Measures a running node: a burst, many active alarms, walks, and idling. Prints one line per measurement.
 
-Usage: VELA_BUILD_DIR=build/release bench/alarms.py [ALARMS]
+Usage: bench/alarms.py [ALARMS]; VELA_BUILD_DIR names the build (default: build/release).
 """
 
 import os
@@ -10,7 +10,9 @@ import sys
 import tempfile
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tests/integration"))
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+os.environ.setdefault("VELA_BUILD_DIR", str(ROOT / "build/release"))
+sys.path.insert(0, str(ROOT / "tests/integration"))
 import vela  # noqa: E402
 
 

@@ -1,20 +1,23 @@
 #!/usr/bin/python3
 """How long the master agent's configuration takes: all of a large model from cold, and one target changed in it.
 
-usage: VELA_BUILD_DIR=DIR bench/configure.py [--targets N] [--views N] [--v3 N]
+usage: bench/configure.py [--targets N] [--views N] [--v3 N]
 
-DIR is the folder of the build. Starts a node of its own with a real snmpd. Prints seconds from the moment the adaptor
+VELA_BUILD_DIR names the build (default: build/release). Starts a node of its own with a real snmpd. Prints seconds from the moment the adaptor
 turns to the agent's tables until they are as the model wants them; ends with 1 when the limits are exceeded.
 """
 
 import argparse
 import datetime
+import os
 import pathlib
 import shutil
 import sys
 import tempfile
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tests/integration"))
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+os.environ.setdefault("VELA_BUILD_DIR", str(ROOT / "build/release"))
+sys.path.insert(0, str(ROOT / "tests/integration"))
 import agent_tables  # noqa: E402
 from vela import SNMP, Node, eventually, free_port, target_xml  # noqa: E402
 

@@ -38,11 +38,10 @@ SnmpOid accessRow(Column& column, const AccessKey& key) {
   return SnmpOid::createAccessOid(column, key.securityName, contextPrefix, key.securityModel, key.securityLevel);
 }
 
-/** Sends one request behind the spin lock. It is named without its community, which is nobody's business in a log. */
+/** Sends one request; these tables have no spin lock. Its name is without the community, which belongs in no log. */
 template <class AddVarbinds>
 void send(SnmpMaSession& session, const char* requestName, AddVarbinds&& addVarbinds) {
   SnmpPdu pdu(SNMP_MSG_SET);
-  MasterAgentTables::addSpinLock(session, pdu, MasterAgentTables::vacmViewSpinLock);
   addVarbinds(pdu);
   MasterAgentTables::send(session, requestName, pdu);
 }

@@ -230,6 +230,9 @@ void AgentXSubAgent::startPings() {
 }
 
 void AgentXSubAgent::ping() {
+  // The library stands still until a ping is answered; acknowledgements that are due tell the same meanwhile.
+  const NotificationCounts counts = getNotificationCounts();
+  if (counts.sent != counts.acknowledged) return;
   if (isAttached() && agentx_send_ping(main_session) != 0) return;
   VELA_LOG(Vela::LogWarning, "The master agent does not answer AgentX pings");
   giveUp();

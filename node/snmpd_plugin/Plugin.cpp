@@ -2,6 +2,7 @@
  * The node's plugin for snmpd (a dlmod): what the stock agent lacks. snmpd has one thread, and everything here runs on
  * it.
  */
+#include "AccessShortcut.h"
 #include "CommunityPrefix.h"
 #include "DtlsTransport.h"
 #include "EngineDiscovery.h"
@@ -15,6 +16,7 @@ extern "C" {
 __attribute__((visibility("default"))) void init_vela_snmpd_plugin(void) {
   SnmpdPlugin::installCommunityPrefix();
   SnmpdPlugin::installRunTimeRows();
+  SnmpdPlugin::installAccessShortcut();
   SnmpdPlugin::EngineDiscovery::install();
   SnmpdPlugin::installTransportSecurity();
   SnmpdPlugin::DtlsTransport::install();

@@ -86,7 +86,10 @@ exec {BIN}/tarn "$@"
     def is_hanging(self):
         """Whether a tool that was made to hang still runs."""
         path = self.folder / "hanging"
-        return path.exists() and pathlib.Path(f"/proc/{path.read_text().strip()}").exists()
+        try:
+            return pathlib.Path(f"/proc/{path.read_text().strip()}/stat").read_text().rsplit(")", 1)[1].split()[0] != "Z"
+        except OSError:
+            return False
 
 
 class Scene:
