@@ -1,3 +1,5 @@
+import contextlib
+import itertools
 import os
 import pathlib
 import shutil
@@ -5,7 +7,9 @@ import tempfile
 
 import pytest
 
+import dtls
 import faults
+import network_namespace
 import vela
 
 
@@ -19,17 +23,46 @@ def folder():
 
 
 @pytest.fixture
+def stopping():
+    """Takes things that are to be stopped at the end."""
+    with contextlib.ExitStack() as ends:
+        yield lambda thing: ends.callback(thing.stop) and thing
+
+
+@pytest.fixture
 def receivers():
     """Makes receivers of v1 and v2c notifications."""
-    made = []
+    with contextlib.ExitStack() as ends:
+        yield lambda **options: ends.enter_context(contextlib.closing(vela.Receiver(**options)))
 
-    def make(**options):
-        made.append(vela.Receiver(**options))
-        return made[-1]
 
-    yield make
-    for receiver in made:
-        receiver.close()
+@pytest.fixture
+def credentials(folder):
+    """Makes certificates and their keys."""
+    return lambda name, **options: dtls.Credential(folder / "made", name, **options)
+
+
+@pytest.fixture
+def make_receiver(folder, stopping):
+    """Makes receivers of notifications over DTLS."""
+    names = map("receiver{}".format, itertools.count())
+
+    def make(credential, node, start=True, **options):
+        receiver = stopping(dtls.DtlsReceiver(folder / next(names), credential, node, **options))
+        return receiver.start() if start else receiver
+
+    return make
+
+
+@pytest.fixture
+def make_manager(folder):
+    """Makes managers that ask over DTLS."""
+    return lambda credential, node: dtls.DtlsManager(folder / f"manager-{credential.name}", credential, node)
+
+
+@pytest.fixture
+def namespace(folder, stopping):
+    return stopping(network_namespace.Namespace(folder))
 
 
 @pytest.fixture

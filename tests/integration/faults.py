@@ -85,10 +85,10 @@ exec {BIN}/tarn "$@"
 
     def is_hanging(self):
         """Whether a tool that was made to hang still runs."""
-        path = self.folder / "hanging"
         try:
-            return pathlib.Path(f"/proc/{path.read_text().strip()}/stat").read_text().rsplit(")", 1)[1].split()[0] != "Z"
-        except OSError:
+            pid = int((self.folder / "hanging").read_text())
+            return pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()[0] != "Z"
+        except (OSError, ValueError):  # none, or not written yet
             return False
 
 

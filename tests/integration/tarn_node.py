@@ -6,7 +6,7 @@ import signal
 import socket
 import subprocess
 
-from vela import BIN, BUILD, TOOL_ENVIRONMENT, eventually, free_port
+from vela import BIN, BUILD, TOOL_ENVIRONMENT, eventually, free_port, listening
 
 PLUGIN = BUILD / "lib" / "vela_snmpd_plugin.so"
 
@@ -14,23 +14,45 @@ ENABLE_AUTHENTICATION_TRAPS = "1.3.6.1.2.1.11.30.0"
 TARGET_ADDR = "1.3.6.1.6.3.12.1.2.1"
 TARGET_PARAMS = "1.3.6.1.6.3.12.1.3.1"
 NOTIFY = "1.3.6.1.6.3.13.1.1.1"
-UDP_DOMAIN = "1.3.6.1.6.1.1"
+UDP_DOMAIN, DTLS_DOMAIN = "1.3.6.1.6.1.1", "1.3.6.1.6.1.9"
 CREATE_AND_GO = 4
 
 
-def _tlv(tag, content):
+def tlv(tag, content):
     return bytes([tag, len(content)]) + content
+
+
+# A GET of sysUpTime.0, without the message around it.
+GET_UPTIME = tlv(0xA0, bytes.fromhex("020101020100020100") + tlv(0x30, tlv(0x30, bytes.fromhex(
+    "06082b060102010103000500"))))
 
 
 def get_request(community):
     """A v2c GET of sysUpTime.0."""
-    varbind = _tlv(0x30, bytes.fromhex("06082b060102010103000500"))
-    pdu = _tlv(0xA0, bytes.fromhex("020101020100020100") + _tlv(0x30, varbind))
-    return _tlv(0x30, b"\x02\x01\x01" + _tlv(0x04, community) + pdu)
+    return tlv(0x30, b"\x02\x01\x01" + tlv(0x04, community) + GET_UPTIME)
 
 
 def oid_index(name):
     return ".".join(str(ord(c)) for c in name)
+
+
+def row(entry, index, *cells):
+    """The varbinds of a row's cells: (column, type, value)."""
+    return [word for column, kind, value in cells for word in (f"{entry}.{column}.{index}", kind, value)]
+
+
+def target_rows(name, domain, address, model, security_name, level=1, kind=1):
+    """The varbinds that make a receiver; `kind`: 1 for traps, 2 for informs."""
+    index = oid_index(name)
+    return [*row(NOTIFY, index, (2, "s", name), (3, "i", kind), (5, "i", CREATE_AND_GO)),
+            *row(TARGET_ADDR, index, (2, "o", domain), (3, "x", address), (4, "i", 100), (5, "i", 3), (6, "s", name),
+                 (7, "s", name), (9, "i", CREATE_AND_GO)),
+            *row(TARGET_PARAMS, index, (2, "i", {1: 0, 2: 1}.get(model, 3)), (3, "i", model), (4, "s", security_name),
+                 (5, "i", level), (7, "i", CREATE_AND_GO))]
+
+
+def transport_address(transport, host, port):
+    return f"{transport}6:[{host}]:{port}" if ":" in host else f"{transport}:{host}:{port}"
 
 
 class TarnNode:
@@ -101,16 +123,7 @@ class TarnNode:
 
     def add_target(self, name, port, version=2, security_name="Vela_public", inform=False):
         """Sets the rows of a receiver on 127.0.0.1."""
-        index = oid_index(name)
-        self.set(f"{NOTIFY}.2.{index}", "s", name, f"{NOTIFY}.3.{index}", "i", 2 if inform else 1,
-                 f"{NOTIFY}.5.{index}", "i", CREATE_AND_GO,
-                 f"{TARGET_ADDR}.2.{index}", "o", UDP_DOMAIN, f"{TARGET_ADDR}.3.{index}", "x", f"7f000001{port:04x}",
-                 f"{TARGET_ADDR}.4.{index}", "i", 100, f"{TARGET_ADDR}.5.{index}", "i", 3,
-                 f"{TARGET_ADDR}.6.{index}", "s", name, f"{TARGET_ADDR}.7.{index}", "s", name,
-                 f"{TARGET_ADDR}.9.{index}", "i", CREATE_AND_GO,
-                 f"{TARGET_PARAMS}.2.{index}", "i", {1: 0, 2: 1, 3: 3}[version],
-                 f"{TARGET_PARAMS}.3.{index}", "i", version, f"{TARGET_PARAMS}.4.{index}", "s", security_name,
-                 f"{TARGET_PARAMS}.5.{index}", "i", 1, f"{TARGET_PARAMS}.7.{index}", "i", CREATE_AND_GO)
+        self.set(*target_rows(name, UDP_DOMAIN, f"7f000001{port:04x}", version, security_name, kind=1 + inform))
 
     def enable_notifications(self):
         self.set(ENABLE_AUTHENTICATION_TRAPS, "i", 1)
@@ -120,20 +133,25 @@ class TarnNode:
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as manager:
             manager.sendto(get_request(b"nobody"), ("127.0.0.1", self.port))
 
-    def close(self):
+    def stop(self):
         self.run("snmp", "stop")
+        print(self.log())
 
 
 class TrapDaemon:
-    """snmptrapd as a receiver of v3 informs; each notification it accepts is a line of its output."""
+    """snmptrapd; each notification it accepts is a line of its output."""
 
-    def __init__(self, folder, port=None, users=(), engine_id=None):
+    def __init__(self, folder, port=None, users=(), engine_id=None, host="127.0.0.1", transport="udp", lines=None):
+        """`users`: lines that make users, whose informs it accepts; `lines`: another configuration."""
         self.folder = folder
-        self.port = port or free_port()
+        self.host = host
+        self.port = port or free_port(socket.AF_INET6 if ":" in host else socket.AF_INET, host)
+        self.address = transport_address(transport, host, self.port)
         self.process = None
         folder.mkdir(exist_ok=True)
-        lines = ["format2 %P\\n", "disableAuthorization no", *users]
-        lines += [f"authUser log {line.split()[1]} noauth" for line in users]
+        if lines is None:
+            lines = ["format2 %P\\n", "disableAuthorization no", *users]
+            lines += [f"authUser log {line.split()[1]} noauth" for line in users]
         if engine_id:
             lines.append(f"exactEngineID {engine_id}")
         (folder / "snmptrapd.conf").write_text("\n".join(lines) + "\n")
@@ -142,26 +160,21 @@ class TrapDaemon:
         environment = dict(TOOL_ENVIRONMENT, SNMPCONFPATH=f"{self.folder}:{self.folder}/persist",
                            SNMP_PERSISTENT_DIR=f"{self.folder}/persist")
         with open(self.folder / "out", "ab") as out:
-            self.process = subprocess.Popen(["snmptrapd", "-f", "-Lo", "-On", f"127.0.0.1:{self.port}"],
-                                            env=environment, stdout=out, stderr=out)
-        eventually(self._listens, 10, "snmptrapd listens")
+            self.process = subprocess.Popen(["snmptrapd", "-f", "-Lo", "-On", self.address], env=environment,
+                                            stdout=out, stderr=out)
+        eventually(lambda: self.host in listening(self.port), 10, "snmptrapd listens")
         return self
 
-    def _listens(self):
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-            try:
-                probe.bind(("127.0.0.1", self.port))
-            except OSError:
-                return True
-        return False
+    def output(self):
+        file = self.folder / "out"
+        return file.read_text(errors="replace") if file.exists() else ""
 
     def received(self):
-        file = self.folder / "out"
-        return [line for line in file.read_text().splitlines() if "INFORM" in line or "TRAP2" in line] \
-            if file.exists() else []
+        return [line for line in self.output().splitlines() if line.startswith(("TRAP2", "INFORM"))]
 
-    def stop(self):
+    def stop(self, how=signal.SIGTERM):
         if self.process:
-            self.process.send_signal(signal.SIGTERM)
+            self.process.send_signal(how)
             self.process.wait(10)
             self.process = None
+            print(self.output()[-4000:])

@@ -1,13 +1,13 @@
 """Where the agent listens, and how targets are reached: several addresses, both families, access points, host names."""
 
 import json
+import re
 import socket
 import subprocess
-import sys
 
 import agent_tables
 import pytest
-from vela import MIB_ROOT as R, SNMP, eventually, free_port, target_xml
+from vela import MIB_ROOT as R, SNMP, eventually, free_port, listening, target_xml
 
 SYSM = SNMP.rsplit(",", 1)[0]
 TRANSPORT = "ManagedElement=1,Transport=1"
@@ -24,32 +24,13 @@ def is_served(node, host, port):
     return result.returncode == 0 and "Gauge32" in result.stdout
 
 
-def listening(port):
-    """The addresses at which somebody receives datagrams on a port."""
-    found = set()
-    for path, family in (("/proc/net/udp", socket.AF_INET), ("/proc/net/udp6", socket.AF_INET6)):
-        for line in open(path).readlines()[1:]:
-            address, number = line.split()[1].split(":")
-            if int(number, 16) == port:  # words of 32 bits in the order of this machine
-                words = [int(address[i:i + 8], 16).to_bytes(4, sys.byteorder) for i in range(0, len(address), 8)]
-                found.add(socket.inet_ntop(family, b"".join(words)))
-    return found
-
-
 def nms(port=None, **attributes):
     return target_xml("SnmpTargetV2C", "nms", port or free_port(), community="public", **attributes)
 
 
 def free_port_of_both_families():
-    """A port that is free on every address of this machine."""
-    while True:
-        port = free_port(socket.AF_INET6, "::")
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-            try:
-                probe.bind(("0.0.0.0", port))
-                return port
-            except OSError:
-                continue
+    """A port that is free on every address of this machine: such a socket of IPv6 takes that of IPv4 as well."""
+    return free_port(socket.AF_INET6, "::")
 
 
 def test_the_agent_listens_at_all_its_addresses_and_moves_with_them(nodes):
@@ -115,17 +96,12 @@ def test_the_agent_follows_its_access_points(nodes):
                               "</OamAccessPoint>" for name in "ab"),
                  transport="".join(f'<Address id="{name}"><address>{text}</address></Address>'
                                    for name, text in addresses.items()))
-    model = node.model.read_text()
-    start = model.index("<agentAddress>")
-    node.model.write_text(model[:start] + model[model.index("</agentAddress>") + len("</agentAddress>"):])
+    node.model.write_text(re.sub("<agentAddress>.*</agentAddress>", "", node.model.read_text()))
     node.start()
     node.reach("PostConfigure")
 
-    def address(name):
-        return f"{TRANSPORT},Address={name}"
-
-    def access_point(name):
-        return f"{SYSM},OamAccessPoint={name}"
+    address = (TRANSPORT + ",Address={}").format
+    access_point = (SYSM + ",OamAccessPoint={}").format
 
     def reference(name):
         return f"accessPoint={address(name)}"

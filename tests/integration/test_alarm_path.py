@@ -52,24 +52,18 @@ def check(notification, trap_oid, expected):
             assert value == wanted, oid
 
 
-def alarm_varbinds(index, sequence, problem=b"Link failure", text=b"", truncated=2, info=b"", info_truncated=2,
-                   record_type=0, event_type=2, cause=3):
-    rows = [(f"{R}.1.3.5.1.5.{index}", OCTETS, MO.encode()), (f"{R}.1.3.5.1.2.{index}", UNSIGNED, 193),
-            (f"{R}.1.3.5.1.3.{index}", UNSIGNED, 7), (f"{R}.1.3.5.1.4.{index}", OCTETS, problem),
-            (f"{R}.1.3.3.0", UNSIGNED, sequence), (f"{R}.1.3.5.1.6.{index}", INTEGER, event_type),
-            (f"{R}.1.3.5.1.7.{index}", OCTETS, SOME_TIME), (f"{R}.1.3.5.1.9.{index}", INTEGER, cause),
-            (f"{R}.1.2.1.0", OCTETS, text), (f"{R}.1.2.2.0", INTEGER, truncated), (f"{R}.1.2.3.0", INTEGER, 2),
-            (f"{R}.1.2.4.0", OCTETS, info), (f"{R}.1.2.5.0", INTEGER, info_truncated)]
+def event_varbinds(sequence, problem=b"Link failure", text=b"", info=b"", index=None, record_type=None):
+    """What an alarm's notification carries, an alert's without an index: alerts have no rows, so theirs is 0."""
+    is_alert = index is None
+    columns, row = (f"{R}.1.4", 0) if is_alert else (f"{R}.1.3", index)
+    rows = [(f"{columns}.5.1.5.{row}", OCTETS, MO.encode()), (f"{columns}.5.1.2.{row}", UNSIGNED, 193),
+            (f"{columns}.5.1.3.{row}", UNSIGNED, 7), (f"{columns}.5.1.4.{row}", OCTETS, problem),
+            (f"{columns}.3.0", UNSIGNED, sequence), (f"{columns}.5.1.6.{row}", INTEGER, 2),
+            (f"{columns}.5.1.7.{row}", OCTETS, SOME_TIME), (f"{columns}.5.1.{8 if is_alert else 9}.{row}", INTEGER, 3),
+            (f"{R}.1.2.1.0", OCTETS, text[:255]), (f"{R}.1.2.2.0", INTEGER, 1 if len(text) > 255 else 2),
+            (f"{R}.1.2.3.0", INTEGER, 2), (f"{R}.1.2.4.0", OCTETS, info[:255]),
+            (f"{R}.1.2.5.0", INTEGER, 1 if len(info) > 255 else 2)]
     return rows + ([(f"{R}.1.2.6.0", INTEGER, record_type)] if record_type is not None else [])
-
-
-def alert_varbinds(sequence, text=b"", truncated=2, info=b"", info_truncated=2):
-    return [(f"{R}.1.4.5.1.5.0", OCTETS, MO.encode()), (f"{R}.1.4.5.1.2.0", UNSIGNED, 193),
-            (f"{R}.1.4.5.1.3.0", UNSIGNED, 7), (f"{R}.1.4.5.1.4.0", OCTETS, b"Door open"),
-            (f"{R}.1.4.3.0", UNSIGNED, sequence), (f"{R}.1.4.5.1.6.0", INTEGER, 2),
-            (f"{R}.1.4.5.1.7.0", OCTETS, SOME_TIME), (f"{R}.1.4.5.1.8.0", INTEGER, 3),
-            (f"{R}.1.2.1.0", OCTETS, text), (f"{R}.1.2.2.0", INTEGER, truncated), (f"{R}.1.2.3.0", INTEGER, 2),
-            (f"{R}.1.2.4.0", OCTETS, info), (f"{R}.1.2.5.0", INTEGER, info_truncated)]
 
 
 def test_every_notification_with_its_exact_varbinds(nodes, receivers):
@@ -85,42 +79,39 @@ def test_every_notification_with_its_exact_varbinds(nodes, receivers):
         seen += 1
         return receiver.wait_for(seen)[seen - 1]
 
-    what = ["--mo", MO, "--major", 193, "--minor", 7, "--event-type", 2, "--cause", 3]
+    def report(command, severity, problem, text="", info=()):
+        options = ["--mo", MO, "--major", 193, "--minor", 7, "--event-type", 2, "--cause", 3, "--severity", severity,
+                   "--problem", problem, "--text", text, *(["--info", info] if info else [])]
+        return node.ctl(*command, *options).stdout
+
     # Severities of an alarm, by raise and change: the record type tells an update from a first report.
-    index = int(node.ctl("alarm", "raise", *what, "--problem", "Link failure", "--severity", "indeterminate").stdout)
-    sequence += 1
-    check(next_notification(), f"{R}.2.0.1", alarm_varbinds(index, sequence))
-    for severity, number in (("warning", 2), ("minor", 3), ("major", 4), ("critical", 5)):
+    index = int(report(("alarm", "raise"), "indeterminate", "Link failure"))
+    check(next_notification(), f"{R}.2.0.1", event_varbinds(sequence + 1, index=index, record_type=0))
+    for number, severity in enumerate(("warning", "minor", "major", "critical"), 2):
         node.ctl("alarm", "change", index, "--severity", severity)
-        sequence += 1
-        check(next_notification(), f"{R}.2.0.{number}", alarm_varbinds(index, sequence, record_type=1))
+        check(next_notification(), f"{R}.2.0.{number}", event_varbinds(sequence + number, index=index, record_type=1))
     node.ctl("alarm", "clear", index)
-    sequence += 1
-    check(next_notification(), f"{R}.2.0.7", alarm_varbinds(index, sequence, record_type=None))
+    sequence += 6
+    check(next_notification(), f"{R}.2.0.7", event_varbinds(sequence, index=index))
 
     # What does not fit into 255 octets follows in the append info, and only then.
     for length, info_length in ((255, 0), (256, 0), (511, 600), (10, 255)):
-        text = "t" * length
-        info = ("i=" + "x" * (info_length - 2)) if info_length else ""
-        index = int(node.ctl("alarm", "raise", *what, "--problem", f"Text {length}", "--severity", "major", "--text",
-                             text, *(["--info", info] if info else [])).stdout)
+        text, info = "t" * length, "i=".ljust(info_length, "x")[:info_length]
+        index = int(report(("alarm", "raise"), "major", f"Text {length}", text, info))
         sequence += 1
-        cut, info_cut = length > 255, info_length > 255
-        check(next_notification(), f"{R}.2.0.4",
-              alarm_varbinds(index, sequence, f"Text {length}".encode(), text[:255].encode(), 1 if cut else 2,
-                             info[:255].encode(), 1 if info_cut else 2))
-        if cut or info_cut:
+        check(next_notification(), f"{R}.2.0.4", event_varbinds(sequence, f"Text {length}".encode(), text.encode(),
+                                                                info.encode(), index, record_type=0))
+        if length > 255 or info_length > 255:
             check(next_notification(), f"{R}.2.0.8",
                   [(f"{R}.1.3.5.1.5.{index}", OCTETS, MO.encode()), (f"{R}.1.3.5.1.2.{index}", UNSIGNED, 193),
                    (f"{R}.1.3.5.1.3.{index}", UNSIGNED, 7), (f"{R}.1.2.1.0", OCTETS, text[255:].encode()),
                    (f"{R}.1.3.5.1.14.0", OID, ".0.0"), (f"{R}.1.2.7.0", OCTETS, info[255:].encode())])
 
-    # Alerts have no rows, so their columns carry index 0.
     for number, severity in enumerate(("indeterminate", "warning", "minor", "major", "critical")):
         text = "a" * (300 if severity == "critical" else 20)
-        node.ctl("alert", *what, "--problem", "Door open", "--severity", severity, "--text", text, "--info", "a;b=c=d")
+        report(("alert",), severity, "Door open", text, "a;b=c=d")
         check(next_notification(), f"{R}.2.0.{10 + number}",
-              alert_varbinds(number + 1, text[:255].encode(), 1 if len(text) > 255 else 2, b"a\\;b=c\\=d"))
+              event_varbinds(number + 1, b"Door open", text.encode(), b"a\\;b=c\\=d"))
     check(next_notification(), f"{R}.2.0.15",
           [(f"{R}.1.4.5.1.5.0", OCTETS, MO.encode()), (f"{R}.1.4.5.1.2.0", UNSIGNED, 193),
            (f"{R}.1.4.5.1.3.0", UNSIGNED, 7), (f"{R}.1.2.1.0", OCTETS, b"a" * 45), (f"{R}.1.4.5.1.11.0", OID, ".0.0"),
@@ -193,61 +184,42 @@ def test_targets_are_added_changed_and_removed_without_a_restart(nodes, receiver
     node = nodes(v2c("nms", first)).start()
     node.operational()
     agent = node.snmpd_pid()
-    address_table, row_status = ".1.3.6.1.6.3.12.1.2.1", 9
-    kept = node.table(address_table, row_status)
+    dn = f"{SNMP},SnmpTargetV2C=second"
 
-    entered = node.reach("IdleEnabled")
+    def rows():
+        return set(node.table(".1.3.6.1.6.3.12.1.2.1", 9))
 
-    def after_change(problem):
-        nonlocal entered
-        node.reach("IMMUpdating", after=node_imm[0])
+    def change(problem, *arguments):
+        entered = node.reach("IdleEnabled")
+        node.passes(lambda: node.ctl("mo", *arguments), to="IMMUpdating")
         node.raise_alarm(problem, mo=f"ManagedElement=1,Change={problem}")
-        entered = node.reach("IdleEnabled", after=entered)
+        node.reach("IdleEnabled", after=entered)
+        eventually(lambda: problem in first.problems(), what=f"{problem} at the other target")
 
-    node_imm = [sum(to == "IMMUpdating" for _, to, _ in node.states())]
-    node.ctl("mo", "create", f"{SNMP},SnmpTargetV2C=second", "address=127.0.0.1", f"port={second.port}",
-             "community=public")
-    after_change("added")
-    eventually(lambda: "added" in second.problems() and "added" in first.problems(), what="both targets")
-    rows = node.table(address_table, row_status)
-    assert set(kept) < set(rows)
-
-    node_imm[0] = sum(to == "IMMUpdating" for _, to, _ in node.states())
-    node.set(f"{SNMP},SnmpTargetV2C=second", port=moved.port)
-    after_change("changed")
-    eventually(lambda: "changed" in moved.problems() and "changed" in first.problems(), what="the moved target")
-    assert "changed" not in second.problems()
-    assert set(node.table(address_table, row_status)) == set(rows)
-
-    node_imm[0] = sum(to == "IMMUpdating" for _, to, _ in node.states())
-    node.ctl("mo", "delete", f"{SNMP},SnmpTargetV2C=second")
-    after_change("removed")
-    eventually(lambda: "removed" in first.problems(), what="the remaining target")
-    assert "removed" not in moved.problems() + second.problems()
-    assert set(node.table(address_table, row_status)) == set(kept)
+    kept = rows()
+    change("added", "create", dn, "address=127.0.0.1", f"port={second.port}", "community=public")
+    eventually(lambda: "added" in second.problems(), what="the alarm at the new target")
+    added = rows()
+    assert kept < added
+    change("changed", "set", dn, f"port={moved.port}")
+    eventually(lambda: "changed" in moved.problems(), what="the alarm at the moved target")
+    assert "changed" not in second.problems() and rows() == added
+    change("removed", "delete", dn)
+    assert "removed" not in moved.problems() + second.problems() and rows() == kept
     assert node.snmpd_pid() == agent
     assert all(to != "StartMasterAgent" for _, to, _ in node.states()[4:]), node.states()
 
 
-def test_versions_informs_and_operational_states(nodes, receivers):
-    v1, inform, locked = receivers(), receivers(), receivers()
+def test_version_1_and_informs(nodes, receivers):
+    v1, inform = receivers(), receivers()
     node = nodes(target_xml("SnmpTargetV1", "one", v1.port, community="c1")
-                 + v2c("two", inform, community="c2", transportMethod="INFORM", informRetryCount=3, informTimeout=200)
-                 + v2c("locked", locked, community="c3", administrativeState="LOCKED")
-                 + v2c("broken", locked, community="c" * 33)).start()
+                 + v2c("two", inform, community="c2", transportMethod="INFORM")).start()
     node.operational()
     node.raise_alarm("Both")
     eventually(lambda: "Both" in v1.problems() and "Both" in inform.problems(), what="both kinds")
     trap = [n for n in v1.alarms() if n.version == "1"][-1]
     assert (trap.community, trap.enterprise, trap.specific) == ("c1", f"{R}.2", 4)
-    assert {n.kind for n in inform.alarms()} == {"InformRequestPDU"}
-    assert {n.community for n in inform.alarms()} == {"c2"}
-    assert locked.alarms() == []
-    states = {name: node.get(f"{SNMP},{cls}={name}", "operationalState")
-              for cls, name in (("SnmpTargetV1", "one"), ("SnmpTargetV2C", "two"), ("SnmpTargetV2C", "broken"))}
-    assert states == {"one": "ENABLED", "two": "ENABLED", "broken": "DISABLED"}
-    assert node.get(SNMP, "operationalState") == "ENABLED"
-    assert "target community must be between 1 and 32 characters in length" in node.log()
+    assert {(n.kind, n.community) for n in inform.alarms()} == {("InformRequestPDU", "c2")}
 
 
 def test_alarms_raised_before_it_is_operational_all_arrive_in_order(nodes, receivers):
@@ -310,7 +282,8 @@ def test_a_restarted_node_keeps_the_model_and_raises_the_boot_count(nodes, recei
     before = identity()
     node.set(f"{SNMP},SnmpTargetV2C=nms", community="changed")
     if restart == "stop":
-        assert node.stop() == 0
+        node.ctl("stop")
+        assert node.process.wait(30) == 0
         assert node.snmpd_pid() is None
     else:
         node.process.kill()

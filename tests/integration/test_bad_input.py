@@ -1,6 +1,5 @@
 """What comes in wrong from outside gets one clear message and changes nothing."""
 
-import os
 import pathlib
 import shutil
 import subprocess
@@ -12,52 +11,45 @@ from vela import BIN, FM, SNMP, Node, model_xml, target_xml
 TARGET = target_xml("SnmpTargetV2C", "nms", 1162, community="public")
 
 
-def run_node(folder, *arguments, environment=None):
-    return subprocess.run([str(BIN / "vela-node"), "--dir", str(folder), *map(str, arguments)], capture_output=True,
-                          text=True, timeout=20, env=environment or os.environ, stdin=subprocess.DEVNULL)
+def run_node(folder, *arguments, within=()):
+    return subprocess.run([*within, str(BIN / "vela-node"), "--dir", str(folder), *map(str, arguments)],
+                          capture_output=True, text=True, timeout=20, stdin=subprocess.DEVNULL)
 
 
-@pytest.mark.parametrize("content, line, reason", [
-    (None, None, "No such file"),
-    ("just text", 1, ""),
-    ("<model>\n<ManagedElement id='1'>\n</model>", 3, ""),
-    ("<wrong/>", 1, "wrong"),
-    (model_xml(1161, "\n<SnmpTargetV2C id='a'>\n<port>many</port></SnmpTargetV2C>"), 7, "port"),
-    (model_xml(1161, "\n<SnmpTargetV2C id='a'><isMibWritable>perhaps</isMibWritable></SnmpTargetV2C>"), 6,
-     "isMibWritable"),
-    (model_xml(1161, "\n<SnmpTargetV2C id='a'><colour>red</colour></SnmpTargetV2C>"), 6, "colour"),
-    (model_xml(1161, TARGET + "\n" + TARGET), 6, "nms"),
-], ids=["missing", "text", "not-xml", "root", "number", "boolean", "attribute", "duplicate"])
-def test_a_bad_model_is_refused_with_file_line_and_reason(folder, content, line, reason):
-    path = folder / "model.xml"
-    if content is not None:
-        path.write_text(content)
-    result = run_node(folder / "node", "--model", path)
-    assert result.returncode == 2
-    assert len(result.stderr.splitlines()) == 1, result.stderr
-    assert result.stderr.count(f"{path}:{line}: " if line else str(path)) == 1, result.stderr
-    assert reason in result.stderr
-    assert not (folder / "node/run/agentx").exists() and not (folder / "node/model.xml").exists()
+def target(content):
+    """A model with a target on its line 6."""
+    return model_xml(1161, f"\n<SnmpTargetV2C id='a'>{content}</SnmpTargetV2C>")
 
 
-@pytest.mark.parametrize("content, line, reason", [
-    (None, None, "No such file"),
-    ("<VelaFmSnmp>\n<a>\n</VelaFmSnmp>", 3, ""),
-    ("<Something/>", 1, "Something"),
-    ("<VelaFmSnmp>\n <snmpPollInterval>soon</snmpPollInterval></VelaFmSnmp>", 2, "snmpPollInterval"),
-    ("<VelaFmSnmp>\n\n <useInternalTrapListener>7</useInternalTrapListener></VelaFmSnmp>", 3,
-     "useInternalTrapListener"),
-], ids=["missing", "not-xml", "root", "number", "boolean"])
-def test_a_bad_component_configuration_is_refused(folder, content, line, reason):
-    path = folder / "config.xml"
-    if content is not None:
-        path.write_text(content)
-    result = run_node(folder / "node", "--config", path)
-    assert result.returncode == 2
-    assert len(result.stderr.splitlines()) == 1, result.stderr
-    assert (f"{path}:{line}: " if line else str(path)) in result.stderr
-    assert reason in result.stderr
-    assert not (folder / "node/config.xml").exists()
+BAD_FILES = {
+    "--model": [
+        (None, None, "No such file"), ("just text", 1, ""), ("<model>\n<ManagedElement id='1'>\n</model>", 3, ""),
+        ("<wrong/>", 1, "wrong"), (target("\n<port>many</port>"), 7, "port"),
+        (target("<isMibWritable>perhaps</isMibWritable>"), 6, "isMibWritable"),
+        (target("<colour>red</colour>"), 6, "colour"), (model_xml(1161, TARGET + "\n" + TARGET), 6, "nms"),
+        # A sequence, or a struct, where a value belongs.
+        (target("<community>a</community><community>b</community>"), 6, "community"),
+        (target("<community><part>a</part></community>"), 6, "part")],
+    "--config": [
+        (None, None, "No such file"), ("<VelaFmSnmp>\n<a>\n</VelaFmSnmp>", 3, ""), ("<Something/>", 1, "Something"),
+        ("<VelaFmSnmp>\n <snmpPollInterval>soon</snmpPollInterval></VelaFmSnmp>", 2, "snmpPollInterval"),
+        ("<VelaFmSnmp>\n\n <useInternalTrapListener>7</useInternalTrapListener></VelaFmSnmp>", 3,
+         "useInternalTrapListener")],
+}
+
+
+@pytest.mark.parametrize("option", BAD_FILES)
+def test_a_bad_file_is_refused_with_its_line_and_the_reason(folder, option):
+    path = folder / "file.xml"
+    for content, line, reason in BAD_FILES[option]:
+        if content is not None:
+            path.write_text(content)
+        result = run_node(folder / "node", option, path)
+        assert result.returncode == 2, content
+        assert len(result.stderr.splitlines()) == 1, result.stderr
+        assert result.stderr.count(f"{path}:{line}: " if line else str(path)) == 1, result.stderr
+        assert reason in result.stderr
+        assert not any((folder / "node" / name).exists() for name in ("run/agentx", "model.xml", "config.xml"))
 
 
 def test_a_bad_file_does_not_replace_what_a_node_had(nodes, folder):
@@ -82,8 +74,7 @@ def test_without_snmpd_the_package_is_named(folder):
     hide = ["unshare", "-m", "sh", "-c", f'mount --bind /dev/null {shutil.which("snmpd")} && exec "$@"', "sh"]
     if subprocess.run([*hide, "true"], capture_output=True).returncode != 0:
         pytest.skip("hiding snmpd needs the privilege to mount")
-    result = subprocess.run([*hide, str(BIN / "vela-node"), "--dir", str(folder / "node")], capture_output=True,
-                            text=True, timeout=20, stdin=subprocess.DEVNULL)
+    result = run_node(folder / "node", within=hide)
     assert result.returncode == 2
     assert "apt-get install snmpd" in result.stderr, result.stderr
 

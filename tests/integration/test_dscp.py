@@ -1,55 +1,12 @@
 """The packet-marking commands with the real packet filter, in a network namespace of the test's own."""
 
-import os
-import shutil
 import subprocess
 
-import pytest
+from network_namespace import needs_packet_filter
+from vela import BIN
 
-from vela import BIN, eventually
-
-SEARCH_PATH = os.environ["PATH"] + ":/usr/sbin:/sbin"
 CM = ("vela-snmp-response", "OamCM", "-p udp --match multiport --sport 161,10161")
 FM = ("vela-snmp-alarm", "OamFM", "-p udp -d 10.0.0.1,fd00::1,10.0.0.2 --match multiport --dport 162")
-
-
-def can_use_packet_filter():
-    if not all(shutil.which(tool, path=SEARCH_PATH) for tool in ("iptables", "unshare", "nsenter")):
-        return False
-    return subprocess.run(["unshare", "-n", "iptables", "-t", "mangle", "-S"], env={**os.environ, "PATH": SEARCH_PATH},
-                          capture_output=True, check=False).returncode == 0
-
-
-needs_packet_filter = pytest.mark.skipif(not can_use_packet_filter(), reason="needs iptables and root")
-
-
-class Namespace:
-    """A network namespace, and the commands run in it."""
-
-    def __init__(self, folder):
-        self.folder = folder
-        self.holder = subprocess.Popen(["unshare", "-n", "sleep", "600"])
-        own = os.readlink("/proc/self/ns/net")
-        eventually(lambda: os.readlink(f"/proc/{self.holder.pid}/ns/net") != own)
-
-    def run(self, command, *arguments, node="node"):
-        (self.folder / node).mkdir(exist_ok=True)
-        environment = {**os.environ, "PATH": f"{BIN}:{SEARCH_PATH}", "VELA_NODE_DIR": str(self.folder / node)}
-        return subprocess.run(["nsenter", "-t", str(self.holder.pid), "-n", command, *arguments], env=environment,
-                              capture_output=True, text=True, timeout=30, check=False)
-
-    def rules(self, tool="iptables"):
-        """The filter's own list, without what is the same in every rule."""
-        lines = self.run(tool, "-t", "mangle", "-S", "OUTPUT").stdout.splitlines()
-        return [line.removeprefix("-A OUTPUT ") for line in lines if line.startswith("-A")]
-
-
-@pytest.fixture
-def namespace(folder):
-    made = Namespace(folder)
-    yield made
-    made.holder.kill()
-    made.holder.wait()
 
 
 @needs_packet_filter
@@ -97,30 +54,26 @@ def test_rules_of_others_stay(namespace):
 
 
 @needs_packet_filter
-@pytest.mark.parametrize("options", ["-p udp -j ACCEPT", "-p udp -d", "-p udp -d -j", "--match owner", "-t nat",
-                                     "-d 10.0.0.1/x", "-p udp; true"])
-def test_only_known_options_reach_the_filter(namespace, options):
-    result = namespace.run("dscp-iptables-add", "r", "OamCM", options)
-    assert result.returncode == 2 and len(result.stderr.splitlines()) == 1
+def test_only_known_options_reach_the_filter(namespace):
+    for options in ("-p udp -j ACCEPT", "-p udp -d", "-p udp -d -j", "--match owner", "-t nat", "-d 10.0.0.1/x",
+                    "-p udp; true"):
+        result = namespace.run("dscp-iptables-add", "r", "OamCM", options)
+        assert result.returncode == 2 and len(result.stderr.splitlines()) == 1, options
     assert namespace.rules() == []
-
-
-@needs_packet_filter
-def test_marking_is_enabled_by_the_nodes_file(namespace):
+    # Marking is enabled by a file of the node's.
     result = namespace.run("dscp-enabled")
     assert result.returncode == 1 and "dscp.conf" in result.stderr
     (namespace.folder / "node/dscp.conf").write_text("")
     assert namespace.run("dscp-enabled").returncode == 0
 
 
-@pytest.mark.parametrize("command, status", [(("dscp-enabled",), 1), (("dscp-iptables-list",), 2),
-                                             (("dscp-iptables-add", *CM), 2),
-                                             (("dscp-iptables-update-tuple", CM[0], CM[2]), 2),
-                                             (("dscp-iptables-remove", "-r", "'^vela'"), 2)])
-def test_without_a_packet_filter_the_commands_say_so(folder, command, status):
+def test_without_a_packet_filter_the_commands_say_so(folder):
     (folder / "dscp.conf").write_text("")
     environment = {"PATH": "/nonexistent", "VELA_NODE_DIR": str(folder)}
-    result = subprocess.run([str(BIN / command[0]), *command[1:]], env=environment, capture_output=True, text=True,
-                            timeout=30, check=False)
-    assert result.returncode == status
-    assert "iptables is missing" in result.stderr and len(result.stderr.splitlines()) == 1
+    for command, *arguments in (["dscp-enabled"], ["dscp-iptables-list"], ["dscp-iptables-add", *CM],
+                                ["dscp-iptables-update-tuple", CM[0], CM[2]],
+                                ["dscp-iptables-remove", "-r", "'^vela'"]):
+        result = subprocess.run([str(BIN / command), *arguments], env=environment, capture_output=True, text=True,
+                                timeout=30, check=False)
+        assert result.returncode == (1 if command == "dscp-enabled" else 2), command
+        assert "iptables is missing" in result.stderr and len(result.stderr.splitlines()) == 1, command

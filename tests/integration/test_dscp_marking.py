@@ -1,57 +1,35 @@
 """The marks on the packets that a node sends, in a network namespace of the test's own."""
 
-import ctypes
-import fcntl
 import json
 import socket
 import struct
 import subprocess
-import threading
 
 import pytest
+from network_namespace import needs_packet_filter
 from tarn_node import get_request
-from test_dscp import Namespace, needs_packet_filter
 from vela import BIN, SNMP, eventually, model_xml, target_xml
 
 TRANSPORT = "ManagedElement=1,Transport=1"
 AGENT, NMS, MOVED = 1161, 1162, 1163  # the namespace has all ports to itself
-CLONE_NEWNET = 0x40000000
-SIOCSIFFLAGS, IFF_UP = 0x8914, 1
-IPV6_RECVTCLASS, IPV6_TCLASS = 66, 67
-
-
-def in_namespace(namespace, action):
-    """Runs an action on a thread that has gone over to a namespace; what it opens stays there."""
-    result = []
-
-    def run():
-        with open(f"/proc/{namespace.holder.pid}/ns/net") as file:
-            if ctypes.CDLL(None, use_errno=True).setns(file.fileno(), CLONE_NEWNET) == 0:
-                result.append(action())
-
-    thread = threading.Thread(target=run)
-    thread.start()
-    thread.join()
-    assert result, "the namespace cannot be entered"
-    return result[0]
-
-
-def bring_loopback_up():
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as control:
-        return fcntl.ioctl(control, SIOCSIFFLAGS, struct.pack("16sh22x", b"lo", IFF_UP))
+IPV6_RECVTCLASS = 66
 
 
 class MarkReader:
     """A socket inside a namespace that tells the code points of what it receives."""
 
     def __init__(self, namespace, host="127.0.0.1", port=0):
-        self.family = socket.AF_INET6 if ":" in host else socket.AF_INET
-        self.socket = in_namespace(namespace, lambda: socket.socket(self.family, socket.SOCK_DGRAM))
-        if self.family == socket.AF_INET6:
-            self.socket.setsockopt(socket.IPPROTO_IPV6, IPV6_RECVTCLASS, 1)
-        else:
-            self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_RECVTOS, 1)
+        is_ipv6 = ":" in host
+        self.socket = namespace.socket(socket.AF_INET6 if is_ipv6 else socket.AF_INET)
+        option = (socket.IPPROTO_IPV6, IPV6_RECVTCLASS) if is_ipv6 else (socket.IPPROTO_IP, socket.IP_RECVTOS)
+        self.socket.setsockopt(*option, 1)
         self.socket.bind((host, port))
+
+    def receive(self):
+        """The code point of the next datagram."""
+        _, ancillary, _, _ = self.socket.recvmsg(65535, 256)
+        (_, _, data), = ancillary
+        return (data[0] if len(data) < 4 else struct.unpack("i", data)[0]) >> 2
 
     def marks(self):
         """The code points of all datagrams that have arrived since the last call."""
@@ -59,31 +37,18 @@ class MarkReader:
         self.socket.setblocking(False)
         while True:
             try:
-                _, ancillary, _, _ = self.socket.recvmsg(65535, 256)
+                found.add(self.receive())
             except BlockingIOError:
                 return found
-            for level, kind, data in ancillary:
-                if (level, kind) in ((socket.IPPROTO_IP, socket.IP_TOS), (socket.IPPROTO_IPV6, IPV6_TCLASS)):
-                    found.add((data[0] if len(data) < 4 else struct.unpack("i", data)[0]) >> 2)
 
     def ask(self, community, port):
         """The code point of the agent's answer to a request; none when there is none yet."""
         self.socket.sendto(get_request(community), ("127.0.0.1", port))
         self.socket.settimeout(1)
         try:
-            _, ancillary, _, _ = self.socket.recvmsg(65535, 256)
+            return self.receive()
         except socket.timeout:
             return None
-        return ancillary[0][2][0] >> 2
-
-
-@pytest.fixture
-def namespace(folder):
-    made = Namespace(folder)
-    in_namespace(made, bring_loopback_up)
-    yield made
-    made.holder.kill()
-    made.holder.wait()
 
 
 @pytest.fixture

@@ -9,9 +9,9 @@ import time
 import pytest
 
 from dtls import (ADDR, ANY, CERT, COMMON_NAME, CONFIGURATION, CREATE_AND_WAIT, DESTROY, DNS, IP, MAPPING, PARAMS,
-                  RFC822, SPECIFIED, Credential, DtlsManager, DtlsReceiver, LastingManager, add_dtls_target, addr_row,
-                  allow, fingerprint, openssl, params_row, remove_target, trust_row)
-from tarn_node import TarnNode, oid_index
+                  RFC822, SPECIFIED, LastingManager, add_dtls_target, addr_row, allow, fingerprint, openssl, params_row,
+                  remove_target, trust_row)
+from tarn_node import TarnNode, oid_index, transport_address
 from vela import eventually, free_port
 
 UPTIME = ".1.3.6.1.2.1.1.3.0"
@@ -24,8 +24,7 @@ class DtlsNode(TarnNode):
     def __init__(self, folder, credential, host="127.0.0.1"):
         super().__init__(folder)
         self.host = host
-        family = socket.AF_INET6 if ":" in host else socket.AF_INET
-        self.dtls_port = free_port(family, host)
+        self.dtls_port = free_port(socket.AF_INET6 if ":" in host else socket.AF_INET, host)
         self.configuration = self.folder / "no-backup/etc/snmp"
         self.tarn("tls", "show")
         self.credential = credential
@@ -33,8 +32,7 @@ class DtlsNode(TarnNode):
             credential.install(self.configuration, key=True)
 
     def start(self):
-        dtls = f"dtlsudp6:[{self.host}]:{self.dtls_port}" if ":" in self.host else f"dtlsudp:{self.host}:{self.dtls_port}"
-        self.configure(f"ipAddress=udp:127.0.0.1:{self.port},{dtls}",
+        self.configure(f"ipAddress=udp:127.0.0.1:{self.port},{transport_address('dtlsudp', self.host, self.dtls_port)}",
                        *([f"dtlsNodeCredential={self.credential.fingerprint}"] if self.credential else []))
         self.tarn("snmp", "start")
         self.enable_notifications()
@@ -49,49 +47,27 @@ class DtlsNode(TarnNode):
 
 
 @pytest.fixture
-def credentials(folder):
-    return lambda name, **options: Credential(folder / "made", name, **options)
-
-
-@pytest.fixture
 def own(credentials):
     return credentials("node")
 
 
 @pytest.fixture
-def make_node(folder):
-    made = []
-
-    def make(credential, **options):
-        made.append(DtlsNode(folder, credential, **options))
-        return made[-1]
-
-    yield make
-    for node in made:
-        node.close()
-        print(node.log())
+def peer(credentials):
+    return credentials("peer")
 
 
 @pytest.fixture
-def make_receiver(folder):
-    made = []
-
-    def make(credential, node, **options):
-        made.append(DtlsReceiver(folder / f"receiver{len(made)}", credential, node, **options))
-        return made[-1]
-
-    yield make
-    for receiver in made:
-        receiver.stop()
-        print(receiver.output())
+def make_node(folder, stopping):
+    return lambda credential, **options: stopping(DtlsNode(folder, credential, **options))
 
 
 @pytest.fixture
-def make_manager(folder):
-    def make(credential, node):
-        return DtlsManager(folder / f"manager-{credential.name}", credential, node)
-
-    return make
+def node(make_node, own, peer):
+    """A node that runs and trusts the peer, which may read everything."""
+    made = make_node(own).start()
+    made.set(*trust_row(1, peer.fingerprint))
+    allow(made, "peer")
+    return made
 
 
 def can_read(manager, node, **options):
@@ -160,42 +136,23 @@ def test_rows_of_the_tables(make_node, own):
 
 # --- Certificates
 
-@pytest.mark.parametrize("kind", [("sha256", "ec"), ("sha384", "ec"), ("sha384", "rsa"), ("sha512", "rsa")])
+@pytest.mark.parametrize("hash, key, host", [("sha256", "ec", "::1"), ("sha384", "ec", "127.0.0.1"),
+                                             ("sha384", "rsa", "127.0.0.1"), ("sha512", "rsa", "127.0.0.1")])
 def test_fingerprints_select_certificates_whatever_they_were_signed_with(make_node, make_receiver, make_manager,
-                                                                        credentials, kind):
-    own = credentials("own", hash=kind[0], key=kind[1])
-    peer = credentials("peer", hash=kind[0], key=kind[1])
-    receiver = make_receiver(peer, own).start()
-    node = make_node(own).start()
+                                                                        credentials, hash, key, host):
+    own, peer = (credentials(name, hash=hash, key=key) for name in ("own", "peer"))
+    receiver = make_receiver(peer, own, host=host)
+    node = make_node(own, host=host).start()
     node.set(*trust_row(1, peer.fingerprint))
     allow(node, "peer")
     assert can_read(make_manager(peer, own), node)
-    add_dtls_target(node, "nms", receiver.port, own.fingerprint)
+    add_dtls_target(node, "nms", receiver.port, own.fingerprint, host=host)
     node.notify()
     eventually(receiver.received)
     assert "user node" in receiver.received()[0]
 
 
-def test_who_is_in_no_trust_category_is_refused(make_node, make_manager, credentials, own):
-    friend, stranger = credentials("friend"), credentials("stranger")
-    node = make_node(own).start()
-    # On file, and allowed to read: only the row is missing.
-    stranger.install(node.configuration)
-    for name in ("friend", "stranger"):
-        allow(node, name)
-    node.set(*trust_row(1, friend.fingerprint))
-    assert can_read(make_manager(friend, own), node)
-    assert not can_read(make_manager(stranger, own), node, timeout=0.5)
-    assert "stranger" in node.log() and "is not trusted" in node.log()
-    node.set(*trust_row(2, stranger.fingerprint))
-    assert can_read(make_manager(stranger, own), node)
-
-
-def test_requests_are_served_in_bulk_and_leave_nothing_behind(make_node, make_manager, credentials, own):
-    peer = credentials("peer")
-    node = make_node(own).start()
-    node.set(*trust_row(1, peer.fingerprint))
-    allow(node, "peer")
+def test_requests_are_served_in_bulk_and_leave_nothing_behind(node, make_manager, peer, own):
     manager = make_manager(peer, own)
 
     def memory():
@@ -211,23 +168,16 @@ def test_requests_are_served_in_bulk_and_leave_nothing_behind(make_node, make_ma
     assert memory() - before < 1_000_000
 
 
-def test_who_is_trusted_no_more_is_cut_off_at_once(make_node, credentials, own):
-    friend = credentials("friend")
-    node = make_node(own).start()
-    allow(node, "friend")
-    node.set(*trust_row(1, friend.fingerprint))
-    manager = LastingManager(friend, node.dtls_port, bytes.fromhex(node.get(ENGINE_ID).replace(" ", "")))
-    try:
-        eventually(lambda: manager.ask(1))
-        # Another row for it comes and goes.
-        node.set(*trust_row(2, friend.fingerprint))
-        node.set(f"{CERT}.6.1", "i", DESTROY)
-        assert manager.ask(5)
-        node.set(f"{CERT}.6.2", "i", DESTROY)
-        assert not manager.ask(0.3)
-        assert "is trusted no more" in node.log()
-    finally:
-        manager.close()
+def test_who_is_trusted_no_more_is_cut_off_at_once(node, stopping, peer):
+    manager = stopping(LastingManager(peer, node.dtls_port, bytes.fromhex(node.get(ENGINE_ID).replace(" ", ""))))
+    eventually(lambda: manager.ask(1))
+    # Another row for it comes and goes.
+    node.set(*trust_row(2, peer.fingerprint))
+    node.set(f"{CERT}.6.1", "i", DESTROY)
+    assert manager.ask(5)
+    node.set(f"{CERT}.6.2", "i", DESTROY)
+    assert not manager.ask(0.3)
+    assert "is trusted no more" in node.log()
 
 
 def test_an_authority_vouches_for_its_own_and_names_come_from_the_peers_certificate(make_node, make_manager,
@@ -252,8 +202,7 @@ def test_an_authority_vouches_for_its_own_and_names_come_from_the_peers_certific
 @pytest.mark.parametrize("mapping, name", [
     (ANY, "Boss@example.net"), (RFC822, "Boss@example.net"), (DNS, "host.example.net"), (IP, "192.0.2.7"),
     (COMMON_NAME, "The Boss"), (SPECIFIED, "somebody else")])
-def test_security_names(make_node, make_manager, credentials, own, mapping, name):
-    peer = credentials("peer")
+def test_security_names(make_node, make_manager, peer, own, mapping, name):
     openssl("req", "-x509", "-key", peer.key, "-subj", "/CN=The Boss", "-days", 1, "-out", peer.certificate, "-addext",
             "subjectAltName=email:Boss@EXAMPLE.net,DNS:Host.Example.NET,IP:192.0.2.7")
     peer.fingerprint = fingerprint(peer.certificate)
@@ -265,62 +214,34 @@ def test_security_names(make_node, make_manager, credentials, own, mapping, name
     assert can_read(make_manager(peer, own), node)
 
 
-def spoil(node, credential, how):
-    certificate = node.configuration / "tls/certs" / credential.certificate.name
-    key = node.configuration / "tls/private" / credential.key.name
-    if how == "garbage":
-        certificate.write_text("-----BEGIN CERTIFICATE-----\nnonsense\n")
-    elif how == "missing":
-        certificate.unlink()
-    elif how == "no key":
-        key.unlink()
-    elif how == "garbage key":
-        key.write_bytes(os.urandom(100))
-    elif how == "another's key":
-        openssl("genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-out", key)
+def test_the_tool_says_why_a_credential_cannot_be_used(make_node, credentials):
+    node = make_node(None)
+    folder = node.configuration / "tls"
+    faults = {
+        "garbage": ("there is no certificate in", lambda certificate, key: certificate.write_text("-----BEGIN C")),
+        "missing": ("there is no certificate", lambda certificate, key: certificate.unlink()),
+        "keyless": ("there is no private key for the certificate", lambda certificate, key: key.unlink()),
+        "noise": ("there is no private key", lambda certificate, key: key.write_bytes(os.urandom(100))),
+        "foreign": ("does not belong to the certificate",
+                    lambda certificate, key: openssl("genpkey", "-algorithm", "ED25519", "-out", key)),
+        "expired": ("has expired on", lambda certificate, key: None)}
+    files = {"missing": "tls/certs", "noise": "private/noise.key", "foreign": "private/foreign.key"}
+    for name, (text, spoil) in faults.items():
+        credential = credentials(name, days=-1 if name == "expired" else 30)
+        credential.install(node.configuration, key=True)
+        spoil(folder / "certs" / f"{name}.crt", folder / "private" / f"{name}.key")
+        result = node.run("snmp", "configure", f"dtlsNodeCredential={credential.fingerprint}")
+        assert result.returncode == 0 and len(result.stderr.splitlines()) == 1, name
+        assert text in result.stderr and files.get(name, f"certs/{name}.crt") in result.stderr, (name, result.stderr)
 
 
-@pytest.mark.parametrize("how, text, file", [
-    ("garbage", "there is no certificate in", "certs/node.crt"), ("missing", "there is no certificate", "tls/certs"),
-    ("no key", "there is no private key for the certificate", "certs/node.crt"),
-    ("garbage key", "there is no private key", "private/node.key"),
-    ("another's key", "does not belong to the certificate", "private/node.key"),
-    ("expired", "has expired on", "certs/node.crt")])
-def test_a_credential_that_cannot_be_used_is_told_and_harms_nobody(make_node, make_receiver, credentials, receivers, own,
-                                                                   how, text, file):
-    if how == "expired":
-        own = credentials("node", days=-1)
-    node = make_node(own)
-    spoil(node, own, how)
-    result = node.run("snmp", "configure", f"dtlsNodeCredential={own.fingerprint}")
-    assert result.returncode == 0 and len(result.stderr.splitlines()) == 1
-    assert text in result.stderr and file in result.stderr
-    bystander = receivers()
-    node.start()
-    node.add_target("nms", bystander.port)
-    index = oid_index("secure")
-    assert node.refused(*params_row(index, own.fingerprint)) == "wrongValue"
-    assert text in node.log() and file in node.log()
-    node.notify()
-    eventually(lambda: bystander.notifications)
-    # What was mended is used at once.
-    mended, peer = credentials("mended"), credentials("peer")
-    mended.install(node.configuration, key=True)
-    receiver = make_receiver(peer, mended).start()
-    node.set(*trust_row(1, peer.fingerprint))
-    add_dtls_target(node, "secure", receiver.port, mended.fingerprint)
-    node.notify()
-    eventually(receiver.received)
-
-
-def test_the_tool_makes_takes_and_shows_certificates(make_node, credentials, folder):
+def test_the_tool_makes_takes_and_shows_certificates(make_node, peer, folder):
     node = make_node(None)
     first = node.tarn("tls", "init")
     assert node.tarn("tls", "init") == first
     certificate, key = node.configuration / "tls/certs/node.crt", node.configuration / "tls/private/node.key"
     assert fingerprint(certificate) == first
     assert stat.S_IMODE(key.stat().st_mode) == 0o600
-    peer = credentials("peer")
     assert node.tarn("tls", "add", str(peer.certificate)) == peer.fingerprint
     (node.configuration / "tls/certs/odd.crt").write_text("odd")
     lines = node.tarn("tls", "show").splitlines()
@@ -335,25 +256,9 @@ def test_the_tool_makes_takes_and_shows_certificates(make_node, credentials, fol
 
 # --- Receivers
 
-class Silent:
-    """A port that takes datagrams and never answers."""
-
-    def __init__(self):
-        self.port = free_port()
-        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.socket.bind(("127.0.0.1", self.port))
-
-    def close(self):
-        self.socket.close()
-
-
-def test_receivers_that_are_down_hold_nobody_up(make_node, make_receiver, receivers, credentials, own):
-    peer = credentials("peer")
-    down = make_receiver(peer, own)
-    silent = Silent()
-    bystander = receivers()
-    node = make_node(own).start()
-    node.set(*trust_row(1, peer.fingerprint))
+def test_receivers_that_are_down_hold_nobody_up(node, make_receiver, receivers, peer, own):
+    down = make_receiver(peer, own, start=False)
+    silent, bystander = receivers(), receivers()
     add_dtls_target(node, "down", down.port, own.fingerprint)
     add_dtls_target(node, "silent", silent.port, own.fingerprint)
     node.add_target("nms", bystander.port)
@@ -373,14 +278,10 @@ def test_receivers_that_are_down_hold_nobody_up(make_node, make_receiver, receiv
     node.get(UPTIME)
     assert time.monotonic() - before < 0.5
     assert node.log().count("is not reached") <= 3
-    silent.close()
 
 
-def test_a_receiver_that_was_restarted_gets_what_is_sent_next(make_node, make_receiver, credentials, own):
-    peer = credentials("peer")
-    receiver = make_receiver(peer, own).start()
-    node = make_node(own).start()
-    node.set(*trust_row(1, peer.fingerprint))
+def test_a_receiver_that_was_restarted_gets_what_is_sent_next(node, make_receiver, peer, own):
+    receiver = make_receiver(peer, own)
     add_dtls_target(node, "nms", receiver.port, own.fingerprint)
     node.notify()
     eventually(lambda: len(receiver.received()) == 1)
@@ -400,11 +301,8 @@ def test_a_receiver_that_was_restarted_gets_what_is_sent_next(make_node, make_re
     eventually(lambda: len(receiver.received()) >= 5, 5, "all but the one that was on its way")
 
 
-def test_a_burst_while_rows_are_new_arrives_whole(make_node, make_receiver, credentials, own):
-    peer = credentials("peer")
-    receiver = make_receiver(peer, own).start()
-    node = make_node(own).start()
-    node.set(*trust_row(1, peer.fingerprint))
+def test_a_burst_while_rows_are_new_arrives_whole(node, make_receiver, peer, own):
+    receiver = make_receiver(peer, own)
     # In the second of the SET the agent opens its session anew for every notification.
     add_dtls_target(node, "nms", receiver.port, own.fingerprint)
     for _ in range(100):
@@ -414,11 +312,9 @@ def test_a_burst_while_rows_are_new_arrives_whole(make_node, make_receiver, cred
     eventually(lambda: len(receiver.received()) == 101)
 
 
-def test_a_receiver_that_is_not_trusted_gets_nothing(make_node, make_receiver, credentials, own):
-    peer, stranger = credentials("peer"), credentials("stranger")
-    impostor = make_receiver(stranger, own).start()
-    node = make_node(own).start()
-    node.set(*trust_row(1, peer.fingerprint))
+def test_a_receiver_that_is_not_trusted_gets_nothing(node, make_receiver, credentials, own):
+    stranger = credentials("stranger")
+    impostor = make_receiver(stranger, own)
     add_dtls_target(node, "nms", impostor.port, own.fingerprint)
     node.notify()
     eventually(lambda: "CN = stranger" in node.log() and "is not trusted" in node.log())
@@ -428,9 +324,8 @@ def test_a_receiver_that_is_not_trusted_gets_nothing(make_node, make_receiver, c
 
 
 @pytest.mark.parametrize("option", ["their_identity", "trust_cert"])
-def test_informs(make_node, make_receiver, receivers, credentials, own, option):
-    peer = credentials("peer")
-    receiver = make_receiver(peer, own)
+def test_informs(make_node, make_receiver, receivers, peer, own, option):
+    receiver = make_receiver(peer, own, start=False)
     node = make_node(own)
     node.configure_list("trapsess", f"trapsess -Ci -v 3 -l authPriv -T our_identity={own.fingerprint} "
                         f"-T {option}={peer.fingerprint} -r 5 -t 1 dtlsudp:127.0.0.1:{receiver.port}")
@@ -458,29 +353,9 @@ def test_informs(make_node, make_receiver, receivers, credentials, own, option):
     eventually(lambda: len(receiver.received()) == 6, 10)
 
 
-def test_ipv6(make_node, make_receiver, make_manager, credentials, own):
-    peer = credentials("peer")
-    receiver = make_receiver(peer, own, host="::1").start()
-    node = make_node(own, host="::1")
-    node.configure_list("trapsess", f"trapsess -Ci -v 3 -l authPriv -T our_identity={own.fingerprint} "
-                        f"-T their_identity={peer.fingerprint} -r 3 -t 1 dtlsudp6:[::1]:{receiver.port}")
-    node.start()
-    eventually(lambda: len(receiver.received()) == 1, what="the cold start as an inform")
-    node.set(*trust_row(1, peer.fingerprint))
-    allow(node, "peer")
-    assert can_read(make_manager(peer, own), node)
-    add_dtls_target(node, "nms", receiver.port, own.fingerprint, host="::1")
-    node.notify()
-    eventually(lambda: sorted(line.split(",")[0] for line in receiver.received()) == ["INFORM", "INFORM", "TRAP2"])
-
-
 # --- Strangers at the port
 
-def test_nonsense_and_many_beginnings_do_not_keep_managers_out(make_node, make_manager, credentials, own):
-    peer = credentials("peer")
-    node = make_node(own).start()
-    node.set(*trust_row(1, peer.fingerprint))
-    allow(node, "peer")
+def test_nonsense_and_many_beginnings_do_not_keep_managers_out(node, make_manager, peer, own):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
         probe.bind(("127.0.0.1", 0))
         client = subprocess.Popen(["openssl", "s_client", "-dtls1_2", "-connect",
@@ -501,8 +376,7 @@ def test_nonsense_and_many_beginnings_do_not_keep_managers_out(make_node, make_m
     assert node.pid() and len(node.log().splitlines()) < 50
 
 
-def test_a_manager_needs_a_certificate_and_an_up_to_date_protocol(make_node, own):
-    node = make_node(own).start()
+def test_a_manager_needs_a_certificate_and_an_up_to_date_protocol(node):
     for options in ([], ["-dtls1"]):
         result = subprocess.run(["openssl", "s_client", *options, "-dtls", "-connect", f"127.0.0.1:{node.dtls_port}"],
                                 stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=10, check=False)

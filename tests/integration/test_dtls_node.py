@@ -4,7 +4,6 @@ import json
 
 import pytest
 
-from dtls import Credential, DtlsManager, DtlsReceiver
 from vela import MIB_ROOT, SNMP, eventually, free_port, model_xml, target_xml
 
 TLS = "ManagedElement=1,SystemFunctions=1,SecM=1,Tls=1"
@@ -34,30 +33,6 @@ def install(node, own, *others):
     for folder in (node.dir, *node.dir.rglob("*")):
         if folder.is_dir():
             folder.chmod(0o700)
-
-
-@pytest.fixture
-def credentials(folder):
-    return lambda name, **options: Credential(folder / "made", name, **options)
-
-
-@pytest.fixture
-def make_receiver(folder):
-    made = []
-
-    def make(credential, node, **options):
-        made.append(DtlsReceiver(folder / f"receiver{len(made)}", credential, node, **options))
-        return made[-1].start()
-
-    yield make
-    for receiver in made:
-        receiver.stop()
-        print(receiver.output()[-4000:])
-
-
-@pytest.fixture
-def make_manager(folder):
-    return lambda credential, node: DtlsManager(folder / f"manager-{credential.name}", credential, node)
 
 
 def reads(manager, port, **options):

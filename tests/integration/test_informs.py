@@ -21,11 +21,8 @@ LEVELS = {
 
 
 @pytest.fixture
-def node(folder):
-    made = TarnNode(folder)
-    yield made
-    made.close()
-    print(made.log())
+def node(folder, stopping):
+    return stopping(TarnNode(folder))
 
 
 @pytest.fixture
@@ -203,14 +200,6 @@ class Wire:
         self.thread.join(5)
         self.front.close()
         self.back.close()
-
-
-@pytest.fixture
-def stopping():
-    made = []
-    yield lambda thing: made.append(thing) or thing
-    for thing in made:
-        thing.stop()
 
 
 def receiver_of_all(folder, port=None):

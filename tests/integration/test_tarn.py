@@ -9,7 +9,7 @@ import time
 
 import pytest
 
-from tarn_node import TARGET_ADDR, TarnNode, oid_index
+from tarn_node import TARGET_ADDR, TarnNode, oid_index, row
 from vela import BIN, TOOL_ENVIRONMENT, eventually, free_port
 
 ENGINE_ID = "1.3.6.1.6.3.10.2.1.1.0"
@@ -19,17 +19,8 @@ UPTIME = "1.3.6.1.2.1.1.3.0"
 
 
 @pytest.fixture
-def make_node(folder):
-    made = []
-
-    def make(**options):
-        made.append(TarnNode(folder, **options))
-        return made[-1]
-
-    yield make
-    for node in made:
-        node.close()
-        print(node.log())
+def make_node(folder, stopping):
+    return lambda **options: stopping(TarnNode(folder, **options))
 
 
 @pytest.fixture
@@ -79,7 +70,7 @@ def test_engine_id_stays_and_boot_count_rises_whatever_ends_the_agent(node):
     assert (node.get(ENGINE_ID), node.get(ENGINE_BOOTS)) == (engine, "5")
 
 
-def test_a_stopped_agent_is_ended(node):
+def test_the_agent_is_ended_in_every_case_and_nobody_else(node):
     node.start()
     pid = node.pid()
     os.kill(pid, signal.SIGSTOP)
@@ -87,25 +78,19 @@ def test_a_stopped_agent_is_ended(node):
     node.tarn("snmp", "stop")
     assert not is_alive(pid) and time.monotonic() - before < 10
 
-
-def test_a_stranger_with_the_pid_of_the_file_lives_on(node):
-    node.start()
+    node.tarn("snmp", "start")
+    pid = node.pid()
+    (node.folder / "run/snmpd.pid").unlink()
+    assert node.pid() == pid
     node.tarn("snmp", "stop")
+    assert not is_alive(pid)
+
     with subprocess.Popen(["sleep", "600"]) as stranger:
         (node.folder / "run/snmpd.pid").write_text(f"{stranger.pid}\n")
         assert not node.pid()
         node.tarn("snmp", "stop")
         assert stranger.poll() is None
         stranger.kill()
-
-
-def test_a_lost_pid_file_does_not_hide_the_agent(node):
-    node.start()
-    pid = node.pid()
-    (node.folder / "run/snmpd.pid").unlink()
-    assert node.pid() == pid
-    node.tarn("snmp", "stop")
-    assert not is_alive(pid)
 
 
 def test_a_taken_port_is_told_with_the_agents_own_words(node):
@@ -126,12 +111,11 @@ def test_agent_listens_on_every_address_and_on_no_default(node):
     assert node.get(SYSTEM_NAME) == "node # one"
     pid = node.pid()
     sockets = {os.readlink(f"/proc/{pid}/fd/{fd}") for fd in os.listdir(f"/proc/{pid}/fd")}
-    inodes = {name[8:-1] for name in sockets if name.startswith("socket:[")}
 
     def bound(table):
         with open(table, encoding="ascii") as file:
             rows = [line.split() for line in file.readlines()[1:]]
-        return {int(row[1].rsplit(":", 1)[1], 16) for row in rows if row[9] in inodes}
+        return {int(row[1].rsplit(":", 1)[1], 16) for row in rows if f"socket:[{row[9]}]" in sockets}
 
     assert bound("/proc/net/udp") == {node.port} and bound("/proc/net/udp6") == {other}
     node.configure("ipAddress=")
@@ -160,16 +144,15 @@ def test_files_with_secrets_are_the_owners_only(node):
     assert node.pass_phrase() == first
 
 
-@pytest.mark.parametrize("user, auth, priv", [("vela_config_user", "MD5", "DES"), ("vela_templ_SHA_DES", "SHA", "DES"),
-                                              ("vela_templ_MD5_AES", "MD5", "AES"),
-                                              ("vela_templ_SHA_AES", "SHA", "AES")])
-def test_template_users_have_the_nodes_pass_phrase(node, user, auth, priv):
+def test_template_users_have_the_nodes_pass_phrase(node):
     node.start()
-    result = node.snmp("snmpget", UPTIME, user=user, auth=auth, priv=priv)
-    # Only the first may read anything; the others are for cloning, and are known to the agent by their keys.
-    expected = "" if user == "vela_config_user" else "authorizationError"
-    assert expected in result.stdout + result.stderr
-    assert "Authentication failure" not in result.stderr and "Unknown user" not in result.stderr
+    for user, auth, priv in [("vela_config_user", "MD5", "DES"), ("vela_templ_SHA_DES", "SHA", "DES"),
+                             ("vela_templ_MD5_AES", "MD5", "AES"), ("vela_templ_SHA_AES", "SHA", "AES")]:
+        result = node.snmp("snmpget", UPTIME, user=user, auth=auth, priv=priv)
+        # Only the first may read anything; the others are for cloning, and are known to the agent by their keys.
+        expected = "" if user == "vela_config_user" else "authorizationError"
+        assert expected in result.stdout + result.stderr, user
+        assert "Authentication failure" not in result.stderr and "Unknown user" not in result.stderr, user
 
 
 def test_rows_of_a_run_do_not_survive_it_and_are_not_written_while_set(node):
@@ -180,13 +163,11 @@ def test_rows_of_a_run_do_not_survive_it_and_are_not_written_while_set(node):
     before = persistent.stat().st_mtime_ns, persistent.read_bytes()
     node.add_target("nms", receiver_port)
     assert (persistent.stat().st_mtime_ns, persistent.read_bytes()) == before
-    for restart in ("restart", "killed"):
-        if restart == "killed":
+    for command in ("restart", "start"):
+        if command == "start":
             os.kill(node.pid(), signal.SIGKILL)
             eventually(lambda: not node.pid())
-            node.tarn("snmp", "start")
-        else:
-            node.tarn("snmp", restart)
+        node.tarn("snmp", command)
         assert "No Such" in node.get(f"{TARGET_ADDR}.9.{oid_index('nms')}")
         node.add_target("nms", receiver_port)
 
@@ -202,17 +183,18 @@ def test_rows_that_an_agent_without_the_plugin_stored_do_not_survive_either(make
     node.add_target("nms", free_port())
 
 
-@pytest.mark.parametrize("version", [1, 2])
-def test_receivers_see_the_community_without_the_nodes_prefix(node, version, receivers):
-    receiver = receivers()
-    other = receivers()
+def test_receivers_see_the_community_without_the_nodes_prefix(node, receivers):
     node.start()
     node.enable_notifications()
-    node.add_target("nms", receiver.port, version, "Vela_public")
-    node.add_target("other", other.port, version, "plain")
+    expected = {}
+    for version in (1, 2):
+        for name, community in (("Vela_public", "public"), ("plain", "plain")):
+            receiver = receivers()
+            expected[receiver] = community
+            node.add_target(f"{name}{version}", receiver.port, version, name)
     node.notify()
-    assert eventually(lambda: receiver.notifications)[0].community == "public"
-    assert eventually(lambda: other.notifications)[0].community == "plain"
+    for receiver, community in expected.items():
+        assert eventually(lambda r=receiver: r.notifications)[0].community == community
 
 
 def test_requests_are_mapped_to_security_names_by_community_and_source(node):
@@ -222,13 +204,11 @@ def test_requests_are_mapped_to_security_names_by_community_and_source(node):
                                    "x" * 28 + "\tdefault", "no source", "bad\tnot/an/address")
     assert [w.split(" is left out")[0] for w in warnings] == [f"the community in line {n}" for n in (4, 5, 6)]
     node.tarn("snmp", "restart")
-    group = "1.3.6.1.6.3.16.1.2.1"
-    access = "1.3.6.1.6.3.16.1.4.1"
+    group, access = "1.3.6.1.6.3.16.1.2.1", "1.3.6.1.6.3.16.1.4.1"
     for name in ("public", odd, "far"):
-        index = f"2.{len(name) + 5}." + oid_index("Vela_" + name)
-        node.set(f"{group}.3.{index}", "s", "g", f"{group}.5.{index}", "i", 4)
-    index = "1.103.0.2.1"  # group "g", no context prefix, v2c, noAuthNoPriv
-    node.set(f"{access}.4.{index}", "i", 1, f"{access}.5.{index}", "s", "_all_", f"{access}.9.{index}", "i", 4)
+        node.set(*row(group, f"2.{len(name) + 5}." + oid_index("Vela_" + name), (3, "s", "g"), (5, "i", 4)))
+    # Group "g", no context prefix, v2c, noAuthNoPriv.
+    node.set(*row(access, "1.103.0.2.1", (4, "i", 1), (5, "s", "_all_"), (9, "i", 4)))
 
     def read(community):
         return subprocess.run(["snmpget", "-v2c", "-c", community, "-Onq", "-t", "0.5", "-r", "0",
@@ -238,42 +218,37 @@ def test_requests_are_mapped_to_security_names_by_community_and_source(node):
     assert [read(name) for name in ("public", odd, "far", "unknown")] == [True, True, False, False]
 
 
-@pytest.mark.parametrize("argument", [
-    "snmpId=x\nrwcommunity evil", "ipAddress=udp:127.0.0.1:1161\nrwcommunity evil", "ipAddress=udp:127.0.0.1:0",
-    "ipAddress=udp:127.0.0.1:65536", "ipAddress=tcp:127.0.0.1:1161", "ipAddress=udp6:::1:1161",
-    "ipAddress=udp:a b:1161", "dtlsNodeCredential=xyz", "dtlsNodeCredential=aa\nrwcommunity evil",
-    "setCipherString=ALL\nrwcommunity evil", "engineId=80001f88", "engineId=0x80", "engineId=0x80001f880",
-    "engineId=0x" + "00" * 8, "engineId=0x" + "ab" * 33, "communities=/nonexistent/file"])
-def test_a_bad_value_is_refused_in_one_line_and_changes_nothing(node, argument):
+def test_a_bad_value_is_refused_in_one_line_and_changes_nothing(node):
     node.configure(f"ipAddress=udp:127.0.0.1:{node.port}", "snmpId=before", "engineId=0x80001f8805c0ffee00")
     before = node.conf()
-    result = node.run("snmp", "configure", "snmpId=after", argument)
-    assert result.returncode == 1 and result.stdout == ""
-    assert len(result.stderr.splitlines()) == 1 and result.stderr.startswith("tarn: ")
-    assert node.conf() == before
+    for argument in (
+            "snmpId=x\nrwcommunity evil", "ipAddress=udp:127.0.0.1:1161\nrwcommunity evil", "ipAddress=udp:127.0.0.1:0",
+            "ipAddress=udp:127.0.0.1:65536", "ipAddress=tcp:127.0.0.1:1161", "ipAddress=udp6:::1:1161",
+            "ipAddress=udp:a b:1161", "dtlsNodeCredential=xyz", "dtlsNodeCredential=aa\nrwcommunity evil",
+            "setCipherString=ALL\nrwcommunity evil", "engineId=80001f88", "engineId=0x80", "engineId=0x80001f880",
+            "engineId=0x" + "00" * 8, "engineId=0x" + "ab" * 33, "communities=/nonexistent/file"):
+        result = node.run("snmp", "configure", "snmpId=after", argument)
+        assert result.returncode == 1 and result.stdout == "", argument
+        assert len(result.stderr.splitlines()) == 1 and result.stderr.startswith("tarn: "), argument
+        assert node.conf() == before, argument
 
 
-@pytest.mark.parametrize("line", [
-    "trapsess -Ci -v 3 -u u -r 1 -t 1 -l authNoPriv -a MD5 -A short 127.0.0.1:162",
-    "trapsess -Ci -v 3 -u u -r 1 -t 1 -l authNoPriv -a MD4 -A 12345678 127.0.0.1:162",
-    "trapsess -Ci -v 3 -u u -r 1 -t 1 -l authNoPriv -a  -A 12345678 127.0.0.1:162",
-    "trapsess -Ci -v 3 -u u -r x -t 1 127.0.0.1:162", "trapsess -Ci -v 2c -c public 127.0.0.1:162",
-    "rwcommunity evil", "trapsess -Ci -v 3 -u u 127.0.0.1:162\rrwcommunity", "trapsess -Ci -M /etc 127.0.0.1:162"])
-def test_a_bad_inform_receiver_is_left_out_alone(node, line):
-    good = "trapsess -Ci -v 3 -u u -r 1 -t 0 -l authNoPriv -a SHA -A p \"a\" -s\\s  phrase 127.0.0.1:162"
-    warnings = node.configure_list("trapsess", line, good)
-    assert len(warnings) == 1 and warnings[0].startswith("the inform receiver in line 1 is left out")
-    assert "12345678" not in warnings[0]
-    sessions = [text for text in node.conf().splitlines() if text.startswith("trapsess")]
-    assert sessions == ['trapsess -Ci -v "3" -u "u" -r "1" -t "1" -l "authNoPriv" -a "SHA" '
-                        '-A "p \\"a\\" -s\\\\s  phrase" 127.0.0.1:162']
-
-
-def test_a_quoted_word_of_an_inform_receiver_is_its_text(node):
+def test_a_bad_inform_receiver_is_left_out_alone(node):
+    options = "-Ci -v 3 -u u -r 1 -t 1 -l authNoPriv"
     quoted = '"p \\"a\\" -x DES \\\\ phrase"'
-    line = f"trapsess -Ci -v 3 -u u -r 1 -t 1 -l authNoPriv -a SHA -A {quoted} 127.0.0.1:162"
-    assert node.configure_list("trapsess", line) == []
-    assert f' -a "SHA" -A {quoted} 127.0.0.1:162' in node.conf()
+    bad = [f"trapsess {options} -a MD5 -A short 127.0.0.1:162", f"trapsess {options} -a MD4 -A 12345678 127.0.0.1:162",
+           f"trapsess {options} -a  -A 12345678 127.0.0.1:162", "trapsess -Ci -v 3 -u u -r x -t 1 127.0.0.1:162",
+           "trapsess -Ci -v 2c -c public 127.0.0.1:162", "rwcommunity evil",
+           "trapsess -Ci -v 3 -u u 127.0.0.1:162\rrwcommunity", "trapsess -Ci -M /etc 127.0.0.1:162"]
+    good = ["trapsess -Ci -v 3 -u u -r 1 -t 0 -l authNoPriv -a SHA -A p \"a\" -s\\s  phrase 127.0.0.1:162",
+            f"trapsess {options} -a SHA -A {quoted} 127.0.0.1:162"]  # a quoted word is its text
+    warnings = node.configure_list("trapsess", *bad, *good)
+    assert [warning.split(" is left out")[0] for warning in warnings] == \
+        [f"the inform receiver in line {number}" for number in range(1, len(bad) + 1)]
+    assert "12345678" not in "".join(warnings)
+    expected = 'trapsess -Ci -v "3" -u "u" -r "1" -t "1" -l "authNoPriv" -a "SHA" -A {} 127.0.0.1:162'
+    assert [text for text in node.conf().splitlines() if text.startswith("trapsess")] == \
+        [expected.format('"p \\"a\\" -s\\\\s  phrase"'), expected.format(quoted)]
 
 
 def test_names_of_inform_receivers_are_looked_up_before_the_agent_starts(node):
@@ -288,14 +263,14 @@ def test_names_of_inform_receivers_are_looked_up_before_the_agent_starts(node):
     assert receivers[0] in ("127.0.0.1:1162", "udp6:[::1]:1162") and receivers[1:] == ["udp6:[::1]:1162"]
 
 
-@pytest.mark.parametrize("content", ["", "\n"])
-def test_an_empty_password_file_is_made_anew(node, content):
+def test_an_empty_password_file_is_made_anew(node):
     node.start()
-    old = node.pass_phrase()
-    (node.folder / "no-backup/etc/snmp/snmp_pwd_file").write_text(content)
-    node.tarn("snmp", "restart")
-    assert len(node.pass_phrase()) >= 8 and node.pass_phrase() != old
-    assert node.get(ENGINE_BOOTS) == "2"
+    for content in ("", "\n"):
+        old = node.pass_phrase()
+        (node.folder / "no-backup/etc/snmp/snmp_pwd_file").write_text(content)
+        node.tarn("snmp", "restart")
+        assert len(node.pass_phrase()) >= 8 and node.pass_phrase() != old
+    assert node.get(ENGINE_BOOTS) == "3"
 
 
 FEATURES = [("isDtlsSupported", "1.2.0"), ("configure dtlsNodeCredential=", "1.2.0"),
@@ -304,30 +279,27 @@ FEATURES = [("isDtlsSupported", "1.2.0"), ("configure dtlsNodeCredential=", "1.2
             ("configure engineId=", "1.10.0")]
 
 
-@pytest.mark.parametrize("revision", ["1.0.0", "1.2.0", "1.6.0", "1.9.0", "1.10.0"])
-def test_an_old_revision_refuses_what_it_does_not_know(make_node, revision):
-    node = make_node(revision=revision)
-    assert node.tarn("spi-revision") == revision
-    numbers = [int(part) for part in revision.split(".")]
-    for feature, since in FEATURES:
-        known = numbers >= [int(part) for part in since.split(".")]
-        result = node.run("snmp", *feature.split())
-        assert result.returncode == (0 if known else 1), feature
-        assert known or len(result.stderr.splitlines()) == 1
+def test_an_old_revision_refuses_what_it_does_not_know(make_node):
+    for revision in ("1.0.0", "1.2.0", "1.6.0", "1.9.0", "1.10.0"):
+        node = make_node(revision=revision)
+        assert node.tarn("spi-revision") == revision
+        numbers = [int(part) for part in revision.split(".")]
+        for feature, since in FEATURES:
+            known = numbers >= [int(part) for part in since.split(".")]
+            result = node.run("snmp", *feature.split())
+            assert result.returncode == (0 if known else 1), (revision, feature)
+            assert known or len(result.stderr.splitlines()) == 1
 
 
-def test_queries(node):
-    assert node.tarn("pso", "no-backup") == str(node.folder / "no-backup")
-    assert node.tarn("snmp", "isDtlsSupported") == "yes"
-    assert node.tarn("snmp", "isExactEngineIdSupported") == "yes"
-    assert node.tarn("snmp", "ipv6PortReverseByteOrder") == "no"
-
-
-@pytest.mark.parametrize("arguments", [[], ["snmp"], ["snmp", "explode"], ["snmp", "start", "now"], ["pso"],
-                                       ["snmp", "configure", "unknown=1"], ["snmp", "configure", "ipAddress"]])
-def test_wrong_usage(node, arguments):
-    result = node.run(*arguments)
-    assert result.returncode == 2 and len(result.stderr.splitlines()) == 1
+def test_queries_and_wrong_usage(node):
+    for arguments, answer in ((("pso", "no-backup"), str(node.folder / "no-backup")),
+                              (("snmp", "isDtlsSupported"), "yes"), (("snmp", "isExactEngineIdSupported"), "yes"),
+                              (("snmp", "ipv6PortReverseByteOrder"), "no")):
+        assert node.tarn(*arguments) == answer
+    for arguments in ([], ["snmp"], ["snmp", "explode"], ["snmp", "start", "now"], ["pso"],
+                      ["snmp", "configure", "unknown=1"], ["snmp", "configure", "ipAddress"]):
+        result = node.run(*arguments)
+        assert result.returncode == 2 and len(result.stderr.splitlines()) == 1, arguments
 
 
 def test_agent_that_is_not_installed(node):

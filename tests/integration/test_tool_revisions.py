@@ -30,14 +30,6 @@ FEATURES = [
 ]
 
 
-@pytest.fixture
-def stopping():
-    made = []
-    yield lambda thing: made.append(thing) or thing
-    for thing in made:
-        thing.stop()
-
-
 @pytest.mark.parametrize("revision", ["1.0.0", "1.5.0", "1.8.0", "1.9.0", "1.10.0"])
 def test_what_the_tool_is_too_old_for_is_left_out(nodes, folder, receivers, stopping, revision):
     number = tuple(map(int, revision.split(".")))

@@ -89,14 +89,6 @@ class ProcessList:
         self.thread.join(5)
 
 
-@pytest.fixture
-def stopping():
-    made = []
-    yield lambda thing: made.append(thing) or thing
-    for thing in made:
-        thing.stop()
-
-
 def check_secrets(node, secrets):
     """Pass phrases stand in the agent's private files at most."""
     for file in node.dir.rglob("*"):

@@ -39,17 +39,16 @@ class Daemon(TrapDaemon):
     """snmptrapd, which takes from each user nothing below the user's level."""
 
     def __init__(self, folder, engine_id, users, port=None):
-        super().__init__(folder, port)
         lines = ["format2 %P\\t%v\\tend\\n", "disableAuthorization no"]
         for user in users:
             lines += [user.create_user(engine_id), f"authUser log {user.name} {LEVELS[user.level][0]}"]
-        (folder / "snmptrapd.conf").write_text("\n".join(lines) + "\n")
+        super().__init__(folder, port, lines=lines)
 
     def alarms(self):
         """(user, kind, {OID: text}) of every alarm's notification."""
         found = []
         # A value that is no ASCII text is broken into lines.
-        for record in re.findall(r"^(?:TRAP2|INFORM),.*?(?=\tend$)", (self.folder / "out").read_text(), re.M | re.S):
+        for record in re.findall(r"^(?:TRAP2|INFORM),.*?(?=\tend$)", self.output(), re.M | re.S):
             head, *bindings = record.replace("\n", "").split("\t")
             kind, _, user = head.split(", ")[:3]
             values = dict(binding.split(" = ", 1) for binding in bindings)

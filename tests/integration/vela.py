@@ -3,13 +3,15 @@
 import json
 import os
 import pathlib
+import random
 import signal
 import socket
 import subprocess
+import sys
 import threading
 import time
 
-from pyasn1.codec.ber import decoder
+from pyasn1.codec.ber import decoder, encoder
 from pysnmp.proto import api
 
 BUILD = pathlib.Path(os.environ["VELA_BUILD_DIR"]).resolve()
@@ -36,24 +38,28 @@ def eventually(condition, timeout=20.0, what="", interval=0.02):
 
 
 def free_port(family=socket.AF_INET, host=None):
-    """A port of the loopback interface that is free for UDP and TCP."""
-    host = host or ("127.0.0.1" if family == socket.AF_INET else "::1")
+    """A UDP port of the loopback interface, or of another address of this machine, that is free."""
     while True:
-        with socket.socket(family, socket.SOCK_DGRAM) as probe, socket.socket(family, socket.SOCK_STREAM) as tcp:
-            probe.bind((host, 0))
-            port = probe.getsockname()[1]
-            try:
-                tcp.bind((host, port))
-            except OSError:
-                continue
-            # The kernel hands out ephemeral ports, the agent's own sessions use them too: stay below their range.
-            port = 10000 + (port * 7919 + os.getpid()) % 20000
+        # The kernel hands out ephemeral ports, the agent's own sessions use them too: stay below their range.
+        port = random.randrange(10000, 30000)
         with socket.socket(family, socket.SOCK_DGRAM) as probe:
             try:
-                probe.bind((host, port))
+                probe.bind((host or ("127.0.0.1" if family == socket.AF_INET else "::1"), port))
                 return port
             except OSError:
                 continue
+
+
+def listening(port):
+    """The addresses at which somebody receives datagrams on a port."""
+    found = set()
+    for path, family in (("/proc/net/udp", socket.AF_INET), ("/proc/net/udp6", socket.AF_INET6)):
+        for line in open(path).readlines()[1:]:
+            address, number = line.split()[1].split(":")
+            if int(number, 16) == port:  # words of 32 bits in the order of this machine
+                words = [int(address[i:i + 8], 16).to_bytes(4, sys.byteorder) for i in range(0, len(address), 8)]
+                found.add(socket.inet_ntop(family, b"".join(words)))
+    return found
 
 
 class Notification:
@@ -125,21 +131,13 @@ class Receiver:
                 self._answer(datagram, sender)
 
     def _answer(self, datagram, sender):
-        from pyasn1.codec.ber import encoder
-
         notification = Notification(datagram)
         if notification.kind != "InformRequestPDU":
             return
         module = notification.module
-        response = module.GetResponsePDU()
-        module.apiPDU.setDefaults(response)
-        module.apiPDU.setRequestID(response, module.apiPDU.getRequestID(notification.pdu))
-        module.apiPDU.setVarBinds(response, module.apiPDU.getVarBinds(notification.pdu))
-        message = module.Message()
-        module.apiMessage.setDefaults(message)
-        module.apiMessage.setCommunity(message, notification.community)
-        module.apiMessage.setPDU(message, response)
-        self.socket.sendto(encoder.encode(message), sender)
+        response = module.apiMessage.getResponse(notification.message)
+        module.apiPDU.setVarBinds(module.apiMessage.getPDU(response), module.apiPDU.getVarBinds(notification.pdu))
+        self.socket.sendto(encoder.encode(response), sender)
 
     @property
     def notifications(self):

@@ -5,7 +5,6 @@
 #include "AgentXSubAgent.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -20,6 +19,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,6 +27,7 @@
 #include "AlarmScalars.h"
 #include "NotificationHandover.h"
 #include "SnmpMessages.h"
+#include "StateFixture.h"
 #include "TrapSender.h"
 #include "kavrelAlarmMIB.h"
 
@@ -35,24 +36,9 @@ namespace {
 using namespace VelaFmSnmp;
 using Clock = std::chrono::steady_clock;
 
-/** A UDP socket on a free port of the loopback interface. */
-class Socket {
+/** Receives notifications. */
+class Receiver : public StateTest::TakenPort {
  public:
-  Socket() : _fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-    const int size = 8 << 20;
-    setsockopt(_fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    getsockname(_fd, reinterpret_cast<sockaddr*>(&address), &length);
-    port = ntohs(address.sin_port);
-  }
-  ~Socket() { close(_fd); }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-
   /** Reads what is there: the marks (texts of the form "mark:number.") of the datagrams, in order. The master agent's
      own notifications have none. */
   std::vector<int> takeMarks() const {
@@ -65,28 +51,7 @@ class Socket {
     }
     return marks;
   }
-
-  int port = 0;
-
- private:
-  int _fd;
 };
-
-pid_t run(std::vector<std::string> arguments, const std::vector<std::string>& environment, int outputFd) {
-  std::vector<char*> argv;
-  for (std::string& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid != 0) return pid;
-  setenv("PATH", "/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin", 1);
-  setenv("MIBS", "", 1);
-  for (const std::string& variable : environment) putenv(strdup(variable.c_str()));
-  const int fd = outputFd >= 0 ? outputFd : open("/dev/null", O_WRONLY);
-  dup2(fd, 1);
-  dup2(fd, 2);
-  execvp(argv[0], argv.data());
-  _exit(127);
-}
 
 /** The library's one sub-agent, a real master agent that forwards to a socket, and the loop between them. */
 class AgentXSubAgentTest : public testing::Test {
@@ -97,8 +62,8 @@ class AgentXSubAgentTest : public testing::Test {
     folder = mkdtemp(name);
     settings.socket = folder + "/agentx";
     std::ofstream(folder + "/snmpd.conf") << "master agentx\nagentXSocket unix:" << settings.socket
-                                          << "\nagentAddress udp:127.0.0.1:" << agentPort << "\nrocommunity public\n"
-                                          << "trap2sink 127.0.0.1:" << receiver.port << " public\n";
+                                          << "\nagentAddress udp:127.0.0.1:" << agentPort << "\n"
+                                          << "trap2sink 127.0.0.1:" << receiver.port() << " public\n";
     subAgent.presetLibrary();
   }
   ~AgentXSubAgentTest() override {
@@ -109,9 +74,16 @@ class AgentXSubAgentTest : public testing::Test {
 
   void startMasterAgent() {
     std::filesystem::remove(settings.socket);
-    const std::string address = "udp:127.0.0.1:" + std::to_string(agentPort);
-    master = run({"snmpd", "-f", "-Lf", folder + "/log", "-p", folder + "/pid"},
-                 {"SNMPCONFPATH=" + folder, "SNMP_PERSISTENT_DIR=" + folder + "/persist"}, -1);
+    master = fork();
+    if (master == 0) {
+      setenv("PATH", "/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin", 1);
+      setenv("MIBS", "", 1);
+      setenv("SNMPCONFPATH", folder.c_str(), 1);
+      setenv("SNMP_PERSISTENT_DIR", (folder + "/persist").c_str(), 1);
+      execlp("snmpd", "snmpd", "-f", "-Lf", (folder + "/log").c_str(), "-p", (folder + "/pid").c_str(),
+             static_cast<char*>(nullptr));
+      _exit(127);
+    }
     ASSERT_TRUE(spin([&] { return std::filesystem::exists(settings.socket) && subAgent.attach(settings, handlers); }));
   }
   void kill() {
@@ -153,22 +125,6 @@ class AgentXSubAgentTest : public testing::Test {
     }
   }
 
-  /** What a manager reads in an object while the loop runs. */
-  std::string get(const std::string& object) {
-    int ends[2];
-    EXPECT_EQ(pipe(ends), 0);
-    const pid_t pid = run({"snmpget", "-v2c", "-cpublic", "-On", "-r20", "-t0.5",
-                           "127.0.0.1:" + std::to_string(agentPort), ".1.3.6.1.4.1.61234.183.4." + object},
-                          {}, ends[1]);
-    close(ends[1]);
-    EXPECT_TRUE(spin([&] { return waitpid(pid, nullptr, WNOHANG) == pid; }));
-    char buffer[1000];
-    const ssize_t length = read(ends[0], buffer, sizeof buffer);
-    close(ends[0]);
-    const std::string text(buffer, static_cast<std::size_t>(length > 0 ? length : 0));
-    return text.substr(text.find(" = ") + 3);
-  }
-
   static void handlers() {
     AlarmScalars::getInstance().initHandlers();
     init_kavrelAlarmMIB();
@@ -176,8 +132,8 @@ class AgentXSubAgentTest : public testing::Test {
 
   std::string folder;
   AgentXSubAgent::Settings settings;
-  const int agentPort = Socket().port;
-  Socket receiver;
+  const unsigned int agentPort = StateTest::TakenPort().port();
+  Receiver receiver;
   pid_t master = 0;
   AgentXSubAgent subAgent;
   NotificationHandover handover{
@@ -187,20 +143,8 @@ class AgentXSubAgentTest : public testing::Test {
   std::vector<int> received;
 };
 
-constexpr const char* AlwaysZero = "1.4.1.0";
-
-TEST_F(AgentXSubAgentTest, ABurstArrivesWholeAndInOrderWhileManagersAreServed) {
-  EXPECT_FALSE(subAgent.attach(settings, handlers)) << "there is no master agent yet";
-  startMasterAgent();
-  constexpr int Burst = 3000;
-  add(1, Burst);
-  EXPECT_EQ(get(AlwaysZero), "Gauge32: 0\n");
-  ASSERT_TRUE(spin([&] { return handover.isEmpty() && received.size() >= Burst; })) << received.size();
-  for (int i = 0; i < Burst; ++i) ASSERT_EQ(received[static_cast<std::size_t>(i)], i + 1);
-  EXPECT_EQ(received.size(), static_cast<std::size_t>(Burst));
-}
-
 TEST_F(AgentXSubAgentTest, AKilledMasterAgentIsSeenAndItsSuccessorGetsTheRest) {
+  EXPECT_FALSE(subAgent.attach(settings, handlers)) << "there is no master agent yet";
   startMasterAgent();
   add(1, 10);
   ASSERT_TRUE(spin([&] { return handover.isEmpty(); }));
@@ -216,10 +160,9 @@ TEST_F(AgentXSubAgentTest, AKilledMasterAgentIsSeenAndItsSuccessorGetsTheRest) {
 
   startMasterAgent();
   ASSERT_TRUE(spin([&] { return handover.isEmpty() && received.size() >= 90; }));
-  EXPECT_EQ(received.front(), 11);
-  EXPECT_EQ(received.back(), 100);
-  EXPECT_EQ(received.size(), 90U);
-  EXPECT_EQ(get(AlwaysZero), "Gauge32: 0\n") << "the objects are registered with the new master agent";
+  std::vector<int> rest(90);
+  std::iota(rest.begin(), rest.end(), 11);
+  EXPECT_EQ(received, rest);
 }
 
 TEST_F(AgentXSubAgentTest, ClosingTowardsAStoppedMasterAgentDoesNotWait) {

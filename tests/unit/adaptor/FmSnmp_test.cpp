@@ -2,24 +2,19 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "FmService.h"
 #include "FmSnmpCM.h"
-#include "MoTransaction.h"
-#include "NodeServices.h"
-#include "Portal.h"
-#include "ScriptWrapper.h"
 #include "SnmpMessages.h"
 #include "StateTestSupport.h"
+#include "config/ModelFixture.h"
 
 namespace {
 
@@ -36,28 +31,24 @@ class Notification {
   };
 
   explicit Notification(const std::vector<Event>& events) {
-    _attributes.reserve(64);
-    _events.reserve(events.size());
-    _lists.reserve(events.size());
     for (const Event& event : events) {
-      std::vector<const DaxOamSpiCmEvent_Attribute_1T*>& list = _lists.emplace_back();
-      for (const char* name : event.attributes) {
-        _attributes.push_back({name});
-        list.push_back(&_attributes.back());
-      }
+      std::vector<const Attribute*>& list = _lists.emplace_back();
+      for (const char* name : event.attributes) list.push_back(&_attributes.emplace_back(Attribute{name}));
       list.push_back(nullptr);
       _events.push_back({event.dn, event.type, event.hasAttributes ? list.data() : nullptr});
+      _pointers.push_back(&_events.back());
     }
-    for (const DaxOamSpiCmEvent_Event_1T& event : _events) _pointers.push_back(&event);
     _pointers.push_back(nullptr);
     value.events = _pointers.data();
   }
   DaxOamSpiCmEvent_Notification_1T value{};
 
  private:
-  std::vector<DaxOamSpiCmEvent_Attribute_1T> _attributes;
-  std::vector<std::vector<const DaxOamSpiCmEvent_Attribute_1T*>> _lists;
-  std::vector<DaxOamSpiCmEvent_Event_1T> _events;
+  using Attribute = DaxOamSpiCmEvent_Attribute_1T;
+  // What is pointed at stays where it is.
+  std::deque<Attribute> _attributes;
+  std::deque<std::vector<const Attribute*>> _lists;
+  std::deque<DaxOamSpiCmEvent_Event_1T> _events;
   std::vector<const DaxOamSpiCmEvent_Event_1T*> _pointers;
 };
 
@@ -148,53 +139,20 @@ TEST_F(FmSnmpTest, FmEventsAreCopiedIntoMessages) {
 }
 
 /** The component in a node's services, with tools that answer nothing useful. */
-class FmSnmpNodeTest : public FmSnmpTest {
+class FmSnmpNodeTest : public ModelFixture {
  protected:
-  struct NoTool : Vela::ScriptRunner {
-    int run(const std::vector<std::string>&, int, std::string&, const Vela::ScriptCancellation*) override { return 1; }
-  };
-
   FmSnmpNodeTest() {
     services.getLog().setLevel(8);
-    services.getLog().setSink([this](const VelaNode::HostLog::Line& line) {
-      const std::lock_guard<std::mutex> lock(mutex);
-      lines.emplace_back(line.text);
-    });
-    Vela::ScriptWrapper::setRunner(std::make_shared<NoTool>());
-    VelaNode::MoTransaction transaction(services.getStore());
-    for (const char* dn :
-         {"ManagedElement=1", "ManagedElement=1,SystemFunctions=1", "ManagedElement=1,SystemFunctions=1,Fm=1",
-          "ManagedElement=1,SystemFunctions=1,SysM=1", snmp}) {
-      transaction.create(dn);
-    }
-    transaction.setText(snmp, "administrativeState", "LOCKED");
-    transaction.commit();
-    file = testing::TempDir() + "fm_snmp_" + std::to_string(getpid()) + ".xml";
+    set(Snmp, "administrativeState", "LOCKED");
     std::ofstream(file) << "<VelaFmSnmp/>";
   }
   ~FmSnmpNodeTest() override {
     std::filesystem::remove(file);
     component.stop(VelaStateChangeDeactivate);
-    Vela::Portal::set(nullptr);
-    Vela::ScriptWrapper::setRunner(nullptr);
   }
 
-  bool isLogged(const std::string& text) const {
-    const std::lock_guard<std::mutex> lock(mutex);
-    return std::any_of(lines.begin(), lines.end(),
-                       [&](const std::string& line) { return line.find(text) != std::string::npos; });
-  }
   bool waitForLine(const std::string& text) const {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!isLogged(text)) {
-      if (std::chrono::steady_clock::now() > end) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-  }
-  void forgetLines() {
-    const std::lock_guard<std::mutex> lock(mutex);
-    lines.clear();
+    return StateTest::eventually([&] { return isLogged(text); });
   }
   VelaReturnT init(const char* configuration) {
     static const VelaMgmtSpiInterfacePortalAccessor accessor = {
@@ -202,11 +160,9 @@ class FmSnmpNodeTest : public FmSnmpTest {
     return FmSnmpCM::getInstance().velaLCMinit(&accessor, configuration);
   }
 
-  static constexpr const char* snmp = "ManagedElement=1,SystemFunctions=1,SysM=1,Snmp=1";
-  mutable std::mutex mutex;
-  std::vector<std::string> lines;
-  std::string file;
-  VelaNode::NodeServices services;
+  StateTest::CommandStandIn tools{[](const std::string&, std::string&) { return 1; }};
+  const std::string file = testing::TempDir() + "fm_snmp_" + std::to_string(getpid()) + ".xml";
+  FmSnmp& component = FmSnmp::getInstance();
 };
 
 TEST_F(FmSnmpNodeTest, StartsForwardsStopsAndStartsAgain) {
@@ -219,7 +175,7 @@ TEST_F(FmSnmpNodeTest, StartsForwardsStopsAndStartsAgain) {
     ASSERT_EQ(component.start(VelaStateChangeActivate), 0);
     EXPECT_TRUE(isLogged("Starting Fm Snmp Component, reason: 1"));
     EXPECT_TRUE(isLogged("Got first FM instance: ManagedElement=1,SystemFunctions=1,Fm=1."));
-    EXPECT_TRUE(isLogged(std::string("Got first Snmp instance: ") + snmp + "."));
+    EXPECT_TRUE(isLogged("Got first Snmp instance: " + Snmp + "."));
     VelaNode::FmReport report;
     report.key.source = "ManagedElement=1";
     fm.alert(report);
@@ -230,9 +186,7 @@ TEST_F(FmSnmpNodeTest, StartsForwardsStopsAndStartsAgain) {
     EXPECT_TRUE(waitForLine("queueing trap for alarmlistrebuilt"));
     ASSERT_TRUE(waitForLine("to IdleDisabled"));
 
-    VelaNode::MoTransaction transaction(services.getStore());
-    transaction.setText(snmp, "snmpId", "run " + std::to_string(run));
-    transaction.commit();
+    set(Snmp, "snmpId", "run " + std::to_string(run));
     EXPECT_TRUE(waitForLine("got IMM change event, reload configuration"));
 
     const auto begin = std::chrono::steady_clock::now();
@@ -243,7 +197,7 @@ TEST_F(FmSnmpNodeTest, StartsForwardsStopsAndStartsAgain) {
   }
   forgetLines();
   component.onAlarmListRebuilt("", nullptr);
-  EXPECT_EQ(take().size(), 1U) << "nobody reads any more";
+  EXPECT_EQ(component.getAdaptorThread().popFromInput().size(), 1U) << "nobody reads any more";
 }
 
 TEST_F(FmSnmpNodeTest, AStartThatFailsSaysWhy) {
@@ -285,6 +239,7 @@ TEST_F(FmSnmpNodeTest, TheFrameworksRefusalIsReturned) {
 }
 
 TEST_F(FmSnmpNodeTest, TheDescriptionNamesWhatIsNeeded) {
+  ASSERT_EQ(init(file.c_str()), 0);
   const VelaMgmtSpiComponent_1T& description = *component.getComponent();
   EXPECT_EQ(description.componentInterface.componentName, nullptr);
   EXPECT_STREQ(description.componentInterface.interfaceName, "VelaMgmtSpiComponent");
@@ -294,7 +249,7 @@ TEST_F(FmSnmpNodeTest, TheDescriptionNamesWhatIsNeeded) {
     const auto text = [](const char* value) { return std::string(value ? value : "any"); };
     needed.push_back(text((*next)->componentName) + "/" + text((*next)->interfaceName) + "/" +
                      text((*next)->interfaceVersion));
-    EXPECT_TRUE(Vela::Portal::get() == nullptr || FmSnmpCM::getInstance().getInterface(**next)) << needed.back();
+    EXPECT_TRUE(FmSnmpCM::getInstance().getInterface(**next)) << needed.back();
   }
   EXPECT_EQ(needed, (std::vector<std::string>{"any/VelaMwSpiLog/1", "any/DaxMwSpiTrace/any",
                                               "VelaOamSpiEventService/VelaOamSpiEventRouter/1",

@@ -3,12 +3,10 @@
 #include <sys/eventfd.h>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "SnmpAlarmSnapshot.h"
@@ -21,18 +19,20 @@ namespace {
 
 using namespace VelaFmSnmp;
 using StateTest::CapturedLog;
+using StateTest::eventually;
 
 /** What the states of these tests do, and what they saw. Filled by the adaptor thread, where there is one. */
 struct StateScript {
   std::function<StateTransition(SnmpAdaptorRunnable&)> onUpdate;
   std::atomic<int> updates{0};
   std::atomic<int> events[7] = {};
-  std::atomic<int> entriesOfFirst{0};
+  std::atomic<int> entries{0};
 };
 StateScript* script = nullptr;
 
 class PlainState : public FmState {
  public:
+  PlainState() { ++script->entries; }
   StateTransition onEvent(SnmpAdaptorRunnable&, SnmpEvent event) override {
     ++script->events[event];
     return event == SnmpEventTerminate ? StateTransition() : StateTransition::handled();
@@ -43,18 +43,13 @@ class PlainState : public FmState {
   }
 };
 
-class FirstState : public PlainState {
- public:
-  FirstState() { ++script->entriesOfFirst; }
-};
-
 class LastState : public FmState {
  public:
   explicit LastState(SnmpAdaptorRunnable& owner) { owner.setRunning(false); }
 };
 
-/** The model's side: an empty alarm list, whose reads are counted. */
-class Model : public MoConnector {
+/** An empty alarm list, whose reads are counted. */
+class Model : public StateTest::ModelStandIn {
  public:
   void init(VelaMgmtSpiInterfacePortal_1T*) override {}
   bool visit(ISnmpXmodDataProviderAlarmVisitor& visitor) override {
@@ -63,8 +58,6 @@ class Model : public MoConnector {
     visitor.endAlarms();
     return true;
   }
-  void setSnmpOperationalState(bool) const override {}
-  void setTargetOperationalState(const char*, bool) const override {}
   int visits = 0;
 };
 
@@ -73,7 +66,6 @@ class TestAdaptor : public SnmpAdaptorRunnable {
  public:
   explicit TestAdaptor(Vela::ThreadWPipes& input) : SnmpAdaptorRunnable(input) {
     for (int id = FmStateIdOneTimeInit; id <= FmStateIdIdleError; ++id) registerState<PlainState>(id, getStateName(id));
-    registerState<FirstState>(FmStateIdOneTimeInit, getStateName(FmStateIdOneTimeInit));
     registerState<LastState>(FmStateIdShutdown, "Shutdown");
     auto agent = std::make_unique<AdaptorTest::SubAgentStandIn>();
     subAgent = agent.get();
@@ -93,15 +85,6 @@ class TestAdaptor : public SnmpAdaptorRunnable {
   bool isConfiguratorBroken = false;
 };
 
-bool waitFor(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
 class RunnableTest : public testing::Test {
  protected:
   RunnableTest() {
@@ -114,8 +97,7 @@ class RunnableTest : public testing::Test {
       sent.push_back(static_cast<int>(list->val.objid[list->val_len / sizeof(oid) - 1]));
       ++current->subAgent->counts.sent;
     });
-    SnmpMaSession::setFactory(
-        [this] { return std::make_unique<StateTest::SessionStandIn>(agent, journal, "adaptor"); });
+    SnmpMaSession::setFactory([this] { return std::make_unique<StateTest::SessionStandIn>(agent, "adaptor"); });
   }
   ~RunnableTest() override {
     if (input.isRunning()) stopThread();
@@ -128,13 +110,8 @@ class RunnableTest : public testing::Test {
   void configure() {
     SnmpConfig config;
     config.agentAddress = {{"127.0.0.1", 1161}};
-    Poco::AutoPtr<SnmpTargetV2C> target(new SnmpTargetV2C);
-    target->name = "nms";
-    target->address = "127.0.0.1";
-    target->port = 1162;
-    target->community = "public";
-    config.targets["nms"] = target;
-    StateTest::SessionStandIn session(agent, journal, "test");
+    StateTest::addTarget(config, "nms");
+    StateTest::SessionStandIn session(agent, "test");
     session.initSessionWithPwdFile("", 0, "", "");
     adaptor->getConfigurator().reconfigure(session, config);
     ASSERT_TRUE(adaptor->getConfigurator().isConfigured());
@@ -193,7 +170,6 @@ class RunnableTest : public testing::Test {
   StateScript states;
   Vela::ThreadWPipes input{"test"};
   SnmpConfigHandler handler;
-  StateTest::Journal journal;
   StateTest::MasterAgent agent;
   std::unique_ptr<TestAdaptor> adaptor;
 };
@@ -248,25 +224,12 @@ TEST_F(RunnableTest, NotificationsAreSentQueuedOrDroppedByState) {
   }
 }
 
-TEST_F(RunnableTest, QueueingAnAlertTellsTheLengthBefore) {
-  handle(alarm());
-  handle(alarm(false));
-  const std::string line = log.lines(Vela::LogWarning).back();
-  EXPECT_EQ(line.rfind("[state OneTimeInit] queueing trap for alert: ", 0), 0U) << line;
-  EXPECT_EQ(line.substr(line.rfind(" , ")), " , QueueSize: 1");
-}
-
-TEST_F(RunnableTest, WithoutTargetsNothingIsKept) {
+TEST_F(RunnableTest, NothingIsKeptWithoutTargetsAndNothingSentBeforeTheyAreWritten) {
   adaptor->changeState(FmStateIdIdleEnabled);
   handle(alarm());
   configure();
   handle(make(SnmpMessageHeartbeat));
   EXPECT_EQ(takeSent(), (std::vector<int>{Heartbeat}));
-}
-
-TEST_F(RunnableTest, NothingIsSentToAMasterAgentWithoutItsTargets) {
-  configure();
-  adaptor->changeState(FmStateIdIdleEnabled);
   adaptor->getConfigurator().invalidate();
   handle(alarm());
   EXPECT_TRUE(takeSent().empty());
@@ -279,6 +242,9 @@ TEST_F(RunnableTest, QueuedNotificationsLeaveInOrderAndAtMostSoMany) {
   configure();
   handle(alarm());
   handle(alarm(false));
+  const std::string line = log.lines(Vela::LogWarning).back();
+  EXPECT_EQ(line.rfind("[state OneTimeInit] queueing trap for alert: ", 0), 0U) << line;
+  EXPECT_EQ(line.substr(line.rfind(" , ")), " , QueueSize: 1") << "the length before";
   handle(make(SnmpMessageAlarmListRebuilt));
   adaptor->sendQueuedAlarms(10);
   EXPECT_TRUE(takeSent().empty()) << "not operational";
@@ -401,9 +367,9 @@ TEST_F(RunnableTest, TheSubAgentAttachesOnlyOnceAMasterAgentWasStarted) {
 }
 
 TEST_F(RunnableTest, StoppingTheMasterAgentClosesEverythingAndNeverThrows) {
-  std::string answer = "!no tool";
+  bool isMissing = true;
   StateTest::CommandStandIn tool([&](const std::string&, std::string&) -> int {
-    if (!answer.empty()) throw Vela::VelaException("no tool");
+    if (isMissing) throw Vela::VelaException("no tool");
     return 0;
   });
   configure();
@@ -413,7 +379,7 @@ TEST_F(RunnableTest, StoppingTheMasterAgentClosesEverythingAndNeverThrows) {
   const std::vector<std::string> errors = log.lines(Vela::LogError);
   ASSERT_FALSE(errors.empty());
   EXPECT_EQ(errors.back().rfind("stopMasterAgent caught exception: ", 0), 0U);
-  answer.clear();
+  isMissing = false;
   tool.takeCommands();
   adaptor->stopMasterAgent();
   EXPECT_EQ(tool.takeCommands(), (std::vector<std::string>{"tarn|snmp|stop @15000"}));
@@ -423,51 +389,34 @@ TEST_F(RunnableTest, AStopEndsTheThreadAtOnceAndAnotherRunFollows) {
   states.onUpdate = [](SnmpAdaptorRunnable&) { return StateTransition::handled(3600000); };
   for (int run = 1; run <= 2; ++run) {
     const int updates = states.updates;
-    const int entries = states.entriesOfFirst;
+    const int entries = states.entries;
     startThread();
-    ASSERT_TRUE(waitFor([&] { return states.updates > updates; }));
+    ASSERT_TRUE(eventually([&] { return states.updates > updates; }));
     EXPECT_TRUE(adaptor->isRunning());
     EXPECT_THROW(adaptor->prepareForStart(nullptr), Vela::VelaException) << "the thread still runs";
     stopThread();
     EXPECT_FALSE(adaptor->isRunning());
-    EXPECT_EQ(states.entriesOfFirst, entries + 1);
+    EXPECT_EQ(states.entries, entries + 1) << "it begins in the first state";
     EXPECT_FALSE(SnmpAlarmSnapshot::getInstance().syncWithSource()) << "there is no provider any more";
     adaptor->stop();  // too late for this run, and without a meaning for the next
   }
 }
 
-TEST_F(RunnableTest, AStopEndsTheToolThatRunsButNotTheOneOfTheShutdown) {
-  /** Runs until it is cancelled, as a tool that hangs. */
-  struct Hanging : Vela::ScriptRunner {
-    int run(const std::vector<std::string>&, int, std::string&, const Vela::ScriptCancellation* cancellation) override {
-      ++runs;
-      if (!waitFor([&] { return cancellation->isCancelled(); })) return 1;
-      throw Vela::VelaException("cancelled");
-    }
-    std::atomic<int> runs{0};
-  };
-  const auto tool = std::make_shared<Hanging>();
-  states.onUpdate = [](SnmpAdaptorRunnable& owner) {
-    owner.stopMasterAgent();
-    return StateTransition::handled();
-  };
-  Vela::ScriptWrapper::setRunner(tool);
-  startThread();
-  ASSERT_TRUE(waitFor([&] { return tool->runs > 0; }));
-  stopThread();
-  adaptor->resetToolCancellation();  // as the shutdown state does
-  adaptor->stop();
-  std::string output;
-  struct Question : Vela::ScriptRunner {
+TEST_F(RunnableTest, AStopEndsToolsButASecondOneNotThoseOfTheShutdown) {
+  struct Tool : Vela::ScriptRunner {
     int run(const std::vector<std::string>&, int, std::string&, const Vela::ScriptCancellation* cancellation) override {
       return cancellation->isCancelled() ? 1 : 0;
     }
   };
-  Vela::ScriptWrapper::setRunner(std::make_shared<Question>());
-  adaptor->stopMasterAgent();
+  Vela::ScriptWrapper::setRunner(std::make_shared<Tool>());
+  for (const long cancelled : {0, 1, 1}) {
+    adaptor->stopMasterAgent();
+    EXPECT_EQ(log.count(Vela::LogError, "stopMasterAgent caught exception: tarn snmp stop failed with exit status 1: "),
+              cancelled);
+    if (cancelled == 1) adaptor->resetToolCancellation();  // as the shutdown state does
+    adaptor->stop();
+  }
   Vela::ScriptWrapper::setRunner(nullptr);
-  EXPECT_EQ(log.count(Vela::LogError, "stopMasterAgent caught exception: tarn snmp stop failed with exit status 1: "),
-            0);
 }
 
 TEST_F(RunnableTest, AStateChangeMessageStops) {
@@ -477,7 +426,7 @@ TEST_F(RunnableTest, AStateChangeMessageStops) {
     startThread();
     input.pushToInput(std::make_unique<SnmpStateChangeMessage>(VelaStateChangeActivate));
     input.pushToInput(std::make_unique<CmEventMessage>(DaxOamSpiCmEvent_Notification_1T{}));
-    ASSERT_TRUE(waitFor([&] { return states.events[SnmpEventImmChange] > changes; })) << "still running";
+    ASSERT_TRUE(eventually([&] { return states.events[SnmpEventImmChange] > changes; })) << "still running";
     input.pushToInput(std::make_unique<SnmpStateChangeMessage>(reason));
     ASSERT_TRUE(input.join(20000)) << reason;
   }
@@ -490,7 +439,7 @@ TEST_F(RunnableTest, ReadyDescriptorsDoNotStarveTheStates) {
     return StateTransition::handled(5);
   };
   startThread();
-  EXPECT_TRUE(waitFor([&] { return states.updates >= 5; }));
+  EXPECT_TRUE(eventually([&] { return states.updates >= 5; }));
   stopThread();
   EXPECT_GT(adaptor->subAgent->reads, 0);
   close(adaptor->subAgent->descriptor);
@@ -506,7 +455,7 @@ TEST_F(RunnableTest, AClockSetBackMakesTheNextStepDueAtOnce) {
     return StateTransition::handled(1);
   };
   startThread();
-  EXPECT_TRUE(waitFor([&] { return states.updates >= 3; }));
+  EXPECT_TRUE(eventually([&] { return states.updates >= 3; }));
   stopThread();
   SnmpUtil::setWallClock(nullptr);
   EXPECT_GE(log.count(Vela::LogInfo, "Detected change in the system time resetting the stateMachine update time"), 2);
@@ -545,7 +494,7 @@ TEST_F(RunnableTest, AClosedConnectionIsReportedOncePerStay) {
     return StateTransition::handled(1);
   };
   startThread();
-  ASSERT_TRUE(waitFor([&] { return states.updates > 10; }));
+  ASSERT_TRUE(eventually([&] { return states.updates > 10; }));
   EXPECT_EQ(states.events[SnmpEventBootCountMismatch], 0) << "no master agent was started";
   stopThread();
 
@@ -554,21 +503,21 @@ TEST_F(RunnableTest, AClosedConnectionIsReportedOncePerStay) {
     return update(owner);
   };
   startThread();
-  ASSERT_TRUE(waitFor([&] { return states.events[SnmpEventBootCountMismatch] == 1; }));
+  ASSERT_TRUE(eventually([&] { return states.events[SnmpEventBootCountMismatch] == 1; }));
   int updates = states.updates;
-  ASSERT_TRUE(waitFor([&] { return states.updates > updates + 10; }));
+  ASSERT_TRUE(eventually([&] { return states.updates > updates + 10; }));
   EXPECT_EQ(states.events[SnmpEventBootCountMismatch], 1);
 
   wanted = FmStateIdPostConfigure;
-  ASSERT_TRUE(waitFor([&] { return states.events[SnmpEventRestart] == 1; }));
+  ASSERT_TRUE(eventually([&] { return states.events[SnmpEventRestart] == 1; }));
   wanted = FmStateIdConfigureTargets;
   updates = states.updates;
-  ASSERT_TRUE(waitFor([&] { return states.updates > updates + 10; }));
+  ASSERT_TRUE(eventually([&] { return states.updates > updates + 10; }));
   wanted = FmStateIdIdleEnabled;
-  ASSERT_TRUE(waitFor([&] { return states.events[SnmpEventBootCountMismatch] == 2; }));
+  ASSERT_TRUE(eventually([&] { return states.events[SnmpEventBootCountMismatch] == 2; }));
   wanted = FmStateIdPostConfigure;
   updates = states.updates;
-  ASSERT_TRUE(waitFor([&] { return states.updates > updates + 10; }));
+  ASSERT_TRUE(eventually([&] { return states.updates > updates + 10; }));
   EXPECT_EQ(states.events[SnmpEventRestart], 1) << "not so soon again";
   stopThread();
 }
@@ -583,7 +532,7 @@ TEST_F(RunnableTest, AMasterAgentThatDoesNotAnswerIsNotAttachedToAgain) {
     return StateTransition::handled(1);
   };
   startThread();
-  ASSERT_TRUE(waitFor([&] { return states.updates > 20; }));
+  ASSERT_TRUE(eventually([&] { return states.updates > 20; }));
   stopThread();
   EXPECT_EQ(states.events[SnmpEventNoContact], 1);
   EXPECT_EQ(states.events[SnmpEventBootCountMismatch], 0);
@@ -639,10 +588,10 @@ TEST_F(RunnableTest, TheListenerRecognisesTheFirstQueuedNotification) {
 
   startThread();
   input.pushToInput(std::make_unique<SnmpAlarmMessage>(expected));
-  ASSERT_TRUE(waitFor([&] { return port != 0 && countQueued() == 1; }));
+  ASSERT_TRUE(eventually([&] { return port != 0 && countQueued() == 1; }));
   const auto settle = [&] {
     const int updates = states.updates;
-    return waitFor([&] { return states.updates > updates + 20; });
+    return eventually([&] { return states.updates > updates + 20; });
   };
   sendDatagram(expected, port);
   ASSERT_TRUE(settle());
@@ -653,9 +602,9 @@ TEST_F(RunnableTest, TheListenerRecognisesTheFirstQueuedNotification) {
   ASSERT_TRUE(settle());
   EXPECT_EQ(states.events[SnmpEventTrapReceived], 0);
   sendDatagram(expected, port);
-  ASSERT_TRUE(waitFor([&] { return states.events[SnmpEventTrapReceived] == 1; }));
+  ASSERT_TRUE(eventually([&] { return states.events[SnmpEventTrapReceived] == 1; }));
   sendDatagram(other, port);
-  ASSERT_TRUE(waitFor([&] { return states.events[SnmpEventTrapReceived] == 2; })) << "nothing is queued any more";
+  ASSERT_TRUE(eventually([&] { return states.events[SnmpEventTrapReceived] == 2; })) << "nothing is queued any more";
   stopThread();
   EXPECT_FALSE(adaptor->hasQueuedAlarms());
 }

@@ -45,10 +45,12 @@ class Journal {
   std::vector<std::string> _lines;
 };
 
+/** Of the test that runs. */
+inline Journal journal;
+
 /** A master agent of a few lines: answers every request, with an engine id and a boot count. */
 struct MasterAgent {
   std::atomic<int> boots{1};
-  std::atomic<bool> isMute{false};  /**< requests time out */
   std::atomic<int> mutePolls{0};    /**< so many requests time out */
   std::atomic<int> refusedOpens{0}; /**< so many sessions cannot be opened */
   std::atomic<int> requests{0};     /**< answered or not */
@@ -57,12 +59,11 @@ struct MasterAgent {
 
 class SessionStandIn : public SnmpMaSession {
  public:
-  SessionStandIn(MasterAgent& agent, Journal& journal, std::string name)
-      : _agent(agent), _journal(journal), _name(std::move(name)) {}
+  SessionStandIn(MasterAgent& agent, std::string name) : _agent(agent), _name(std::move(name)) {}
 
   void initSessionWithPwdFile(const std::string& host, int port, const std::string& user,
                               const std::string& pwdFile) override {
-    _journal.add(_name + " open " + host + " " + std::to_string(port) + " " + user + " " + pwdFile);
+    journal.add(_name + " open " + host + " " + std::to_string(port) + " " + user + " " + pwdFile);
     if (_agent.refusedOpens > 0) {
       --_agent.refusedOpens;
       throw SnmpSessionException("nobody there");
@@ -70,7 +71,7 @@ class SessionStandIn : public SnmpMaSession {
     _isOpen = true;
   }
   void close() override {
-    if (_isOpen) _journal.add(_name + " close");
+    if (_isOpen) journal.add(_name + " close");
     _isOpen = false;
   }
   bool isOpen() const override { return _isOpen; }
@@ -82,7 +83,6 @@ class SessionStandIn : public SnmpMaSession {
   int snmp_synch_response(SnmpPdu& request, SnmpPdu* response) const override {
     const std::unique_ptr<snmp_pdu, decltype(&snmp_free_pdu)> taken(request.release(), &snmp_free_pdu);
     ++_agent.requests;
-    if (_agent.isMute) return STAT_TIMEOUT;
     if (_agent.mutePolls > 0) {
       --_agent.mutePolls;
       return STAT_TIMEOUT;
@@ -108,7 +108,6 @@ class SessionStandIn : public SnmpMaSession {
 
  private:
   MasterAgent& _agent;
-  Journal& _journal;
   const std::string _name;
   bool _isOpen = false;
 };
@@ -116,10 +115,8 @@ class SessionStandIn : public SnmpMaSession {
 /** The model: hands out one configuration. */
 class ModelStandIn : public MoConnector {
  public:
-  explicit ModelStandIn(Journal& journal) : _journal(journal) {}
-
   void getSnmpConfig(SnmpConfig& config, bool dtlsSupported) const override {
-    _journal.add(dtlsSupported ? "read with dtls" : "read");
+    journal.add(dtlsSupported ? "read with dtls" : "read");
     if (failures > 0) {
       --failures;
       throw Vela::VelaException("no model");
@@ -127,7 +124,7 @@ class ModelStandIn : public MoConnector {
     config = snmpConfig;
   }
   int setEngineId(const std::string& engineId) const override {
-    _journal.add("engineId '" + engineId + "'");
+    journal.add("engineId '" + engineId + "'");
     return 0;
   }
   void setSnmpOperationalState(bool) const override {}
@@ -135,32 +132,20 @@ class ModelStandIn : public MoConnector {
 
   SnmpConfig snmpConfig;
   mutable int failures = 0;
-
- private:
-  Journal& _journal;
 };
 
 class DscpStandIn : public SnmpDscpRuleHandler {
  public:
-  explicit DscpStandIn(Journal& journal) : _journal(journal) {}
-  void setCmRule(const SnmpConfig&) const override { _journal.add("cm rule"); }
-  void setFmRule(const SnmpConfig&) const override { _journal.add("fm rule"); }
-  void removeCmRule() const override { _journal.add("no cm rule"); }
-  void removeFmRule() const override { _journal.add("no fm rule"); }
-
- private:
-  Journal& _journal;
+  void setCmRule(const SnmpConfig&) const override { journal.add("cm rule"); }
+  void setFmRule(const SnmpConfig&) const override { journal.add("fm rule"); }
+  void removeCmRule() const override { journal.add("no cm rule"); }
+  void removeFmRule() const override { journal.add("no fm rule"); }
 };
 
 /** The adaptor with its surroundings replaced; configurator, tool wrapper and listener are the real ones. */
 class Adaptor : public SnmpAdaptorRunnable {
  public:
-  Adaptor(Vela::ThreadWPipes& input, Journal& givenJournal, MasterAgent& agent)
-      : SnmpAdaptorRunnable(input),
-        journal(givenJournal),
-        model(givenJournal),
-        session(agent, givenJournal, "adaptor"),
-        dscp(givenJournal) {}
+  Adaptor(Vela::ThreadWPipes& input, MasterAgent& agent) : SnmpAdaptorRunnable(input), session(agent, "adaptor") {}
   ~Adaptor() override { leaveState(); }
 
   bool hasQueuedAlarms() const override { return queued > 0; }
@@ -187,13 +172,13 @@ class Adaptor : public SnmpAdaptorRunnable {
   bool isSubAgentActive() const override { return isAttached; }
   void stopMasterAgent() override {
     journal.add("stop agent");
-    throwIf(failsToStop);
+    failOrNot();
   }
   void resetToolCancellation() override { journal.add("tools again"); }
   void onReconfigSuccess() override { journal.add("success"); }
   void onReconfigFail() override {
     journal.add("fail");
-    throwIf(failsToReport);
+    failOrNot();
   }
   void closeListener() override {
     journal.add("close listener");
@@ -205,7 +190,6 @@ class Adaptor : public SnmpAdaptorRunnable {
   SnmpDscpRuleHandler& getDscpRuleHandler() override { return dscp; }
   void getStaticTlsConfiguration() override { journal.add("static tls"); }
 
-  Journal& journal;
   ModelStandIn model;
   SessionStandIn session;
   DscpStandIn dscp;
@@ -214,19 +198,18 @@ class Adaptor : public SnmpAdaptorRunnable {
   int failingSends = 0;
   int failingAttaches = 0;
   bool isAttached = false;
-  bool failsToStop = false;
-  bool failsToReport = false;
+  bool failsToStopAndReport = false;
 
  private:
-  static void throwIf(bool fails) {
-    if (fails) throw Vela::VelaException("not now");
+  void failOrNot() const {
+    if (failsToStopAndReport) throw Vela::VelaException("not now");
   }
 };
 
 /** A UDP socket on a port of its own on the loopback interface, for as long as it lives. */
 class TakenPort {
  public:
-  TakenPort() : _fd(socket(AF_INET, SOCK_DGRAM, 0)) {
+  TakenPort() : _fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -245,20 +228,33 @@ class TakenPort {
     _fd = -1;
   }
 
- private:
+ protected:
   int _fd;
+
+ private:
   unsigned int _port = 0;
 };
+
+/** Adds a target to a configuration. One whose community is too long cannot be made operational. */
+inline SnmpTargetV2C* addTarget(SnmpConfig& to, const std::string& name, const std::string& community = "public") {
+  Poco::AutoPtr<SnmpTargetV2C> target(new SnmpTargetV2C);
+  target->name = name;
+  target->address = "127.0.0.1";
+  target->port = 1162;
+  target->community = community;
+  target->networkPrefixLength = -1;
+  to.targets[name] = target;
+  return target.get();
+}
 
 class StatesTest : public testing::Test {
  protected:
   StatesTest() {
     configure(true);
     adaptor.setConfigurationHandler(&handler);
-    SnmpMaSession::setFactory([this] { return std::make_unique<SessionStandIn>(agent, journal, "supervision"); });
+    SnmpMaSession::setFactory([this] { return std::make_unique<SessionStandIn>(agent, "supervision"); });
     FmStateIdleError::numReconfigAttempts = 0;
-    TakenPort port;
-    agentPort = port.port();
+    agentPort = TakenPort().port();
     config().agentAddress = {{"127.0.0.1", agentPort}};
     journal.take();
   }
@@ -267,29 +263,18 @@ class StatesTest : public testing::Test {
     SnmpMaSession::setFactory({});
   }
 
-  /** Loads component settings: the shortest poll interval, and whether the internal listener is used. */
-  void configure(bool useListener) {
+  /** Loads component settings. */
+  void configure(bool useListener, int pollSeconds = 0) {
     const std::string file = testing::TempDir() + "states_" + std::to_string(getpid()) + ".xml";
-    std::ofstream(file) << "<VelaFmSnmp><snmpPollInterval>0</snmpPollInterval><useInternalTrapListener>"
-                        << (useListener ? "true" : "false") << "</useInternalTrapListener></VelaFmSnmp>";
+    std::ofstream(file) << "<VelaFmSnmp><snmpPollInterval>" << pollSeconds
+                        << "</snmpPollInterval><useInternalTrapListener>" << (useListener ? "true" : "false")
+                        << "</useInternalTrapListener></VelaFmSnmp>";
     ASSERT_EQ(handler.load(file), 0);
     std::filesystem::remove(file);
     handler.setSnmpMasterAgentPwdFile("pwd-file");
   }
 
   SnmpConfig& config() { return adaptor.getNewConfig(); }
-  /** A target of the new configuration. One whose community is too long cannot be made operational. */
-  SnmpTargetV2C* addTarget(SnmpConfig& to, const std::string& name, const std::string& community = "public") {
-    Poco::AutoPtr<SnmpTargetV2C> target(new SnmpTargetV2C);
-    target->name = name;
-    target->address = "127.0.0.1";
-    target->port = 1162;
-    target->community = community;
-    target->networkPrefixLength = -1;
-    to.targets[name] = target;
-    return target.get();
-  }
-
   /** The commands the tool was given, without the question for its revision. */
   std::vector<std::string> takeToolCommands() {
     std::vector<std::string> commands = tool.takeCommands();
@@ -314,9 +299,8 @@ class StatesTest : public testing::Test {
   CommandStandIn tool{[this](const std::string& line, std::string& output) { return answer(line, output); }};
   Vela::ThreadWPipes input{"test"};
   SnmpConfigHandler handler;
-  Journal journal;
   MasterAgent agent;
-  Adaptor adaptor{input, journal, agent};
+  Adaptor adaptor{input, agent};
   unsigned int agentPort = 0;
 };
 

@@ -15,30 +15,10 @@ using testing::IsEmpty;
 
 namespace {
 
-class Owner;
-
-/** Does what the owner's tables say, and writes into its journal. */
-template <int Id>
-class Probe : public StateBase<Owner, int> {
- public:
-  explicit Probe(Owner& owner);
-  ~Probe() override;
-  StateTransition onEvent(Owner& owner, int event) override;
-  StateTransition onUpdate(Owner& owner) override;
-
- private:
-  Owner& _owner;
-};
-
-class OwnerlessProbe : public StateBase<Owner, int> {};
-
+/** Does what its tables say, and writes a journal of what its states are told. */
 class Owner : public StateMachine<Owner, int> {
  public:
-  Owner() : StateMachine<Owner, int>(*this) {
-    registerState<Probe<0>>(0, "Zero");
-    registerState<Probe<1>>(1, "One");
-    registerState<OwnerlessProbe>(2, "Two");
-  }
+  Owner();
   ~Owner() override { leaveState(); }
 
   StateTransition onUnhandledEvent(int event) override {
@@ -56,24 +36,33 @@ class Owner : public StateMachine<Owner, int> {
 };
 
 template <int Id>
-Probe<Id>::Probe(Owner& owner) : _owner(owner) {
-  owner.journal.push_back("enter " + std::to_string(Id));
-  if (owner.throwingConstructor == Id) throw std::runtime_error("no entry");
-}
-template <int Id>
-Probe<Id>::~Probe() {
-  _owner.journal.push_back("leave " + std::to_string(Id));
-}
-template <int Id>
-StateTransition Probe<Id>::onEvent(Owner& owner, int event) {
-  owner.journal.push_back("event " + std::to_string(event));
-  if (owner.throwingEvent == event) throw std::runtime_error("no event");
-  return owner.onEvents[{Id, event}];
-}
-template <int Id>
-StateTransition Probe<Id>::onUpdate(Owner& owner) {
-  owner.journal.push_back("update");
-  return owner.onUpdates[Id];
+class Probe : public StateBase<Owner, int> {
+ public:
+  explicit Probe(Owner& owner) : _owner(owner) {
+    owner.journal.push_back("enter " + std::to_string(Id));
+    if (owner.throwingConstructor == Id) throw std::runtime_error("no entry");
+  }
+  ~Probe() override { _owner.journal.push_back("leave " + std::to_string(Id)); }
+  StateTransition onEvent(Owner& owner, int event) override {
+    owner.journal.push_back("event " + std::to_string(event));
+    if (owner.throwingEvent == event) throw std::runtime_error("no event");
+    return owner.onEvents[{Id, event}];
+  }
+  StateTransition onUpdate(Owner& owner) override {
+    owner.journal.push_back("update");
+    return owner.onUpdates[Id];
+  }
+
+ private:
+  Owner& _owner;
+};
+
+class OwnerlessProbe : public StateBase<Owner, int> {};
+
+Owner::Owner() : StateMachine<Owner, int>(*this) {
+  registerState<Probe<0>>(0, "Zero");
+  registerState<Probe<1>>(1, "One");
+  registerState<OwnerlessProbe>(2, "Two");
 }
 
 class StateMachineTest : public testing::Test {
@@ -193,9 +182,7 @@ TEST_F(StateMachineTest, takesEventsFromManyThreads) {
   constexpr int Rounds = 2000;
   std::vector<std::thread> posters;
   std::atomic<int> running{Threads};
-  for (int id = 0; id < Threads; ++id) {
-    owner.onEvents[{0, id}] = StateTransition::handled();
-  }
+  for (int id = 0; id < Threads; ++id) owner.onEvents[{0, id}] = StateTransition::handled();
   for (int id = 0; id < Threads; ++id) {
     posters.emplace_back([&, id] {
       for (int i = 0; i < Rounds; ++i) owner.emitEvent(id);
@@ -206,9 +193,7 @@ TEST_F(StateMachineTest, takesEventsFromManyThreads) {
   for (std::thread& poster : posters) poster.join();
   owner.updateStateMachine();
   const std::vector<std::string> journal = owner.takeJournal();
-  for (int id = 0; id < Threads; ++id) {
-    EXPECT_THAT(journal, testing::Contains("event " + std::to_string(id)));
-  }
+  for (int id = 0; id < Threads; ++id) EXPECT_THAT(journal, testing::Contains("event " + std::to_string(id)));
 }
 
 }  // namespace

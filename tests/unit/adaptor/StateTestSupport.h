@@ -2,10 +2,12 @@
 #define VELA_TESTS_STATE_TEST_SUPPORT_H
 
 #include <algorithm>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -15,6 +17,17 @@
 #include "VelaMwSpiLog.h"
 
 namespace StateTest {
+
+/** Waits for what another thread does. */
+template <class Condition>
+bool eventually(Condition&& condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
 
 /** Keeps the log and trace lines that are written while it lives. */
 class CapturedLog {
@@ -41,11 +54,12 @@ class CapturedLog {
     const std::lock_guard<std::mutex> lock(_mutex);
     return std::find(_traces.begin(), _traces.end(), text) != _traces.end();
   }
-  std::vector<std::string> lines(int severity) const {
+  /** The lines logged, of one severity or of all. */
+  std::vector<std::string> lines(int severity = -1) const {
     const std::lock_guard<std::mutex> lock(_mutex);
     std::vector<std::string> found;
     for (const auto& [lineSeverity, text] : _lines) {
-      if (lineSeverity == severity) found.push_back(text);
+      if (severity == -1 || lineSeverity == severity) found.push_back(text);
     }
     return found;
   }

@@ -1,6 +1,11 @@
 #ifndef VELA_TESTS_ALARM_TEST_SUPPORT_H
 #define VELA_TESTS_ALARM_TEST_SUPPORT_H
 
+// The configuration header of net-snmp comes before its others.
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
 #include <ctime>
 #include <string>
 #include <utility>
@@ -8,8 +13,60 @@
 
 #include "MoConnector.h"
 #include "SnmpAlarm.h"
+#include "SnmpOid.h"
+#include "SnmpUtil.h"
+#include "VelaException.h"
 
 namespace AlarmTest {
+
+inline const std::string mibRoot = ".1.3.6.1.4.1.61234.183.4";
+
+/** The identifier that a text such as "R.1.2" stands for, where R is the MIB's root. */
+inline VelaFmSnmp::SnmpOid oidOf(const std::string& name) {
+  return VelaFmSnmp::SnmpOid((name.starts_with("R") ? mibRoot + name.substr(1) : name).c_str());
+}
+inline std::string nameOf(const unsigned long* ids, std::size_t length) {
+  const std::string text = VelaFmSnmp::SnmpOid(ids, static_cast<unsigned int>(length)).toString();
+  return text.starts_with(mibRoot + ".") ? "R" + text.substr(mibRoot.size()) : text;
+}
+
+/** A value with its type's letter, a time of day in hexadecimal. */
+inline std::string showValue(const netsnmp_variable_list& varbind) {
+  switch (varbind.type) {
+    case ASN_INTEGER:
+      return "i " + std::to_string(*varbind.val.integer);
+    case ASN_UNSIGNED:
+      return "u " + std::to_string(*varbind.val.integer);
+    case ASN_OBJECT_ID:
+      return "o " + nameOf(varbind.val.objid, varbind.val_len / sizeof(oid));
+    case ASN_OCTET_STR: {
+      const std::string octets(varbind.val.string, varbind.val.string + varbind.val_len);
+      const bool isTime = octets.size() == 11 && octets[0] == '\x07';
+      return isTime ? "t " + VelaFmSnmp::SnmpUtil::toHex(octets) : "s " + octets;
+    }
+    case SNMP_NOSUCHOBJECT:
+      return "no object";
+    case SNMP_NOSUCHINSTANCE:
+      return "no instance";
+    case SNMP_ENDOFMIBVIEW:
+      return "end";
+    default:
+      return "of type " + std::to_string(varbind.type);
+  }
+}
+inline std::string show(const netsnmp_variable_list& varbind) {
+  return nameOf(varbind.name, varbind.name_length) + " " + showValue(varbind);
+}
+
+/** The text of what a call throws. */
+std::string failureOf(auto&& call) {
+  try {
+    call();
+  } catch (const Vela::VelaException& ex) {
+    return ex.what();
+  }
+  return "none";
+}
 
 /** Local time in a zone of one's own while it lives. */
 class TimeZone {

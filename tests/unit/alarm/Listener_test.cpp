@@ -10,6 +10,7 @@
 #include <fstream>
 #include <string>
 
+#include "AlarmTestSupport.h"
 #include "adaptor/StateTestSupport.h"
 
 namespace AlarmTest {
@@ -53,15 +54,6 @@ class ForeignSocket {
   int _fd;
   int _port = 0;
 };
-
-std::string failureOf(auto&& call) {
-  try {
-    call();
-  } catch (const Vela::VelaException& ex) {
-    return ex.what();
-  }
-  return "none";
-}
 
 bool waitReadable(const Listener& listener) {
   pollfd descriptor = {listener.getFD(), POLLIN, 0};

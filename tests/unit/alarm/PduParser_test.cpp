@@ -117,19 +117,16 @@ TEST(PduParser, RecognisesAlarmsAndAlerts) {
   EXPECT_TRUE(log.hasTrace("managed object is " + std::string(300, 'm')));
 }
 
-TEST(PduParser, AnAppendInfoIsNotTheAlarm) {
+TEST(PduParser, TellsAppendInfosAndRebuiltListsFromAlarms) {
   SnmpAlarm alarm = makeAlarm(1);
-  const Datagram datagram(receiveNotification([&] { TrapSender::sendAlarmAppendInfo(alarm); }));
-  ASSERT_TRUE(datagram.isGood());
-  EXPECT_EQ(datagram.parser().getManagedObject(), alarm.getManagedObject());
-  EXPECT_FALSE(datagram.parser().matches(alarm));
-}
-
-TEST(PduParser, RecognisesAlarmListRebuilt) {
-  const Datagram datagram(receiveNotification([] { TrapSender::sendAlarmListRebuilt(""); }));
-  ASSERT_TRUE(datagram.isGood());
-  EXPECT_TRUE(datagram.parser().matchesAlarmListRebuilt());
-  EXPECT_FALSE(datagram.parser().matches(SnmpAlarm()));
+  const Datagram appended(receiveNotification([&] { TrapSender::sendAlarmAppendInfo(alarm); }));
+  ASSERT_TRUE(appended.isGood());
+  EXPECT_EQ(appended.parser().getManagedObject(), alarm.getManagedObject());
+  EXPECT_FALSE(appended.parser().matches(alarm));
+  const Datagram rebuilt(receiveNotification([] { TrapSender::sendAlarmListRebuilt(""); }));
+  ASSERT_TRUE(rebuilt.isGood());
+  EXPECT_TRUE(rebuilt.parser().matchesAlarmListRebuilt());
+  EXPECT_FALSE(rebuilt.parser().matches(SnmpAlarm()));
 }
 
 TEST(PduParser, RefusesEveryTruncation) {

@@ -4,12 +4,12 @@
 #include <signal.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
 
+#include "TemporaryFolder.h"
 #include "VelaException.h"
 
 namespace {
@@ -29,29 +29,25 @@ bool eventually(Condition&& condition) {
 
 class ScriptWrapperTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (std::filesystem::temp_directory_path() / "script-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    _folder = pattern;
+  int run(const std::string& script, int timeoutMs = 10000) {
+    return Vela::ScriptWrapper("sh").run({"-c", script}, timeoutMs, _output);
   }
-  void TearDown() override { std::filesystem::remove_all(_folder); }
+  std::string path(const char* name) const { return _folder.file(name); }
 
-  std::string path(const char* name) const { return (_folder / name).string(); }
-  static int numberIn(const std::string& file) {
-    std::ifstream stream(file);
-    int number = 0;
-    stream >> number;
-    return number;
-  }
-
-  std::filesystem::path _folder;
+  TemporaryFolder _folder;
+  std::string _output;
 };
 
 TEST_F(ScriptWrapperTest, ArgumentsReachTheCommandAsTheyAre) {
   const std::string hostile = "a b;$(touch x)'\"\n*";
-  std::string output;
-  EXPECT_EQ(Vela::ScriptWrapper("printf").run({"%s|", hostile, ""}, 5000, output), 0);
-  EXPECT_EQ(output, hostile + "||");
+  EXPECT_EQ(Vela::ScriptWrapper("printf").run({"%s|", hostile, ""}, 5000, _output), 0);
+  EXPECT_EQ(_output, hostile + "||");
+  try {
+    Vela::ScriptWrapper("no-such-command-at-all").run({}, 5000, _output);
+    FAIL() << "ran";
+  } catch (const Vela::VelaException& ex) {
+    EXPECT_NE(std::string(ex.what()).find("no-such-command-at-all: No such file"), std::string::npos) << ex.what();
+  }
 }
 
 TEST_F(ScriptWrapperTest, StatusAndBothOutputsAreReported) {
@@ -66,31 +62,24 @@ TEST_F(ScriptWrapperTest, StatusAndBothOutputsAreReported) {
       {"cat; echo done", 0, "done\n"},  // standard input is empty, not the host's
   };
   for (const auto& test : cases) {
-    std::string output = "left over";
-    EXPECT_EQ(Vela::ScriptWrapper("sh").run({"-c", test.script}, 5000, output), test.status) << test.script;
-    EXPECT_EQ(output, test.output) << test.script;
+    _output = "left over";
+    EXPECT_EQ(run(test.script), test.status) << test.script;
+    EXPECT_EQ(_output, test.output) << test.script;
   }
-}
-
-TEST_F(ScriptWrapperTest, ACommandThatCannotBeRunSaysWhy) {
-  std::string output;
-  try {
-    Vela::ScriptWrapper("no-such-command-at-all").run({}, 5000, output);
-    FAIL() << "ran";
-  } catch (const Vela::VelaException& ex) {
-    EXPECT_NE(std::string(ex.what()).find("no-such-command-at-all: No such file"), std::string::npos) << ex.what();
-  }
+  // A long output does not block the command.
+  EXPECT_EQ(run("head -c 300000 /dev/zero | tr '\\0' x"), 0);
+  EXPECT_EQ(_output.size(), 300000u);
 }
 
 // The grandchild ignores SIGTERM: only a kill of the whole group gets rid of it.
 TEST_F(ScriptWrapperTest, ATimeOutKillsTheWholeProcessGroup) {
   const std::string script =
       "(trap '' TERM; sleep 600 & echo $! > " + path("grandchild") + "; wait) & trap '' TERM; wait";
-  std::string output;
   const Clock::time_point start = Clock::now();
-  EXPECT_THROW(Vela::ScriptWrapper("sh").run({"-c", script}, 300, output), Vela::VelaException);
+  EXPECT_THROW(run(script, 300), Vela::VelaException);
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
-  const int pid = numberIn(path("grandchild"));
+  int pid = 0;
+  std::ifstream(path("grandchild")) >> pid;
   ASSERT_GT(pid, 0);
   EXPECT_TRUE(eventually([&] {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
@@ -101,11 +90,10 @@ TEST_F(ScriptWrapperTest, ATimeOutKillsTheWholeProcessGroup) {
 }
 
 TEST_F(ScriptWrapperTest, ADaemonLeftBehindDoesNotHoldTheCommand) {
-  std::string output;
   const Clock::time_point start = Clock::now();
-  EXPECT_EQ(Vela::ScriptWrapper("sh").run({"-c", "setsid sleep 3 & echo started"}, 10000, output), 0);
+  EXPECT_EQ(run("setsid sleep 3 & echo started"), 0);
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
-  EXPECT_EQ(output, "started\n");
+  EXPECT_EQ(_output, "started\n");
 }
 
 TEST_F(ScriptWrapperTest, CancellingEndsARunningCommandAndRefusesNewOnesUntilReset) {
@@ -117,20 +105,13 @@ TEST_F(ScriptWrapperTest, CancellingEndsARunningCommandAndRefusesNewOnesUntilRes
     EXPECT_TRUE(eventually([&] { return std::filesystem::exists(started); }));
     cancellation.cancel();
   });
-  std::string output;
   const Clock::time_point start = Clock::now();
-  EXPECT_THROW(script.run({"-c", "touch " + started + "; exec sleep 600"}, 60000, output), Vela::VelaException);
+  EXPECT_THROW(script.run({"-c", "touch " + started + "; exec sleep 600"}, 60000, _output), Vela::VelaException);
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(15));
-  EXPECT_THROW(script.run({"-c", "touch " + path("refused")}, 5000, output), Vela::VelaException);
+  EXPECT_THROW(script.run({"-c", "touch " + path("refused")}, 5000, _output), Vela::VelaException);
   EXPECT_FALSE(std::filesystem::exists(path("refused")));
   cancellation.reset();
-  EXPECT_EQ(script.run({"-c", "exit 4"}, 5000, output), 4);
-}
-
-TEST_F(ScriptWrapperTest, LongOutputDoesNotBlockTheCommand) {
-  std::string output;
-  EXPECT_EQ(Vela::ScriptWrapper("sh").run({"-c", "head -c 300000 /dev/zero | tr '\\0' x"}, 10000, output), 0);
-  EXPECT_EQ(output.size(), 300000u);
+  EXPECT_EQ(script.run({"-c", "exit 4"}, 5000, _output), 4);
 }
 
 }  // namespace

@@ -3,32 +3,26 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "TarnSpiVersion.h"
+#include "TemporaryFolder.h"
 #include "VelaException.h"
 
 namespace {
 
+using Vela::VelaConfiguration;
+
 class VelaConfigurationTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (std::filesystem::temp_directory_path() / "config-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    _folder = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(_folder); }
-
   std::string file(const std::string& content) const {
-    const std::string name = (_folder / "config.xml").string();
-    std::ofstream(name) << content;
-    return name;
+    std::ofstream(_folder.file("config.xml")) << content;
+    return _folder.file("config.xml");
   }
 
-  std::filesystem::path _folder;
-  Vela::VelaConfiguration _configuration;
+  TemporaryFolder _folder;
+  VelaConfiguration _configuration;
 };
 
 TEST_F(VelaConfigurationTest, ReadsTypedTextsOfDirectChildrenOnly) {
@@ -40,20 +34,20 @@ TEST_F(VelaConfigurationTest, ReadsTypedTextsOfDirectChildrenOnly) {
   ASSERT_EQ(roots.size(), 1u);
   const Poco::XML::Element& root = *roots.front();
   int number = 0;
-  EXPECT_TRUE(Vela::VelaConfiguration::getInt(root, "n", number));
+  EXPECT_TRUE(VelaConfiguration::getInt(root, "n", number));
   EXPECT_EQ(number, 42);
   bool flag = false;
-  EXPECT_TRUE(Vela::VelaConfiguration::getBool(root, "b", flag));
+  EXPECT_TRUE(VelaConfiguration::getBool(root, "b", flag));
   EXPECT_TRUE(flag);
-  EXPECT_TRUE(Vela::VelaConfiguration::getBool(root, "b0", flag));
+  EXPECT_TRUE(VelaConfiguration::getBool(root, "b0", flag));
   EXPECT_FALSE(flag);
   unsigned long long big = 0;
-  EXPECT_TRUE(Vela::VelaConfiguration::getUInt64(root, "big", big));
+  EXPECT_TRUE(VelaConfiguration::getUInt64(root, "big", big));
   EXPECT_EQ(big, 18446744073709551615ull);
   std::string path;
-  EXPECT_TRUE(Vela::VelaConfiguration::getText(root, "path", path));
+  EXPECT_TRUE(VelaConfiguration::getText(root, "path", path));
   EXPECT_EQ(path, "/somewhere/x");
-  EXPECT_FALSE(Vela::VelaConfiguration::getInt(root, "missing", number));
+  EXPECT_FALSE(VelaConfiguration::getInt(root, "missing", number));
   EXPECT_EQ(number, 42) << "a missing element must leave the default";
   EXPECT_EQ(_configuration.findElements("n").size(), 2u);
 }
@@ -61,12 +55,12 @@ TEST_F(VelaConfigurationTest, ReadsTypedTextsOfDirectChildrenOnly) {
 TEST_F(VelaConfigurationTest, AValueOfTheWrongTypeIsRefusedAndNamed) {
   _configuration.load(file("<R><n>12x</n><b>7</b><u>-1</u></R>"));
   const Poco::XML::Element& root = *_configuration.findElements("R").front();
-  int number = 5;
-  bool flag = true;
-  unsigned long long big = 5;
-  EXPECT_THROW(Vela::VelaConfiguration::getInt(root, "n", number), Vela::VelaException);
-  EXPECT_THROW(Vela::VelaConfiguration::getBool(root, "b", flag), Vela::VelaException);
-  EXPECT_THROW(Vela::VelaConfiguration::getUInt64(root, "u", big), Vela::VelaException);
+  int number = 0;
+  bool flag = false;
+  unsigned long long big = 0;
+  EXPECT_THROW(VelaConfiguration::getInt(root, "n", number), Vela::VelaException);
+  EXPECT_THROW(VelaConfiguration::getBool(root, "b", flag), Vela::VelaException);
+  EXPECT_THROW(VelaConfiguration::getUInt64(root, "u", big), Vela::VelaException);
 }
 
 TEST_F(VelaConfigurationTest, ABrokenFileNamesFileLineAndReason) {
@@ -78,7 +72,7 @@ TEST_F(VelaConfigurationTest, ABrokenFileNamesFileLineAndReason) {
     EXPECT_EQ(std::string(ex.what()).find(broken + ":3: "), 0u) << ex.what();
   }
   EXPECT_FALSE(_configuration.isLoaded());
-  EXPECT_THROW(_configuration.load((_folder / "missing.xml").string()), Vela::VelaException);
+  EXPECT_THROW(_configuration.load(_folder.file("missing.xml")), Vela::VelaException);
 }
 
 TEST(TarnSpiVersion, OrdersByNumberAndRefusesEverythingElse) {

@@ -11,7 +11,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Key;
 using testing::Pair;
-using testing::UnorderedElementsAre;
 using namespace VelaFmSnmp;
 
 namespace {
@@ -106,18 +105,6 @@ TEST_F(MoConnectorTest, ReadsTheService) {
   EXPECT_TRUE(isLogged("Struct member not set: 'port'"));
 }
 
-TEST_F(MoConnectorTest, ReadingAgainForgetsWhatIsGone) {
-  const std::string dn = create(Snmp, "SnmpTargetV1=a", {{"address", "192.0.2.1"}, {"community", "c"}});
-  set(Snmp, "engineId", "80001f88");
-  SnmpConfig config = read();
-  ASSERT_EQ(config.targets.size(), 1u);
-  remove(dn);
-  set(Snmp, "engineId", "");
-  connector.getSnmpConfig(config, true);
-  EXPECT_THAT(config.targets, IsEmpty());
-  EXPECT_EQ(config.engineId, "");
-}
-
 TEST_F(MoConnectorTest, WithoutSnmpObjectReadingFailsUntilThereIsOne) {
   remove(Snmp);
   SnmpConfig config;
@@ -164,18 +151,12 @@ TEST_F(MoConnectorTest, ReadsTargetsOfEveryClass) {
           {"port", "99999"},
           {"community", "two"},
           {"administrativeState", "LOCKED"},
-          {"operationalState", "ENABLED"},
-          {"isMibWritable", "true"},
-          {"informRetryCount", "7"},
-          {"informTimeout", "8"},
-          {"transportMethod", "INFORM"}});
-  const std::string v3 = create(Snmp, "SnmpTargetV3=c",
-                                {{"address", "192.0.2.3"},
-                                 {"user", "three"},
-                                 {"authKey", R"({"cleartext":true,"password":"authauth"})"},
-                                 {"privKey", R"({"cleartext":true,"password":"privpriv"})"},
-                                 {"authProtocol", "MD5"},
-                                 {"privProtocol", "DES"}});
+          {"operationalState", "ENABLED"}});
+  create(Snmp, "SnmpTargetV3=c",
+         {{"address", "192.0.2.3"},
+          {"user", "three"},
+          {"authKey", R"({"cleartext":true,"password":"authauth"})"},
+          {"privKey", R"({"cleartext":true,"password":"privpriv"})"}});
   create(Snmp, "SnmpTargetV3Dtls=d", {{"address", "192.0.2.4"}, {"user", "four"}});
   const SnmpConfig config = read();
   ASSERT_THAT(config.targets, ElementsAre(Key("b"), Key("c"), Key("d"), Key("first")));
@@ -190,81 +171,49 @@ TEST_F(MoConnectorTest, ReadsTargetsOfEveryClass) {
 
   const auto& v2c = target<SnmpTargetV2C>(config, "b");
   EXPECT_FALSE(v2c.hasNameAttribute || v2c.administrativeState);
-  EXPECT_TRUE(v2c.operational && v2c.operationalState && v2c.isMibWritable);
+  EXPECT_TRUE(v2c.operational && v2c.operationalState);
   EXPECT_EQ(v2c.port, 99999u);
   EXPECT_EQ(v2c.networkPrefixLength, -1);
-  EXPECT_EQ(v2c.informRetryCount, 7u);
-  EXPECT_EQ(v2c.informTimeout, 8u);
-  EXPECT_EQ(v2c.transportMethod, TransportInform);
 
   const auto& usm = target<SnmpTargetV3Usm>(config, "c");
-  EXPECT_EQ(usm.moName, v3);
   EXPECT_EQ(usm.getSecurityModel(), 3);
-  EXPECT_EQ(usm.user, "three");
   EXPECT_EQ(usm.authKey, "authauth");
   EXPECT_EQ(usm.privKey, "privpriv");
-  EXPECT_EQ(usm.authProtocol, AuthMd5);
-  EXPECT_EQ(usm.privProtocol, PrivDes);
-  EXPECT_EQ(usm.snmpSecurityLevel, LevelAuthPriv);
   EXPECT_EQ(target<SnmpTargetV3Tls>(config, "d").getSecurityModel(), 4);
   for (const std::string& line : lines) EXPECT_THAT(line, testing::Not(HasSubstr("privpriv")));
 }
 
 TEST_F(MoConnectorTest, AFaultConcernsItsTargetOnly) {
   const std::string stored = R"({"cleartext":false,"password":"not cipher text"})";
+  const Attribute address = {"address", "192.0.2.1"};
+  const Attribute user = {"user", "u"};
+  const Attribute authOnly = {"snmpSecurityLevel", "AUTH_NO_PRIV"};
   const struct {
     const char* rdn;
     std::vector<Attribute> attributes;
-    bool isComplete;
-    const char* message;
+    const char* message; /**< none: there is no fault */
   } cases[] = {
-      {"SnmpTargetV1=noAddress", {{"community", "c"}}, false, "Problem reading address attribute from SPI, mo ("},
-      {"SnmpTargetV2C=noCommunity", {{"address", "192.0.2.1"}}, false, "Attribute has no value set: "},
-      {"SnmpTargetV3=noKey", {{"address", "192.0.2.1"}, {"user", "u"}}, false, "Problem reading privKey attribute"},
-      {"SnmpTargetV3=badKey",
-       {{"address", "192.0.2.1"}, {"user", "u"}, {"snmpSecurityLevel", "AUTH_NO_PRIV"}, {"authKey", stored}},
-       false,
-       "Decryption of SNMP V3 password failed"},
+      {"SnmpTargetV1=good", {address, {"community", "c"}}, nullptr},
+      {"SnmpTargetV1=noAddress", {{"community", "c"}}, "Problem reading address attribute from SPI, mo ("},
+      {"SnmpTargetV2C=noCommunity", {address}, "Attribute has no value set: "},
+      {"SnmpTargetV3=noKey", {address, user}, "Problem reading privKey attribute"},
+      {"SnmpTargetV3=badKey", {address, user, authOnly, {"authKey", stored}}, "Decryption of SNMP V3 password failed"},
       {"SnmpTargetV3=halfKey",
-       {{"address", "192.0.2.1"},
-        {"user", "u"},
-        {"snmpSecurityLevel", "AUTH_NO_PRIV"},
-        {"authKey", R"({"password":"authauth"})"}},
-       false,
+       {address, user, authOnly, {"authKey", R"({"password":"authauth"})"}},
        "Struct member not set: 'cleartext'"},
       {"SnmpTargetV3=noKeyNeeded",
-       {{"address", "192.0.2.1"}, {"user", "u"}, {"snmpSecurityLevel", "NO_AUTH_NO_PRIV"}, {"authKey", stored}},
-       true,
+       {address, user, {"snmpSecurityLevel", "NO_AUTH_NO_PRIV"}, {"authKey", stored}},
        nullptr},
-      {"SnmpTargetV3Dtls=noUser", {{"address", "192.0.2.1"}}, false, "Problem reading user attribute"},
+      {"SnmpTargetV3Dtls=noUser", {address}, "Problem reading user attribute"},
   };
-  for (const auto& one : cases) {
-    SCOPED_TRACE(one.rdn);
-    lines.clear();
-    create(Snmp, "SnmpTargetV1=good", {{"address", "192.0.2.9"}, {"community", "c"}});
-    const std::string dn = create(Snmp, one.rdn, one.attributes);
-    const SnmpConfig config = read();
-    ASSERT_EQ(config.targets.size(), 2u);
-    EXPECT_EQ(config.targets.at(dn.substr(dn.rfind('=') + 1))->isComplete, one.isComplete);
-    EXPECT_TRUE(config.targets.at("good")->isComplete);
-    if (one.message != nullptr) {
-      EXPECT_TRUE(isLogged(one.message));
-    }
-    EXPECT_FALSE(isLogged("not cipher text"));
-    remove(dn);
-    remove(Snmp + ",SnmpTargetV1=good");
-  }
-}
-
-TEST_F(MoConnectorTest, TheFirstTargetOfANameWins) {
-  const std::string dtls = create(Snmp, "SnmpTargetV3Dtls=x", {{"address", "192.0.2.4"}, {"user", "u"}});
-  create(Snmp, "SnmpTargetV2C=x", {{"address", "192.0.2.2"}, {"community", "c"}});
-  create(Snmp, "SnmpTargetV1=y", {{"name", "x"}, {"address", "192.0.2.1"}, {"community", "c"}});
+  for (const auto& one : cases) create(Snmp, one.rdn, one.attributes);
   const SnmpConfig config = read();
-  ASSERT_THAT(config.targets, ElementsAre(Key("x")));
-  EXPECT_EQ(config.targets.at("x")->version(), 1u);
-  EXPECT_TRUE(isLogged("The target name 'x' of " + dtls + " is taken by " + Snmp + ",SnmpTargetV1=y"));
-  EXPECT_EQ(config.tlsOptions.targetDigest, "");
+  for (const auto& one : cases) {
+    const std::string rdn = one.rdn;
+    EXPECT_EQ(config.targets.at(rdn.substr(rdn.find('=') + 1))->isComplete, one.message == nullptr) << rdn;
+    EXPECT_TRUE(one.message == nullptr || isLogged(one.message)) << rdn;
+  }
+  EXPECT_FALSE(isLogged("not cipher text"));
 }
 
 TEST_F(MoConnectorTest, AnEditedDtlsTargetIsAChangedConfiguration) {
@@ -286,20 +235,6 @@ TEST_F(MoConnectorTest, AnEditedDtlsTargetIsAChangedConfiguration) {
     EXPECT_FALSE(before == after) << edit.name;
     before = after;
   }
-}
-
-TEST_F(MoConnectorTest, ReadsViewsOfEveryClassUnderKeysOfTheirOwn) {
-  create(Snmp, "SnmpViewV1=1", {{"community", R"(["a","b"])"}, {"readOids", R"([".1.3"])"}});
-  create(Snmp, "SnmpViewV2C=1", {{"community", R"(["c"])"}, {"writeOids", R"(["!.1.3/ff"])"}});
-  create(Snmp, "SnmpViewV3=v", {{"name", "named"}, {"community", R"(["u"])"}});
-  const SnmpConfig config = read();
-  ASSERT_THAT(config.views, UnorderedElementsAre(Key("1"), Key("1 (SnmpViewV2C)"), Key("named")));
-  EXPECT_THAT(config.views.at("1")->community, ElementsAre("a", "b"));
-  EXPECT_THAT(config.views.at("1")->readOids, ElementsAre(".1.3"));
-  EXPECT_EQ(config.views.at("1 (SnmpViewV2C)")->version(), 2u);
-  EXPECT_THAT(config.views.at("1 (SnmpViewV2C)")->writeOids, ElementsAre("!.1.3/ff"));
-  EXPECT_THAT(config.views.at("named")->community, ElementsAre("u"));
-  EXPECT_EQ(config.views.at("named")->version(), 3u);
 }
 
 // --- Access points

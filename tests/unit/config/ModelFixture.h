@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -16,20 +17,30 @@
 class NodeFixture : public testing::Test {
  protected:
   NodeFixture() {
-    services.getLog().setSink([this](const VelaNode::HostLog::Line& line) { lines.push_back(line.text); });
+    services.getLog().setSink([this](const VelaNode::HostLog::Line& line) {
+      const std::lock_guard<std::mutex> lock(mutex);
+      lines.push_back(line.text);
+    });
     Vela::Portal::set(VelaNode::HostPortal::getTable());
   }
   ~NodeFixture() override { Vela::Portal::set(nullptr); }
 
   bool isLogged(const std::string& text) const {
+    const std::lock_guard<std::mutex> lock(mutex);
     for (const std::string& line : lines) {
       if (line.find(text) != std::string::npos) return true;
     }
     return false;
   }
 
-  VelaNode::NodeServices services;
+  void forgetLines() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    lines.clear();
+  }
+
+  mutable std::mutex mutex;
   std::vector<std::string> lines;
+  VelaNode::NodeServices services;
 };
 
 /** A node with a model around the SNMP object. */

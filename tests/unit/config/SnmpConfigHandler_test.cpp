@@ -3,6 +3,7 @@
 #include <Poco/TemporaryFile.h>
 
 #include <fstream>
+#include <tuple>
 
 #include "ModelFixture.h"
 
@@ -33,25 +34,22 @@ class SnmpConfigHandlerTest : public NodeFixture {
 
 }  // namespace
 
-TEST_F(SnmpConfigHandlerTest, DefaultsWithoutAnyKey) {
+TEST_F(SnmpConfigHandlerTest, ReadsEveryKeyOrTakesItsDefault) {
+  const auto settings = [this] {
+    return std::make_tuple(handler.getPollInterval(), handler.isInternalTrapListenerEnabled(),
+                           handler.isInformTimeoutWorkaroundEnabled(), handler.isIpv6PortWorkaroudEnabled(),
+                           handler.getAgentxPingInterval(), handler.getAgentxTimeout(), handler.getAgentxRetries(),
+                           handler.getIpVersion(), handler.getSnmpMasterAgentPwdFile(),
+                           handler.getSnmpMasterAgentAgentxSocket());
+  };
   ASSERT_EQ(load("<VelaFmSnmp/>"), 0);
-  EXPECT_EQ(handler.getPollInterval(), 15000u);
-  EXPECT_TRUE(handler.isInternalTrapListenerEnabled());
-  EXPECT_FALSE(handler.isInformTimeoutWorkaroundEnabled());
-  EXPECT_TRUE(handler.isIpv6PortWorkaroudEnabled());
-  EXPECT_EQ(handler.getAgentxPingInterval(), 0);
-  EXPECT_EQ(handler.getAgentxTimeout(), 0);
-  EXPECT_EQ(handler.getAgentxRetries(), 0);
-  EXPECT_EQ(handler.getIpVersion(), "");
-  EXPECT_EQ(handler.getSnmpMasterAgentPwdFile(), "/home/vela/etc/snmp/snmp_pwd_file");
-  EXPECT_EQ(handler.getSnmpMasterAgentAgentxSocket(), "/tmp/agentx-socket");
+  EXPECT_EQ(settings(), std::make_tuple(15000u, true, false, true, 0, 0, 0, "", "/home/vela/etc/snmp/snmp_pwd_file",
+                                        "/tmp/agentx-socket"));
   EXPECT_TRUE(isLogged("ipVersion is not found in the configuration."));
   EXPECT_TRUE(isLogged(
       "snmpMasterAgentPwdFile not found in configuration, using default '/home/vela/etc/snmp/snmp_pwd_file'."));
   EXPECT_TRUE(isLogged("snmpMasterAgentAgentxSocket not found in configuration, using default '/tmp/agentx-socket'."));
-}
 
-TEST_F(SnmpConfigHandlerTest, ReadsEveryKey) {
   ASSERT_EQ(load("<node><VelaFmSnmp><snmpPollInterval>3</snmpPollInterval>"
                  "<useInternalTrapListener>false</useInternalTrapListener><informTimeout>true</informTimeout>"
                  "<ipv6PortWorkaroudEnabled>0</ipv6PortWorkaroudEnabled><agentxPingInterval>4</agentxPingInterval>"
@@ -59,16 +57,7 @@ TEST_F(SnmpConfigHandlerTest, ReadsEveryKey) {
                  "<snmpMasterAgentPwdFile>/p</snmpMasterAgentPwdFile>"
                  "<snmpMasterAgentAgentxSocket>/s</snmpMasterAgentAgentxSocket></VelaFmSnmp></node>"),
             0);
-  EXPECT_EQ(handler.getPollInterval(), 3000u);
-  EXPECT_FALSE(handler.isInternalTrapListenerEnabled());
-  EXPECT_TRUE(handler.isInformTimeoutWorkaroundEnabled());
-  EXPECT_FALSE(handler.isIpv6PortWorkaroudEnabled());
-  EXPECT_EQ(handler.getAgentxPingInterval(), 4);
-  EXPECT_EQ(handler.getAgentxTimeout(), 5);
-  EXPECT_EQ(handler.getAgentxRetries(), 6);
-  EXPECT_EQ(handler.getIpVersion(), "ipv6");
-  EXPECT_EQ(handler.getSnmpMasterAgentPwdFile(), "/p");
-  EXPECT_EQ(handler.getSnmpMasterAgentAgentxSocket(), "/s");
+  EXPECT_EQ(settings(), std::make_tuple(3000u, false, true, false, 4, 5, 6, "ipv6", "/p", "/s"));
   EXPECT_TRUE(isLogged("VelaFmSnmp/snmpMasterAgentPwdFile tag found: /p."));
   EXPECT_TRUE(isLogged("VelaFmSnmp/ipVersion tag found: ipv6"));
   EXPECT_FALSE(isLogged("Faulty Configuration"));
@@ -87,7 +76,7 @@ TEST_F(SnmpConfigHandlerTest, RefusesWhatIsNoConfiguration) {
   };
   for (const auto& one : cases) {
     SCOPED_TRACE(one.text);
-    lines.clear();
+    forgetLines();
     EXPECT_EQ(load(one.text), -1);
     EXPECT_TRUE(isLogged(one.message));
   }
@@ -104,7 +93,7 @@ TEST_F(SnmpConfigHandlerTest, Fingerprints) {
   EXPECT_TRUE(handler.validateFingerprint(Fingerprint));
   for (const std::string& faulty :
        {std::string(), Fingerprint.substr(2), Fingerprint + "00", std::string(40, 'x'), std::string(4000, 'a')}) {
-    lines.clear();
+    forgetLines();
     EXPECT_FALSE(handler.validateFingerprint(faulty)) << faulty;
     EXPECT_TRUE(isLogged("faulty fingerprint in configuration: '" + faulty + "'"));
   }

@@ -72,23 +72,18 @@ int freePort() {
 const char* const MasterAgent::user = "vela_config_user";
 const char* const MasterAgent::passPhrase = "rootSecret";
 
-MasterAgent::MasterAgent(const std::vector<std::string>& communities) : _port(freePort()) {
+MasterAgent::MasterAgent() : _port(freePort()) {
   // The agent syncs its persistent file at every SET; on a disk that takes longer than the session waits for an answer.
   _folder = makeFolder(std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : temporaryFolder());
   std::ofstream conf(_folder + "/snmpd.conf");
   conf << "agentaddress udp:127.0.0.1:" << _port << ",udp6:[::1]:" << _port << "\n"
-       << "rwuser " << user << " authPriv\n";
-  for (const std::string& community : communities) {
-    conf << "com2sec Vela_" << community << " default " << community << "\n"
-         << "com2sec6 Vela_" << community << " default " << community << "\n";
-  }
-  const char* const users[] = {"vela_config_user MD5 %s DES %s", "vela_templ_SHA_DES SHA %s DES %s",
-                               "vela_templ_MD5_AES MD5 %s AES %s", "vela_templ_SHA_AES SHA %s AES %s"};
-  for (std::string line : users) {
-    for (std::size_t at = line.find("%s"); at != std::string::npos; at = line.find("%s"))
-      line.replace(at, 2, passPhrase);
-    conf << "createUser " << line << "\n";
-  }
+       << "rwuser " << user << " authPriv\ncom2sec Vela_public default public\n";
+  const char* const users[][3] = {{user, "MD5", "DES"},
+                                  {"vela_templ_SHA_DES", "SHA", "DES"},
+                                  {"vela_templ_MD5_AES", "MD5", "AES"},
+                                  {"vela_templ_SHA_AES", "SHA", "AES"}};
+  for (const auto& [name, auth, priv] : users)
+    conf << "createUser " << name << " " << auth << " " << passPhrase << " " << priv << " " << passPhrase << "\n";
   conf.close();
   start();
 }
@@ -142,27 +137,6 @@ void MasterAgent::open(SnmpMaSession& session) const {
       ::usleep(20000);
     }
   }
-}
-
-void WatchedSession::reset() {
-  sets = 0;
-  gets = 0;
-  objects.clear();
-}
-
-bool WatchedSession::hasSet(const std::string& part) const {
-  for (const std::string& object : objects) {
-    if (object.find(part) != std::string::npos) return true;
-  }
-  return false;
-}
-
-int WatchedSession::snmp_synch_response(SnmpPdu& request, SnmpPdu* response) const {
-  const bool isSet = request.get()->command == SNMP_MSG_SET;
-  ++(isSet ? sets : gets);
-  for (const variable_list* variable = request.get()->variables; isSet && variable; variable = variable->next_variable)
-    objects.push_back(SnmpOid(variable->name, static_cast<unsigned>(variable->name_length)).toString());
-  return SnmpMaSession::snmp_synch_response(request, response);
 }
 
 ToolResult runTool(std::vector<std::string> arguments) {

