@@ -101,19 +101,22 @@ void NotificationHandover::loseConnection() {
 }
 
 std::size_t NotificationHandover::clear() {
-  const std::size_t due = _messages.size() - _sent;
+  const auto dropped =
+      std::count_if(_messages.begin(), _messages.end(), [](const Entry& entry) { return entry.owned != nullptr; });
   _messages.resize(_sent);
   for (Entry& entry : _messages) entry.owned.reset();
-  return due;
+  return static_cast<std::size_t>(dropped);
 }
 
 void NotificationHandover::onConnectionLost() {
   collect();
-  if (_inFlight > 0) {
-    VELA_LOG(Vela::LogWarning, "%u notifications were not acknowledged and go out again, %zu more wait", _inFlight,
+  const auto firstDue = _messages.begin() + static_cast<std::ptrdiff_t>(_sent);
+  const auto again =
+      std::count_if(_messages.begin(), firstDue, [](const Entry& entry) { return entry.owned != nullptr; });
+  if (again > 0) {
+    VELA_LOG(Vela::LogWarning, "%td notifications were not acknowledged and go out again, %zu more wait", again,
              _messages.size() - _sent);
   }
-  const auto firstDue = _messages.begin() + static_cast<std::ptrdiff_t>(_sent);
   for (auto entry = _messages.begin(); entry != firstDue; ++entry) entry->unacknowledged = 0;
   _messages.erase(std::remove_if(_messages.begin(), firstDue, [](const Entry& entry) { return !entry.owned; }),
                   firstDue);

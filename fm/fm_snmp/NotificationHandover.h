@@ -48,7 +48,7 @@ class NotificationHandover {
   void pump();
   /** The connection is gone: what was on its way is due again. */
   void onConnectionLost();
-  /** Drops what is due, and what would become due again; yields how many were due. */
+  /** Drops what is due, and what would become due again; yields how many these were. */
   std::size_t clear();
 
   /** Whether pump would send something. */

@@ -186,7 +186,8 @@ void SnmpAdaptorRunnable::selectLoop(int pipeFD) {
   closeAgentxSession();
   leaveSnapshot();
   const std::size_t unsent = _queue.size() + _handover->size();
-  if (unsent > 0) VELA_LOG(Vela::LogWarning, "stopped with %zu notifications that were not sent", unsent);
+  if (unsent > 0)
+    VELA_LOG(Vela::LogWarning, "stopped with %zu notifications that were not sent or not acknowledged", unsent);
 }
 
 void SnmpAdaptorRunnable::runPass(int pipeFD, Descriptors& descriptors, unsigned long long& lastUpdate,

@@ -79,7 +79,7 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
   virtual bool trySendOneQueuedAlarm();
   /** Drops what waits for the adaptor to become operational. */
   virtual void clearQueuedAlarms();
-  /** Drops what was handed over and is not on its way. */
+  /** Drops what was handed over: what is due, and what would become due again. */
   virtual void clearHandover();
 
   // The master agent.

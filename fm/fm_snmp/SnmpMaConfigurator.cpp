@@ -23,6 +23,8 @@ namespace {
 /** Prefix of the names of notify, address and parameter rows. */
 const char* const notificationPrefix = "ntf";
 constexpr std::size_t maxCommunity = 32;
+/** Milliseconds at least between two starts of the agent for the sake of receivers that were found late. */
+constexpr unsigned long long sessionRestartInterval = 10 * 60 * 1000;
 constexpr std::size_t maxUser = 32;
 
 void requireCommunity(const std::string& community) {
@@ -130,6 +132,7 @@ void SnmpMaConfigurator::reconfigureViews(SnmpMaSession& session, const SnmpConf
   insertOwners(_writtenViews, diff.changed, owners);
   insertOwners(config.getViews(), diff.changed, owners);
   insertOwners(config.getViews(), diff.added, owners);
+  _writtenViews = config.getViews();
   if (force) {
     owners.insert(_views.getOwners().begin(), _views.getOwners().end());
     _views.writeDefaultViews(session);
@@ -148,10 +151,10 @@ void SnmpMaConfigurator::reconfigureViews(SnmpMaSession& session, const SnmpConf
     } catch (const ConfigurationFault& fault) {
       for (const SnmpBaseView* view : objects[owner])
         VELA_LOG(Vela::LogError, "Failed to configure snmp view %s: %s", view->name.c_str(), fault.what());
+      if (objects[owner].empty()) VELA_LOG(Vela::LogError, "Failed to remove a former snmp view: %s", fault.what());
       _faultyViews.insert(owner);
     }
   }
-  _writtenViews = config.getViews();
 }
 
 void SnmpMaConfigurator::reconfigureTrustCategory(SnmpMaSession& session, bool force) {
@@ -398,8 +401,16 @@ Poco::Net::IPAddress SnmpMaConfigurator::resolve(const SnmpBaseTarget& target, b
     if (isSentByAgent) _unresolvedSessions.insert(target.name);
     throw;
   }
-  // The agent looks the names of its own sessions up when it starts, and only then.
-  if (_unresolvedSessions.erase(target.name) != 0) _isRestartWanted = true;
+  if (isSentByAgent && _handler && _handler->getTarnWrapper().isReceiverLeftOut(target.address))
+    _unresolvedSessions.insert(target.name);
+  if (_unresolvedSessions.count(target.name) == 0) return address;
+  // The names of the agent's own sessions are looked up when it starts, and only then.
+  const unsigned long long now = SnmpUtil::getNow();
+  if (!_isRestartWanted && _lastSessionRestart != 0 && now - _lastSessionRestart < sessionRestartInterval)
+    throw ConfigurationFault("The master agent was started when %s had no address", target.address.c_str());
+  _unresolvedSessions.erase(target.name);
+  _isRestartWanted = true;
+  _lastSessionRestart = now;
   return address;
 }
 

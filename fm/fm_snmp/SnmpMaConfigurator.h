@@ -146,6 +146,7 @@ class SnmpMaConfigurator {
   std::optional<bool> _isReversedPort; /**< the tool's answer, in this pass */
   std::set<std::string> _unresolvedSessions; /**< targets of the agent's own sessions whose names had no address */
   bool _isRestartWanted = false;
+  unsigned long long _lastSessionRestart = 0; /**< when a restart was last wanted for such a target; 0: never */
 };
 
 }  // namespace VelaFmSnmp

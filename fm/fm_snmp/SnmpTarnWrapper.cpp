@@ -141,6 +141,20 @@ std::string nodeCredentialArgument(const std::string& fingerprint) {
 /** What the tool wrote, in the length of a log line; one that is broken may write any amount. */
 std::string told(const std::string& output) { return Poco::trim(output.substr(0, maxToldOctets)); }
 
+/** The hosts that the tool names in lines like "... inform receiver HOST is left out, its name has no address". */
+std::set<std::string> receiversLeftOut(const std::string& warnings) {
+  static const std::string before = "the inform receiver ";
+  static const std::string after = " is left out, its name has no address";
+  std::set<std::string> hosts;
+  for (std::size_t at = warnings.find(before); at != std::string::npos; at = warnings.find(before, at)) {
+    at += before.size();
+    const std::size_t end = warnings.find_first_of(" \n", at);
+    if (end != std::string::npos && warnings.compare(end, after.size(), after) == 0)
+      hosts.insert(warnings.substr(at, end - at));
+  }
+  return hosts;
+}
+
 }  // namespace
 
 const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingDtls{1, 2, 0};
@@ -163,14 +177,17 @@ std::string SnmpTarnWrapper::runTool(const std::vector<std::string>& arguments, 
   return Poco::trim(output);
 }
 
-void SnmpTarnWrapper::runChange(const std::vector<std::string>& arguments, int timeoutMs, const char* what) const {
-  const std::string warnings = told(runTool(arguments, timeoutMs, what));
-  if (!warnings.empty()) VELA_LOG(Vela::LogWarning, "%s: %s", what, warnings.c_str());
+std::string SnmpTarnWrapper::runChange(const std::vector<std::string>& arguments, int timeoutMs,
+                                       const char* what) const {
+  std::string warnings = runTool(arguments, timeoutMs, what);
+  if (!warnings.empty()) VELA_LOG(Vela::LogWarning, "%s: %s", what, told(warnings).c_str());
+  return warnings;
 }
 
 void SnmpTarnWrapper::manage(TarnManageOption option, int timeoutMs) const {
   const char* word = manageWord(option);
-  runChange({"snmp", word}, timeoutMs, (_tool.getCommand() + " snmp " + word).c_str());
+  const std::string warnings = runChange({"snmp", word}, timeoutMs, (_tool.getCommand() + " snmp " + word).c_str());
+  if (option == TarnManageStart || option == TarnManageRestart) _receiversLeftOut = receiversLeftOut(warnings);
   VELA_TRACE(" << Succeeded to %s snmpd", word);
 }
 

@@ -5,6 +5,7 @@
 #include <TarnSpiVersion.h>
 
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,8 @@ class SnmpTarnWrapper {
    *  Throws as manage. */
   void configure(TarnConfigureOption option, const SnmpConfig& config, int timeoutMs);
 
+  /** Whether the tool left an inform receiver out at the last start, since its name had no address then. */
+  bool isReceiverLeftOut(const std::string& host) const { return _receiversLeftOut.count(host) != 0; }
   /** Whether the master agent runs; false too when the tool cannot tell. */
   bool isRunning() const;
   /** The tool's directory for data that is not backed up. Throws Vela::VelaException. */
@@ -75,14 +78,15 @@ class SnmpTarnWrapper {
 
   bool isTooOld(const Vela::TarnSpiVersion& minimum, const char* message) const;
   std::string runTool(const std::vector<std::string>& arguments, int timeoutMs, const char* what) const;
-  /** As runTool, for a command of which all that it writes is a warning. */
-  void runChange(const std::vector<std::string>& arguments, int timeoutMs, const char* what) const;
+  /** As runTool, for a command of which all that it writes is a warning; yields the warnings. */
+  std::string runChange(const std::vector<std::string>& arguments, int timeoutMs, const char* what) const;
   bool query(const char* word, const char* failure) const;
   void runConfigure(const std::vector<std::string>& arguments, int timeoutMs) const;
   void configureWithFile(const char* key, const std::string& content, int timeoutMs) const;
 
   Vela::ScriptWrapper _tool;
   mutable std::optional<Vela::TarnSpiVersion> _revision;
+  mutable std::set<std::string> _receiversLeftOut;
 };
 
 }  // namespace VelaFmSnmp

@@ -104,8 +104,8 @@ struct StaticStateInfo {
 };
 
 /**
- * A machine of states that belong to an owner, which derives from it and steps it. Everything but emitEvent and
- * replaceEvents is for the owner's thread only.
+ * A machine of states that belong to an owner, which derives from it and steps it. Everything but emitEvent,
+ * discardEvents and replaceEvents is for the owner's thread only.
  */
 template <class Owner, class Event>
 class StateMachine {

@@ -3,6 +3,7 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 
 #include "Failure.h"
@@ -104,6 +105,11 @@ const Part& findPart(const std::string& argument) {
 }
 
 }  // namespace
+
+bool isOwnUser(const std::string& name) {
+  return std::any_of(std::begin(TemplateUsers), std::end(TemplateUsers),
+                     [&](const TemplateUser& user) { return name == user.name; });
+}
 
 std::string AgentConfiguration::partValue(const char* part) const {
   return readFile(_folder.parts() / part).value_or("");

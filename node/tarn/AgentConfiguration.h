@@ -9,6 +9,9 @@
 
 namespace Tarn {
 
+/** Whether a name is that of a user which the node itself gives the agent. */
+bool isOwnUser(const std::string& name);
+
 /**
  * The master agent's configuration: parts with the values of the configure options, one file each, from which
  * snmpd.conf is made, and the node's own pass phrase.

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "AgentConfiguration.h"
 #include "Failure.h"
 
 namespace Tarn {
@@ -183,6 +184,8 @@ bool isOneOf(const std::string& value, std::initializer_list<const char*> allowe
 void checkTrapSessionValue(std::string_view option, std::string& value) {
   const auto refuse = [&] { throw Failure("option " + std::string(option) + " has no usable value"); };
   if (value.empty() || value.size() > MaxTrapSessionWord) refuse();
+  // snmpd would know the receiver's user of that name as well, whose requests its rules take for the node's own.
+  if (option == "-u" && isOwnUser(value)) throw Failure("the user is one of the node's own");
   if (option == "-v" && value != "3") refuse();
   if (option == "-u" && value.size() > MaxSecurityName) refuse();
   if (option == "-l" && !isOneOf(value, {"noAuthNoPriv", "authNoPriv", "authPriv"})) refuse();

@@ -239,7 +239,8 @@ def test_a_bad_inform_receiver_is_left_out_alone(node):
     bad = [f"trapsess {options} -a MD5 -A short 127.0.0.1:162", f"trapsess {options} -a MD4 -A 12345678 127.0.0.1:162",
            f"trapsess {options} -a  -A 12345678 127.0.0.1:162", "trapsess -Ci -v 3 -u u -r x -t 1 127.0.0.1:162",
            "trapsess -Ci -v 2c -c public 127.0.0.1:162", "rwcommunity evil",
-           "trapsess -Ci -v 3 -u u 127.0.0.1:162\rrwcommunity", "trapsess -Ci -M /etc 127.0.0.1:162"]
+           "trapsess -Ci -v 3 -u u 127.0.0.1:162\rrwcommunity", "trapsess -Ci -M /etc 127.0.0.1:162",
+           "trapsess -Ci -v 3 -u vela_config_user -r 1 -t 1 -l authNoPriv -a SHA -A 12345678 127.0.0.1:162"]
     good = ["trapsess -Ci -v 3 -u u -r 1 -t 0 -l authNoPriv -a SHA -A p \"a\" -s\\s  phrase 127.0.0.1:162",
             f"trapsess {options} -a SHA -A {quoted} 127.0.0.1:162"]  # a quoted word is its text
     warnings = node.configure_list("trapsess", *bad, *good)

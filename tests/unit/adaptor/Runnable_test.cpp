@@ -288,7 +288,7 @@ TEST_F(RunnableTest, AProbeDoesNotOvertakeWhatTheLastMasterAgentLeftOver) {
   EXPECT_FALSE(adaptor->hasQueuedAlarms());
   EXPECT_EQ(log.count(Vela::LogWarning, "1 queued notifications are dropped"), 1);
   adaptor->clearHandover();
-  EXPECT_EQ(log.count(Vela::LogWarning, "8 notifications that were not acknowledged are dropped"), 1);
+  EXPECT_EQ(log.count(Vela::LogWarning, "40 notifications that were not acknowledged are dropped"), 1);
   handle(alarm());
   EXPECT_TRUE(adaptor->trySendOneQueuedAlarm()) << "the older ones were dropped as well";
   EXPECT_EQ(sent, (std::vector<int>{AlarmMajor}));
