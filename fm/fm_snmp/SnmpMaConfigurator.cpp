@@ -24,7 +24,7 @@ namespace {
 const char* const notificationPrefix = "ntf";
 constexpr std::size_t maxCommunity = 32;
 /** Milliseconds at least between two starts of the agent for the sake of receivers that were found late. */
-constexpr unsigned long long sessionRestartInterval = 10 * 60 * 1000;
+constexpr unsigned long long sessionRestartInterval = 10ULL * 60 * 1000;
 constexpr std::size_t maxUser = 32;
 
 void requireCommunity(const std::string& community) {

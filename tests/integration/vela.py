@@ -278,7 +278,7 @@ class Node:
     def states(self):
         """The adaptor's state changes so far: (from, to, reason)."""
         found = []
-        for line in self.log().splitlines():
+        for line in self.log().rpartition("\n")[0].splitlines():  # whose last line may be half written
             if "Changing state from " in line:
                 change, reason = line.split("Changing state from ", 1)[1].split(" : ", 1)
                 found.append((*change.split(" to "), reason))
