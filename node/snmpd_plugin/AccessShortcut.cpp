@@ -1,13 +1,12 @@
 #include "AccessShortcut.h"
 
 #include <net-snmp/agent/agent_callbacks.h>
-#include "NetSnmp.h"
+#include "Callbacks.h"
 
 #include <algorithm>
-#include <iterator>
+#include <map>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace SnmpdPlugin {
 
@@ -16,8 +15,8 @@ namespace {
 constexpr std::string_view NodesUser = "vela_config_user";
 constexpr int Checks[] = {SNMPD_CALLBACK_ACM_CHECK, SNMPD_CALLBACK_ACM_CHECK_INITIAL, SNMPD_CALLBACK_ACM_CHECK_SUBTREE};
 
-/** snmpd's own judgement of a request, which the shortcut stands before. */
-std::vector<snmp_gen_callback> rules[std::size(Checks)];
+/** snmpd's own judgement of a request by the kind of check, which the shortcut stands before. */
+std::map<int, std::vector<snmp_gen_callback>> rules;
 
 /** A user of that name at another engine is another user: the agent knows those it sends informs to, too. */
 bool isOwnEngine(const netsnmp_pdu& pdu) {
@@ -37,35 +36,26 @@ bool isNodesUser(const netsnmp_pdu& pdu) {
          std::string_view(pdu.securityName, pdu.securityNameLen) == NodesUser && isOwnEngine(pdu);
 }
 
-template <std::size_t check>
-int judge(int major, int minor, void* serverArgument, void*) {
+int judge(int major, int check, void* serverArgument, void*) {
   const auto* parameters = static_cast<const view_parameters*>(serverArgument);
   if (parameters->pdu && isNodesUser(*parameters->pdu))
     return SNMPERR_SUCCESS;  // the verdict is success from the start
-  for (const snmp_gen_callback& rule : rules[check]) rule.sc_callback(major, minor, serverArgument, rule.sc_client_arg);
+  for (const snmp_gen_callback& rule : rules[check]) rule.sc_callback(major, check, serverArgument, rule.sc_client_arg);
   return SNMPERR_SUCCESS;
 }
 
-template <std::size_t check>
-void standBefore() {
-  for (auto* entry = snmp_callback_list(SNMP_CALLBACK_APPLICATION, Checks[check]); entry; entry = entry->next)
-    rules[check].push_back(*entry);
-  for (const snmp_gen_callback& rule : rules[check])
-    snmp_unregister_callback(SNMP_CALLBACK_APPLICATION, Checks[check], rule.sc_callback, rule.sc_client_arg, 1);
-  snmp_register_callback(SNMP_CALLBACK_APPLICATION, Checks[check], judge<check>, nullptr);
-}
-
-void standBeforeAll(unsigned, void*) {
-  standBefore<0>();
-  standBefore<1>();
-  standBefore<2>();
+void standBeforeRules(unsigned, void*) {
+  for (const int check : Checks) {
+    rules[check] = takeCallbacks(SNMP_CALLBACK_APPLICATION, check);
+    snmp_register_callback(SNMP_CALLBACK_APPLICATION, check, judge, nullptr);
+  }
 }
 
 }  // namespace
 
 void installAccessShortcut() {
   // snmpd runs alarms in its main loop only, when its rules are in place.
-  snmp_alarm_register(0, 0, standBeforeAll, nullptr);
+  snmp_alarm_register(0, 0, standBeforeRules, nullptr);
 }
 
 }  // namespace SnmpdPlugin
