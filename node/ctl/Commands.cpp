@@ -1,4 +1,4 @@
-#include "Commands.h"
+#include "ctl/Commands.h"
 
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
@@ -8,10 +8,10 @@
 #include <sstream>
 #include <string>
 
-#include "ControlProtocol.h"
-#include "NodeClient.h"
-#include "Output.h"
-#include "Secret.h"
+#include "control/ControlProtocol.h"
+#include "ctl/NodeClient.h"
+#include "ctl/Output.h"
+#include "ctl/Secret.h"
 
 namespace VelaNode {
 

@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "CommandLine.h"
+#include "ctl/CommandLine.h"
 
 namespace VelaNode {
 

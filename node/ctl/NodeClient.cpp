@@ -1,4 +1,4 @@
-#include "NodeClient.h"
+#include "ctl/NodeClient.h"
 
 #include <Poco/Exception.h>
 #include <Poco/JSON/ParseHandler.h>
@@ -13,8 +13,7 @@
 #include <cstring>
 #include <sstream>
 
-#include "ControlProtocol.h"
-#include "ControlServer.h"
+#include "control/ControlProtocol.h"
 
 namespace VelaNode {
 
@@ -25,7 +24,7 @@ constexpr int endTimeoutMs = 60000;
 
 FileDescriptor connectTo(const std::string& folder) {
   const std::string path = folder + "/" + controlSocketName;
-  if (path.size() > ControlServer::maxPathLength) throw CommandError(path + ": longer than a socket's path can be");
+  if (path.size() > maxSocketPathLength) throw CommandError(path + ": longer than a socket's path can be");
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path.data(), path.size());

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "FileDescriptor.h"
+#include "support/FileDescriptor.h"
 
 namespace VelaNode {
 

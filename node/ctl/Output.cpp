@@ -1,4 +1,4 @@
-#include "Output.h"
+#include "ctl/Output.h"
 
 #include <Poco/JSON/Stringifier.h>
 

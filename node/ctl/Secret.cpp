@@ -1,4 +1,4 @@
-#include "Secret.h"
+#include "ctl/Secret.h"
 
 #include <termios.h>
 #include <unistd.h>
@@ -9,8 +9,8 @@
 #include <iostream>
 #include <sstream>
 
-#include "ModelSchema.h"
-#include "NodeClient.h"
+#include "ctl/NodeClient.h"
+#include "model/ModelSchema.h"
 
 namespace VelaNode {
 

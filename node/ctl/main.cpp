@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "CommandLine.h"
-#include "Commands.h"
-#include "Utf8.h"
+#include "ctl/CommandLine.h"
+#include "ctl/Commands.h"
+#include "support/Utf8.h"
 
 namespace {
 

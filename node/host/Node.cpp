@@ -1,4 +1,4 @@
-#include "Node.h"
+#include "host/Node.h"
 
 #include <signal.h>
 #include <unistd.h>
@@ -7,10 +7,10 @@
 #include <iterator>
 
 #include "LoggingWrapper.h"
-#include "MoAttribute.h"
 #include "ScriptWrapper.h"
 #include "SecApi.h"
 #include "VelaException.h"
+#include "model/MoAttribute.h"
 
 namespace VelaNode {
 

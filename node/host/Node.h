@@ -6,15 +6,15 @@
 #include <filesystem>
 #include <string>
 
-#include "AdaptorStateWatch.h"
-#include "ComponentHost.h"
-#include "ControlCommands.h"
-#include "ControlServer.h"
-#include "FmService.h"
-#include "ModelFile.h"
-#include "NodeFolder.h"
-#include "NodeOptions.h"
-#include "NodeServices.h"
+#include "control/ControlCommands.h"
+#include "control/ControlServer.h"
+#include "fault/FmService.h"
+#include "framework/NodeServices.h"
+#include "host/AdaptorStateWatch.h"
+#include "host/ComponentHost.h"
+#include "host/NodeFolder.h"
+#include "host/NodeOptions.h"
+#include "model/ModelFile.h"
 
 namespace VelaNode {
 

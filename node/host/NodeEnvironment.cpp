@@ -1,4 +1,4 @@
-#include "NodeEnvironment.h"
+#include "host/NodeEnvironment.h"
 
 #include <unistd.h>
 

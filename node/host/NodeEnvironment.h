@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <string>
 
-#include "ComponentConfigCheck.h"
+#include "host/ComponentConfigCheck.h"
 
 namespace VelaNode {
 

@@ -1,4 +1,4 @@
-#include "NodeFolder.h"
+#include "host/NodeFolder.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -8,8 +8,8 @@
 #include <cstring>
 #include <string>
 
-#include "ControlProtocol.h"
 #include "VelaException.h"
+#include "control/ControlProtocol.h"
 
 namespace VelaNode {
 

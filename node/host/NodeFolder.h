@@ -3,7 +3,7 @@
 
 #include <filesystem>
 
-#include "FileDescriptor.h"
+#include "support/FileDescriptor.h"
 
 namespace VelaNode {
 

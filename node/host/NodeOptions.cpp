@@ -1,10 +1,10 @@
-#include "NodeOptions.h"
+#include "host/NodeOptions.h"
 
 #include <Poco/NumberParser.h>
 #include <getopt.h>
 
-#include "HostLog.h"
 #include "VelaException.h"
+#include "framework/HostLog.h"
 
 namespace VelaNode {
 

@@ -10,14 +10,14 @@
 #include <sstream>
 #include <string>
 
-#include "ComponentConfigCheck.h"
-#include "ControlServer.h"
-#include "ModelFile.h"
-#include "Node.h"
-#include "NodeEnvironment.h"
-#include "NodeFolder.h"
-#include "NodeOptions.h"
 #include "VelaException.h"
+#include "control/ControlProtocol.h"
+#include "host/ComponentConfigCheck.h"
+#include "host/Node.h"
+#include "host/NodeEnvironment.h"
+#include "host/NodeFolder.h"
+#include "host/NodeOptions.h"
+#include "model/ModelFile.h"
 
 namespace {
 
@@ -54,9 +54,9 @@ std::string readFile(const std::string& name) {
 }
 
 void checkSocketPath(const std::string& path, const char* what) {
-  if (path.size() > ControlServer::maxPathLength) {
+  if (path.size() > maxSocketPathLength) {
     throw Vela::VelaException("The path of the %s has %zu octets, a socket's has at most %zu: %s", what, path.size(),
-                              ControlServer::maxPathLength, path.c_str());
+                              maxSocketPathLength, path.c_str());
   }
 }
 

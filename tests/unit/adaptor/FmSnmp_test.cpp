@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "FmService.h"
 #include "FmSnmpCM.h"
 #include "SnmpMessages.h"
 #include "StateTestSupport.h"
 #include "config/ModelFixture.h"
+#include "fault/FmService.h"
 
 namespace {
 

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "MoTransaction.h"
-#include "ModelFile.h"
-#include "NodeServices.h"
 #include "Portal.h"
+#include "framework/NodeServices.h"
+#include "model/MoTransaction.h"
+#include "model/ModelFile.h"
 
 /** A node's services in this process, whose log lines are kept. */
 class NodeFixture : public testing::Test {

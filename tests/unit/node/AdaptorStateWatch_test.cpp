@@ -1,11 +1,11 @@
-#include "AdaptorStateWatch.h"
+#include "host/AdaptorStateWatch.h"
 
 #include <gtest/gtest.h>
 
-#include "ComponentHost.h"
-#include "NodeServices.h"
 #include "VelaException.h"
 #include "VelaMwSpiLog.h"
+#include "framework/NodeServices.h"
+#include "host/ComponentHost.h"
 
 namespace VelaNode {
 namespace {

@@ -1,4 +1,4 @@
-#include "CommandLine.h"
+#include "ctl/CommandLine.h"
 
 #include <gmock/gmock.h>
 

@@ -1,4 +1,4 @@
-#include "ComponentConfigCheck.h"
+#include "host/ComponentConfigCheck.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "FileDescriptor.h"
+#include "support/FileDescriptor.h"
 
 /** A raw client of a control socket. */
 class ControlClient {

@@ -1,4 +1,4 @@
-#include "ControlCommands.h"
+#include "control/ControlCommands.h"
 
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Parser.h>
@@ -7,8 +7,8 @@
 #include <cstring>
 #include <sstream>
 
-#include "ModelFile.h"
-#include "NodeServices.h"
+#include "framework/NodeServices.h"
+#include "model/ModelFile.h"
 
 namespace VelaNode {
 namespace {

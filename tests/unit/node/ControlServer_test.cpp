@@ -1,4 +1,4 @@
-#include "ControlServer.h"
+#include "control/ControlServer.h"
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -9,6 +9,7 @@
 #include "ControlClient.h"
 #include "TemporaryFolder.h"
 #include "VelaException.h"
+#include "control/ControlProtocol.h"
 
 namespace VelaNode {
 namespace {
@@ -132,7 +133,7 @@ TEST_F(ControlServerTest, SocketIsPrivateAndReplacesAStaleOneWherePossible) {
   next.start(_path);
   EXPECT_EQ(R"({"ok":true,"result":{}})", ControlClient(_path).ask("{}"));
   next.stop();
-  EXPECT_THROW(next.start(_folder.file(std::string(ControlServer::maxPathLength, 'x'))), Vela::VelaException);
+  EXPECT_THROW(next.start(_folder.file(std::string(maxSocketPathLength, 'x'))), Vela::VelaException);
   EXPECT_THROW(next.start(_folder.file("missing/node.sock")), Vela::VelaException);
 }
 

@@ -1,4 +1,4 @@
-#include "EventRouter.h"
+#include "framework/EventRouter.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "FmService.h"
+#include "fault/FmService.h"
 
 #include <gmock/gmock.h>
 
@@ -6,9 +6,9 @@
 #include <sstream>
 #include <thread>
 
-#include "ModelFile.h"
-#include "NodeServices.h"
 #include "VelaException.h"
+#include "framework/NodeServices.h"
+#include "model/ModelFile.h"
 
 namespace VelaNode {
 namespace {

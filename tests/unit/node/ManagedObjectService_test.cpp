@@ -1,8 +1,8 @@
-#include "ManagedObjectService.h"
+#include "framework/ManagedObjectService.h"
 
 #include <gtest/gtest.h>
 
-#include "ModelFile.h"
+#include "model/ModelFile.h"
 
 namespace VelaNode {
 

@@ -1,4 +1,4 @@
-#include "MoTransaction.h"
+#include "model/MoTransaction.h"
 
 #include <Poco/JSON/Stringifier.h>
 #include <gmock/gmock.h>
@@ -9,8 +9,8 @@
 #include <sstream>
 #include <thread>
 
-#include "ModelFile.h"
 #include "VelaException.h"
+#include "model/ModelFile.h"
 
 namespace VelaNode {
 

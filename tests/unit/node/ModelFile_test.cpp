@@ -1,4 +1,4 @@
-#include "ModelFile.h"
+#include "model/ModelFile.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,9 +7,9 @@
 #include <fstream>
 #include <sstream>
 
-#include "MoTransaction.h"
 #include "TemporaryFolder.h"
 #include "VelaException.h"
+#include "model/MoTransaction.h"
 
 namespace VelaNode {
 

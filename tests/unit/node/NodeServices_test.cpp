@@ -1,4 +1,4 @@
-#include "NodeServices.h"
+#include "framework/NodeServices.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "PersistentMap.h"
+#include "model/PersistentMap.h"
 
 #include <gtest/gtest.h>
 

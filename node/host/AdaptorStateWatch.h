@@ -1,0 +1,43 @@
+#ifndef VELA_NODE_ADAPTOR_STATE_WATCH_H
+#define VELA_NODE_ADAPTOR_STATE_WATCH_H
+
+#include <mutex>
+#include <string>
+
+#include "VelaMgmtSpi.h"
+#include "framework/CurrentInstance.h"
+#include "framework/HostLog.h"
+
+namespace VelaNode {
+
+/**
+ * Knows what state a component's adaptor is in. A component tells that in its log only, so the watch hands the
+ * component the host's portal with a log of its own, which reads the lines that tell of a change of state and passes
+ * all on. One at a time per process; any thread.
+ */
+class AdaptorStateWatch {
+ public:
+  explicit AdaptorStateWatch(HostLog& log) : _log(log) {}
+
+  struct State {
+    std::string name; /**< empty: nothing is known yet */
+    std::string reason;
+  };
+  State getState() const;
+  void reset(); /**< nothing is known any more */
+
+  /** To be handed to the component instead of the host portal's own. */
+  static VelaMgmtSpiInterfacePortalAccessor* getAccessor();
+
+ private:
+  struct Calls;
+  void onLine(int severity, const char* component, const char* function, const char* text);
+
+  HostLog& _log;
+  mutable std::mutex _mutex;
+  State _state;
+  CurrentInstance<AdaptorStateWatch> _current{this};
+};
+
+}  // namespace VelaNode
+#endif
