@@ -11,7 +11,7 @@ from vela import BIN, MIB_ROOT, free_port
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 
-@pytest.mark.parametrize("page", ["snmpv3", "dtls"])
+@pytest.mark.parametrize("page", ["snmpv3", "dtls", "managing"])
 def test_the_commands_of_a_page(folder, page):
     script = "".join(re.findall(r"^```sh\n(.*?)^```", (ROOT / f"docs/{page}.md").read_text(), re.M | re.S))
     model = (ROOT / "etc/model.xml").read_text()
