@@ -114,6 +114,30 @@ std::string mappedName(const X509* certificate, const netsnmp_cert_map& row) {
   }
 }
 
+bool isOne(const CertificateChain& chain, const char* fingerprint) {
+  return std::any_of(chain.begin(), chain.end(), [fingerprint](const X509* certificate) {
+    return NodeTls::hasFingerprint(certificate, fingerprint);
+  });
+}
+
+bool hasIssued(const CertificateChain& chain, X509* certificate) {
+  return std::any_of(chain.begin() + 1, chain.end(), [certificate](X509* issuer) {
+    return X509_check_issued(issuer, certificate) == X509_V_OK &&
+           X509_verify(certificate, X509_get0_pubkey(issuer)) == 1;
+  });
+}
+
+/** Whether a row keeps a name from whoever has the chain, whose issuers give it that name. */
+bool reserves(const netsnmp_cert_map& row, const std::string& name, const CertificateChain& chain,
+              const NodeTls::CertificateFolder& onFile) {
+  const bool isSpecified = static_cast<NameMapping>(row.mapType) == NameMapping::Specified;
+  const NodeTls::Certificate* certificate = onFile.findByFingerprint(row.fingerprint);
+  if (certificate == nullptr && !isSpecified) return false;
+  if (mappedName(certificate == nullptr ? nullptr : certificate->get(), row) != name) return false;
+  if (isOne(chain, row.fingerprint)) return false;
+  return certificate == nullptr || !hasIssued(chain, certificate->get());
+}
+
 }  // namespace
 
 std::vector<std::string> CertificateMap::fingerprints() {
@@ -122,14 +146,17 @@ std::vector<std::string> CertificateMap::fingerprints() {
   return found;
 }
 
-std::string CertificateMap::securityNameOf(const CertificateChain& chain) {
-  for (const netsnmp_cert_map* row : rowsByPriority()) {
-    const bool matches = std::any_of(chain.begin(), chain.end(), [row](const X509* certificate) {
-      return NodeTls::hasFingerprint(certificate, row->fingerprint);
-    });
-    if (!matches) continue;
+std::string CertificateMap::securityNameOf(const CertificateChain& chain, const NodeTls::CertificateFolder& onFile) {
+  const auto rows = rowsByPriority();
+  for (const netsnmp_cert_map* row : rows) {
+    if (!isOne(chain, row->fingerprint)) continue;
     std::string name = mappedName(chain.front(), *row);
-    if (!name.empty() && name.find('\0') == std::string::npos && name.size() < NETSNMP_TM_MAX_SECNAME) return name;
+    if (name.empty() || name.find('\0') != std::string::npos || name.size() >= NETSNMP_TM_MAX_SECNAME) continue;
+    const bool isOwn = NodeTls::hasFingerprint(chain.front(), row->fingerprint);
+    const bool isReserved = !isOwn && std::any_of(rows.begin(), rows.end(), [&](const netsnmp_cert_map* other) {
+      return reserves(*other, name, chain, onFile);
+    });
+    if (!isReserved) return name;
   }
   return {};
 }

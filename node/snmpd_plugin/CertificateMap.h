@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "CertificateFolder.h"
+
 namespace SnmpdPlugin {
 
 /** A certificate, its issuer, and so on. Not owned. */
@@ -25,8 +27,12 @@ class CertificateMap {
 
   /** Fingerprints of all rows, plain. */
   static std::vector<std::string> fingerprints();
-  /** The security name of the first row that has one for a certificate of the chain; empty: none has. */
-  static std::string securityNameOf(const CertificateChain& chain);
+  /**
+   * The security name of the first row that has one for a certificate of the verified chain; empty: none has. A name
+   * that another row gives to a certificate on file is no name for the chain, unless an authority in it has issued that
+   * certificate, too: each authority speaks for its own.
+   */
+  static std::string securityNameOf(const CertificateChain& chain, const NodeTls::CertificateFolder& onFile);
 
   /**
    * Whether there are rows and none is being written: the agent gets them one after the other when it has started, and

@@ -106,9 +106,9 @@ size_t DtlsListener::receiveOpening(Peer& peer, size_t size, void* buffer, size_
 }
 
 bool DtlsListener::admit(Peer& peer) {
-  const std::string name = CertificateMap::securityNameOf(peer.opening->peerChain());
+  const std::string name = peer.opening->securityName();
   if (name.empty()) {
-    report(peer, "its certificate gives no security name");
+    report(peer, "its certificate gives no security name, or somebody else's");
     peer.opening.reset();
     return false;
   }
@@ -131,7 +131,7 @@ bool DtlsListener::isStillAdmitted(Peer& peer) {
   const unsigned generation = CertificateMap::generation();
   if (peer.mapGeneration == generation) return true;
   peer.mapGeneration = generation;
-  peer.securityName = CertificateMap::securityNameOf(peer.established->peerChain());
+  peer.securityName = peer.established->securityName();
   if (peer.securityName.empty()) report(peer, "its certificate is trusted no more");
   return !peer.securityName.empty();
 }

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <utility>
 
+#include "PeerTrust.h"
+
 namespace SnmpdPlugin {
 
 namespace {
@@ -37,12 +39,6 @@ unsigned nextRepeat(SSL*, unsigned last) {
 
 std::string describe(const X509* certificate) {
   return "the certificate of " + NodeTls::subjectOf(certificate) + " (" + NodeTls::nodeFingerprintOf(certificate) + ")";
-}
-
-bool hasAnyOf(const X509* certificate, const std::vector<std::string>& fingerprints) {
-  return std::any_of(fingerprints.begin(), fingerprints.end(), [certificate](const std::string& fingerprint) {
-    return NodeTls::hasFingerprint(certificate, fingerprint);
-  });
 }
 
 CertificateChain toChain(const STACK_OF(X509) * stack, X509* own) {
@@ -165,6 +161,11 @@ CertificateChain DtlsSession::peerChain() const {
   return toChain(SSL_get0_verified_chain(_ssl.get()), SSL_get0_peer_certificate(_ssl.get()));
 }
 
+std::string DtlsSession::securityName() const {
+  const CertificateChain chain = peerChain();
+  return chain.empty() ? std::string() : CertificateMap::securityNameOf(chain, _context->folder());
+}
+
 std::optional<std::chrono::milliseconds> DtlsSession::timer() const {
   timeval left{};
   if (_isDead || DTLSv1_get_timeout(_ssl.get(), &left) != 1) return std::nullopt;
@@ -249,32 +250,14 @@ bool DtlsSession::isTrusted(X509_STORE_CTX* store) {
   X509* own = X509_STORE_CTX_get0_cert(store);
   std::vector<std::string> trusted = CertificateMap::fingerprints();
   trusted.insert(trusted.end(), _expectation.trusted.begin(), _expectation.trusted.end());
-  const auto refuse = [&](const std::string& text, int error) {
-    _fault = describe(own) + " " + text;
-    X509_STORE_CTX_set_error(store, error);
-    return false;
-  };
-  CertificateChain chain{own};
-  if (hasAnyOf(own, trusted)) {
-    // A certificate that is known itself needs nobody to vouch for it (RFC 6353, 5.3.2).
-    const std::string fault = NodeTls::validityFaultOf(own);
-    if (!fault.empty()) return refuse(fault, X509_V_ERR_CERT_HAS_EXPIRED);
-  } else {
-    const std::unique_ptr<STACK_OF(X509), void (*)(STACK_OF(X509)*)> anchors(
-        sk_X509_new_null(), [](STACK_OF(X509) * stack) { sk_X509_free(stack); });
-    for (const NodeTls::Certificate& certificate : _context->folder().certificates())
-      if (hasAnyOf(certificate.get(), trusted)) sk_X509_push(anchors.get(), certificate.get());
-    X509_STORE_CTX_set0_trusted_stack(store, anchors.get());
-    X509_STORE_CTX_set_flags(store, X509_V_FLAG_PARTIAL_CHAIN);
-    if (X509_verify_cert(store) != 1)
-      return refuse(std::string("is not trusted: ") + X509_verify_cert_error_string(X509_STORE_CTX_get_error(store)),
-                    X509_STORE_CTX_get_error(store));
-    chain = toChain(X509_STORE_CTX_get0_chain(store), own);
+  auto refusal = refusalOf(store, _context->folder(), trusted);
+  if (!refusal) {
+    const std::string fault = expectationFault(toChain(X509_STORE_CTX_get0_chain(store), own));
+    if (!fault.empty()) refusal = {fault, X509_V_ERR_CERT_REJECTED};
   }
-  const std::string fault = expectationFault(chain);
-  if (!fault.empty()) return refuse(fault, X509_V_ERR_CERT_REJECTED);
-  X509_STORE_CTX_set_error(store, X509_V_OK);
-  return true;
+  if (refusal) _fault = describe(own) + " " + refusal->text;
+  X509_STORE_CTX_set_error(store, refusal ? refusal->error : X509_V_OK);
+  return !refusal;
 }
 
 bool DtlsSession::expect(PeerExpectation expectation) {

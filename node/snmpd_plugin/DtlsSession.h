@@ -59,8 +59,8 @@ class DtlsSession {
   const std::string& fault() const { return _fault; }
   /** Whether the peer has shown to receive what is sent to its address. */
   bool isAddressProven() const { return _isAddressProven; }
-  /** The peer's verified certificates, its own first. Empty before the association is established. */
-  CertificateChain peerChain() const;
+  /** The security name of the peer of an established association, by the rows of this moment; empty: it has none. */
+  std::string securityName() const;
   /** When onTimer wants to be called, if at all. */
   std::optional<std::chrono::milliseconds> timer() const;
   /** Repeats what was lost on the way. */
@@ -85,6 +85,8 @@ class DtlsSession {
   void evaluate(int result, const char* operation);
   void die(const std::string& fault);
   bool isTrusted(X509_STORE_CTX* store);
+  /** The peer's verified certificates, its own first. Empty before the association is established. */
+  CertificateChain peerChain() const;
   std::string expectationFault(const CertificateChain& chain) const;
 
   std::shared_ptr<DtlsContext> _context;

@@ -5,6 +5,7 @@
 #include <openssl/objects.h>
 #include <openssl/pem.h>
 
+#include <algorithm>
 #include <cctype>
 
 namespace NodeTls {
@@ -38,6 +39,9 @@ std::string plainFingerprint(const std::string& text) {
   }
   return plain.size() % DigitsPerOctet == 0 ? plain : std::string();
 }
+
+Certificate::Certificate(LibraryPtr<X509> certificate, std::filesystem::path file)
+    : _certificate(std::move(certificate)), _fingerprints(fingerprintsOf(_certificate.get())), _file(std::move(file)) {}
 
 Certificate Certificate::read(const std::filesystem::path& file) {
   const LibraryPtr<BIO> in(BIO_new_file(file.c_str(), "rb"));
@@ -73,13 +77,17 @@ std::string libraryFingerprintOf(const X509* certificate) {
   return fingerprintOf(certificate, EVP_get_digestbynid(hash));
 }
 
+std::vector<std::string> fingerprintsOf(const X509* certificate) {
+  std::vector<std::string> found;
+  for (const EVP_MD* hash : {EVP_sha1(), EVP_sha224(), EVP_sha256(), EVP_sha384(), EVP_sha512()})
+    found.push_back(fingerprintOf(certificate, hash));
+  return found;
+}
+
 bool hasFingerprint(const X509* certificate, const std::string& fingerprint) {
   if (fingerprint.empty()) return false;
-  for (const EVP_MD* hash : {EVP_md5(), EVP_sha1(), EVP_sha224(), EVP_sha256(), EVP_sha384(), EVP_sha512()}) {
-    if (static_cast<size_t>(EVP_MD_get_size(hash)) * DigitsPerOctet == fingerprint.size())
-      return fingerprintOf(certificate, hash) == fingerprint;
-  }
-  return false;
+  const auto found = fingerprintsOf(certificate);
+  return std::find(found.begin(), found.end(), fingerprint) != found.end();
 }
 
 std::string subjectOf(const X509* certificate) {

@@ -38,13 +38,15 @@ class Certificate {
   static Certificate read(const std::filesystem::path& file);
 
   X509* get() const { return _certificate.get(); }
+  /** As fingerprintsOf. */
+  const std::vector<std::string>& fingerprints() const { return _fingerprints; }
   const std::filesystem::path& file() const { return _file; }
 
  private:
-  Certificate(LibraryPtr<X509> certificate, std::filesystem::path file)
-      : _certificate(std::move(certificate)), _file(std::move(file)) {}
+  Certificate(LibraryPtr<X509> certificate, std::filesystem::path file);
 
   LibraryPtr<X509> _certificate;
+  std::vector<std::string> _fingerprints;
   std::filesystem::path _file;
 };
 
@@ -54,7 +56,12 @@ std::string fingerprintOf(const X509* certificate, const EVP_MD* hash);
 std::string nodeFingerprintOf(const X509* certificate);
 /** The fingerprint that net-snmp's library files a certificate under: by the hash that it was signed with. */
 std::string libraryFingerprintOf(const X509* certificate);
-/** Whether a plain fingerprint is one of this certificate. Which hash it is tells its length. */
+/**
+ * The plain fingerprints that a certificate may be known by: SHA-1 and the SHA-2 family, told apart by their length.
+ * MD5 is not among them, since two certificates with one MD5 hash can be made.
+ */
+std::vector<std::string> fingerprintsOf(const X509* certificate);
+/** Whether a plain fingerprint is one of fingerprintsOf. */
 bool hasFingerprint(const X509* certificate, const std::string& fingerprint);
 /** The name of its subject, on one line. */
 std::string subjectOf(const X509* certificate);

@@ -46,6 +46,8 @@ void CertificateFolder::readCertificates(const std::filesystem::path& folder) {
   for (const auto& file : filesIn(folder)) {
     try {
       _certificates.push_back(Certificate::read(file));
+      for (const std::string& fingerprint : _certificates.back().fingerprints())
+        _byFingerprint.emplace(fingerprint, _certificates.size() - 1);
     } catch (const TlsFault& fault) {
       _faults.emplace_back(fault.what());
     }
@@ -61,18 +63,18 @@ void CertificateFolder::readKeys(const std::filesystem::path& folder) {
   }
 }
 
+const Certificate* CertificateFolder::findByFingerprint(const std::string& fingerprint) const {
+  const auto found = _byFingerprint.find(fingerprint);
+  return found == _byFingerprint.end() ? nullptr : &_certificates[found->second];
+}
+
 const Certificate* CertificateFolder::find(const std::string& name) const {
-  const std::string fingerprint = plainFingerprint(name);
-  const auto search = [this](const auto& matches) -> const Certificate* {
-    const auto found = std::find_if(_certificates.begin(), _certificates.end(), matches);
-    return found == _certificates.end() ? nullptr : &*found;
-  };
-  const Certificate* byFingerprint =
-      search([&](const Certificate& certificate) { return hasFingerprint(certificate.get(), fingerprint); });
+  const Certificate* byFingerprint = findByFingerprint(plainFingerprint(name));
   if (byFingerprint != nullptr || name.empty()) return byFingerprint;
-  return search([&](const Certificate& certificate) {
+  const auto found = std::find_if(_certificates.begin(), _certificates.end(), [&name](const Certificate& certificate) {
     return certificate.file().filename() == name || certificate.file().stem() == name;
   });
+  return found == _certificates.end() ? nullptr : &*found;
 }
 
 EVP_PKEY* CertificateFolder::keyOf(const Certificate& certificate) const {

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "Certificate.h"
@@ -28,7 +29,9 @@ class CertificateFolder {
   /** A line for each file that could not be used. */
   const std::vector<std::string>& faults() const { return _faults; }
 
-  /** By a fingerprint (of any usual hash), or by file name with or without its extension; null when there is none. */
+  /** By a plain fingerprint; null when there is none. */
+  const Certificate* findByFingerprint(const std::string& fingerprint) const;
+  /** By a fingerprint, or by file name with or without its extension; null when there is none. */
   const Certificate* find(const std::string& name) const;
   /** The same, for a certificate that is to be presented. Throws TlsFault when it, or a key for it, is not to be had.
    */
@@ -50,6 +53,7 @@ class CertificateFolder {
 
   std::filesystem::path _folder;
   std::vector<Certificate> _certificates;
+  std::unordered_map<std::string, size_t> _byFingerprint; /**< places in _certificates */
   std::vector<Key> _keys;
   std::vector<std::string> _faults;
 };

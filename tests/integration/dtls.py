@@ -20,15 +20,20 @@ def openssl(*arguments, **options):
     return result.stdout
 
 
+MEMBER = ("basicConstraints=critical,CA:false",)
+AUTHORITY = ("basicConstraints=critical,CA:true", "keyUsage=critical,keyCertSign,cRLSign")
+
+
 class Credential:
     """A certificate and its key, in files `<name>.crt` and `<name>.key` of a folder."""
 
-    def __init__(self, folder, name, hash="sha256", key="ec", issuer=None, days=30, usage=None):
+    def __init__(self, folder, name, hash="sha256", key="ec", issuer=None, days=30, usage=MEMBER, says=None):
+        """`usage`: extensions; `says`: the name in the certificate, where that is not the files'."""
         folder.mkdir(parents=True, exist_ok=True)
         self.name = name
         self.certificate = folder / f"{name}.crt"
         self.key = folder / f"{name}.key"
-        extensions = ["-addext", f"subjectAltName=DNS:{name}"] + (["-addext", usage] if usage else [])
+        extensions = [word for text in (f"subjectAltName=DNS:{says or name}", *usage) for word in ("-addext", text)]
         request = folder / f"{name}.csr"
         openssl("req", "-new", *KEYS[key], "-nodes", "-keyout", self.key, "-subj", f"/CN={name}", *extensions, "-out",
                 request)

@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from dtls import (ADDR, ANY, CERT, COMMON_NAME, CONFIGURATION, CREATE_AND_WAIT, DESTROY, DNS, IP, MAPPING, PARAMS,
+from dtls import (ADDR, ANY, AUTHORITY, CERT, COMMON_NAME, CONFIGURATION, CREATE_AND_WAIT, DESTROY, DNS, IP, MAPPING, PARAMS,
                   RFC822, SPECIFIED, LastingManager, add_dtls_target, addr_row, allow, fingerprint, openssl, params_row,
                   remove_target, trust_row)
 from tarn_node import TarnNode, oid_index, transport_address
@@ -182,7 +182,7 @@ def test_who_is_trusted_no_more_is_cut_off_at_once(node, stopping, peer):
 
 def test_an_authority_vouches_for_its_own_and_names_come_from_the_peers_certificate(make_node, make_manager,
                                                                                     credentials, own):
-    authority = credentials("authority", usage="basicConstraints=critical,CA:true")
+    authority = credentials("authority", usage=AUTHORITY)
     member = credentials("member", issuer=authority)
     outdated = credentials("outdated", issuer=authority, days=-1)
     node = make_node(own).start()
@@ -197,6 +197,31 @@ def test_an_authority_vouches_for_its_own_and_names_come_from_the_peers_certific
     node.set(*trust_row(1, authority.fingerprint))
     assert can_read(manager, node)
     assert not can_read(make_manager(outdated, own), node, timeout=0.5)
+
+
+@pytest.mark.parametrize("usage, vouches", [
+    # What commands that say nothing of it make, of an authority's kind but for its key usage; and a true authority.
+    (["basicConstraints=critical,CA:false"], False), ([], False), (["basicConstraints=critical,CA:true"], False),
+    (["keyUsage=keyCertSign"], False), (AUTHORITY, True)])
+def test_a_trusted_peer_takes_nobody_elses_name(make_node, make_manager, credentials, own, usage, vouches):
+    boss, forger = credentials("boss"), credentials("forger", usage=usage)
+    node = make_node(own)
+    for credential in (boss, forger):
+        credential.install(node.configuration)
+    node.start()
+    node.set(*trust_row(1, forger.fingerprint), *trust_row(2, boss.fingerprint))
+    for name in ("boss", "forger", "helper"):
+        allow(node, name)
+    assert can_read(make_manager(boss, own), node) and can_read(make_manager(forger, own), node)
+    for name, works in (("boss", False), ("helper", vouches)):
+        forged = credentials(f"forged-{name}", issuer=forger, says=name)
+        assert can_read(make_manager(forged, own), node, timeout=0.5 + works) == works, name
+    # An authority may give the name of another to whom it has given it.
+    if vouches:
+        helper = credentials("helper", issuer=forger)
+        helper.install(node.configuration)
+        node.set(*trust_row(3, helper.fingerprint))
+        assert can_read(make_manager(forged, own), node)
 
 
 @pytest.mark.parametrize("mapping, name", [
