@@ -33,11 +33,11 @@ class ScriptRunner {
   virtual ~ScriptRunner() = default;
   /**
    * Runs argv[0] (found through PATH) with an argument vector, no shell between, standard input empty. `output` gets
-   * what the command wrote to standard output and standard error. Returns the exit status, or 128 + the signal number.
-   * Throws Vela::VelaException when the command cannot be run, when it exceeds the time-out (in milliseconds; its whole
-   * process group is killed) and when it is cancelled.
+   * what the command wrote to standard output, `errors` what it wrote to standard error, both also when this throws.
+   * Returns the exit status, or 128 + the signal number. Throws Vela::VelaException when the command cannot be run,
+   * when it exceeds the time-out (in milliseconds; its whole process group is killed) and when it is cancelled.
    */
-  virtual int run(const std::vector<std::string>& argv, int timeoutMs, std::string& output,
+  virtual int run(const std::vector<std::string>& argv, int timeoutMs, std::string& output, std::string& errors,
                   const ScriptCancellation* cancellation) = 0;
 };
 
@@ -49,7 +49,11 @@ class ScriptWrapper {
   void setCancellation(const ScriptCancellation* cancellation) { _cancellation = cancellation; }
   const std::string& getCommand() const { return _command; }
 
-  /** As ScriptRunner::run, with the command put in front of the arguments. */
+  /**
+   * As ScriptRunner::run, with the command put in front of the arguments. `output` is the command's answer: its
+   * standard output. What it writes to standard error is logged as a warning; only when the command fails (exit status
+   * not 0), and says anything there, that is the output instead.
+   */
   int run(const std::vector<std::string>& arguments, int timeoutMs, std::string& output) const;
 
   /** Replaces the runner of the whole process (null: the real one again). For tests; not while commands run. */

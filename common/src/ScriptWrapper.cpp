@@ -13,9 +13,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <thread>
+#include <sstream>
 #include <utility>
 
+#include "LoggingWrapper.h"
 #include "VelaException.h"
 
 extern char** environ;
@@ -30,6 +31,10 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds graceBeforeKill{500};
 /** Output of a command beyond this is read but not kept. */
 constexpr size_t maxOutput = size_t{1024} * 1024;
+constexpr size_t pipeCapacity = size_t{64} * 1024;
+constexpr size_t maxLoggedLines = 20;
+constexpr size_t maxLoggedLine = 500;
+constexpr size_t maxLoggedCommand = 100;
 
 class Descriptor {
  public:
@@ -50,7 +55,7 @@ class Descriptor {
 /** A spawned process, leader of its own group; the group is killed and the process reaped at destruction. */
 class ChildProcess {
  public:
-  ChildProcess(const std::vector<std::string>& argv, int outputFd) {
+  ChildProcess(const std::vector<std::string>& argv, int outputFd, int errorFd) {
     std::vector<char*> arguments;
     arguments.reserve(argv.size() + 1);
     for (const std::string& argument : argv) arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -60,7 +65,7 @@ class ChildProcess {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, outputFd, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, outputFd, STDERR_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, errorFd, STDERR_FILENO);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     // Signals that the host blocks or ignores for itself must not reach its commands that way.
@@ -121,63 +126,95 @@ class ChildProcess {
   Descriptor _pidFd;
 };
 
-class ProcessRunner : public ScriptRunner {
+/** A pipe of which a command holds the writing end, and what was read from it. */
+class CommandOutput {
  public:
-  int run(const std::vector<std::string>& argv, int timeoutMs, std::string& output,
-          const ScriptCancellation* cancellation) override {
-    output.clear();
-    if (cancellation != nullptr && cancellation->isCancelled()) {
-      throw VelaException("Not running %s, commands are cancelled", argv.at(0).c_str());
-    }
+  CommandOutput(const std::string& command, std::string& text) : _text(text) {
+    _text.clear();
     int descriptors[2];
     if (::pipe2(descriptors, O_CLOEXEC) != 0) {
-      throw VelaException("Failed to run %s: %s", argv.at(0).c_str(), std::strerror(errno));
+      throw VelaException("Failed to run %s: %s", command.c_str(), std::strerror(errno));
     }
-    const Descriptor readEnd(descriptors[0]);
-    Descriptor writeEnd(descriptors[1]);
-    ChildProcess child(argv, writeEnd.get());
-    writeEnd.reset();
-    ::fcntl(readEnd.get(), F_SETFL, O_NONBLOCK);
+    _readEnd.reset(descriptors[0]);
+    _writeEnd.reset(descriptors[1]);
+    ::fcntl(_readEnd.get(), F_SETFL, O_NONBLOCK);
+  }
 
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    // The command's end counts, not the end of its output: a daemon that it leaves behind may keep the pipe open.
-    enum { ChildEnded, Output, Cancelled, Count };
-    std::array<pollfd, Count> watched{};
-    watched[ChildEnded] = {child.getFD(), POLLIN, 0};
-    watched[Output] = {readEnd.get(), POLLIN, 0};
-    watched[Cancelled] = {cancellation != nullptr ? cancellation->getFD() : -1, POLLIN, 0};
-    for (;;) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-      if (left <= 0) throw VelaException("%s timed out after %d ms", argv[0].c_str(), timeoutMs);
-      if (::poll(watched.data(), watched.size(), static_cast<int>(left) + 1) < 0 && errno != EINTR) {
-        throw VelaException("Failed to wait for %s: %s", argv[0].c_str(), std::strerror(errno));
-      }
-      if (watched[Output].revents != 0 && !readAvailable(readEnd.get(), output)) watched[Output].fd = -1;
-      if (watched[Cancelled].revents != 0) throw VelaException("%s was cancelled", argv[0].c_str());
-      if (watched[ChildEnded].revents != 0) {
-        const int status = child.wait();
-        readAvailable(readEnd.get(), output);
-        return status;
+  int getWriteFD() const { return _writeEnd.get(); }
+  void closeWriteEnd() { _writeEnd.reset(); }
+  /** -1 once the command has closed its end. */
+  int getReadFD() const { return _readEnd.get(); }
+
+  /** Takes what lies in the pipe, and not what a command that never stops writing adds meanwhile. */
+  void readAvailable() {
+    std::array<char, 4096> buffer;
+    for (size_t taken = 0; _readEnd.get() >= 0 && taken < pipeCapacity;) {
+      const ssize_t count = ::read(_readEnd.get(), buffer.data(), buffer.size());
+      if (count > 0) {
+        taken += static_cast<size_t>(count);
+        if (_text.size() < maxOutput) _text.append(buffer.data(), static_cast<size_t>(count));
+      } else if (count == 0) {
+        _readEnd.reset();
+      } else if (errno != EINTR) {
+        return;
       }
     }
   }
 
  private:
-  /** False at the end of the output. */
-  static bool readAvailable(int fd, std::string& output) {
-    std::array<char, 4096> buffer;
+  std::string& _text;
+  Descriptor _readEnd;
+  Descriptor _writeEnd;
+};
+
+class ProcessRunner : public ScriptRunner {
+ public:
+  int run(const std::vector<std::string>& argv, int timeoutMs, std::string& output, std::string& errors,
+          const ScriptCancellation* cancellation) override {
+    if (cancellation != nullptr && cancellation->isCancelled()) {
+      throw VelaException("Not running %s, commands are cancelled", argv.at(0).c_str());
+    }
+    CommandOutput out(argv.at(0), output);
+    CommandOutput err(argv.at(0), errors);
+    ChildProcess child(argv, out.getWriteFD(), err.getWriteFD());
+    out.closeWriteEnd();
+    err.closeWriteEnd();
+
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
-      const ssize_t count = ::read(fd, buffer.data(), buffer.size());
-      if (count > 0) {
-        if (output.size() < maxOutput) output.append(buffer.data(), static_cast<size_t>(count));
-      } else if (count == 0) {
-        return false;
-      } else if (errno != EINTR) {
-        return true;
+      // The command's end counts, not the end of its output: a daemon that it leaves behind may keep the pipes open.
+      enum { ChildEnded, Output, Errors, Cancelled, Count };
+      std::array<pollfd, Count> watched{};
+      watched[ChildEnded] = {child.getFD(), POLLIN, 0};
+      watched[Output] = {out.getReadFD(), POLLIN, 0};
+      watched[Errors] = {err.getReadFD(), POLLIN, 0};
+      watched[Cancelled] = {cancellation != nullptr ? cancellation->getFD() : -1, POLLIN, 0};
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+      if (left <= 0) throw VelaException("%s timed out after %d ms", argv[0].c_str(), timeoutMs);
+      if (::poll(watched.data(), watched.size(), static_cast<int>(left) + 1) < 0 && errno != EINTR) {
+        throw VelaException("Failed to wait for %s: %s", argv[0].c_str(), std::strerror(errno));
       }
+      const bool isEnded = watched[ChildEnded].revents != 0;
+      if (isEnded || watched[Output].revents != 0) out.readAvailable();
+      if (isEnded || watched[Errors].revents != 0) err.readAvailable();
+      if (watched[Cancelled].revents != 0) throw VelaException("%s was cancelled", argv[0].c_str());
+      if (isEnded) return child.wait();
     }
   }
 };
+
+/** Logs what a command wrote to standard error, one line each, of a bounded length and number. */
+void logErrors(const std::string& command, const std::vector<std::string>& arguments, const std::string& errors) {
+  std::istringstream lines(errors);
+  std::string line;
+  for (size_t count = 0; count < maxLoggedLines && std::getline(lines, line);) {
+    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+    ++count;
+    std::string name = command;
+    for (const std::string& argument : arguments) name += " " + argument;
+    VELA_LOG(LogWarning, "%s: %s", name.substr(0, maxLoggedCommand).c_str(), line.substr(0, maxLoggedLine).c_str());
+  }
+}
 
 std::shared_ptr<ScriptRunner>& runner() {
   static std::shared_ptr<ScriptRunner> instance = std::make_shared<ProcessRunner>();
@@ -217,7 +254,19 @@ int ScriptWrapper::run(const std::vector<std::string>& arguments, int timeoutMs,
   argv.reserve(arguments.size() + 1);
   argv.push_back(_command);
   argv.insert(argv.end(), arguments.begin(), arguments.end());
-  return runner()->run(argv, timeoutMs, output, _cancellation);
+  std::string errors;
+  try {
+    const int status = runner()->run(argv, timeoutMs, output, errors, _cancellation);
+    if (status != 0 && !errors.empty()) {
+      output = std::move(errors);
+    } else {
+      logErrors(_command, arguments, errors);
+    }
+    return status;
+  } catch (const std::exception&) {
+    logErrors(_command, arguments, errors);
+    throw;
+  }
 }
 
 void ScriptWrapper::setRunner(std::shared_ptr<ScriptRunner> replacement) {

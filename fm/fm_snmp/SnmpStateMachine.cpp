@@ -22,6 +22,7 @@
 #include "SnmpTarnWrapper.h"
 #include "SnmpTypes.h"
 #include "SnmpUtil.h"
+#include "TarnSpi.h"
 #include "VelaException.h"
 
 namespace VelaFmSnmp {
@@ -55,7 +56,6 @@ constexpr TarnConfigureOption ConfigureOptions[] = {TarnConfigureAgentAddress, T
                                                     TarnConfigureTrapSess,     TarnConfigureDtlsNodeCredential,
                                                     TarnConfigureCipherString, TarnConfigureEngineId};
 
-constexpr const char* ConfigUser = "vela_config_user";
 constexpr const char* LoopbackV4 = "127.0.0.1";
 constexpr const char* LoopbackV6 = "::1";
 
@@ -351,8 +351,8 @@ void FmStateCreateSession::open(SnmpAdaptorRunnable& owner, SnmpMaSession& sessi
   if (addresses.empty()) throw Vela::VelaException("no agent address configured");
   SnmpConfig reachable;
   reachable.agentAddress.emplace_back(addresses.front().host.toString(), addresses.front().port);
-  session.initSessionWithPwdFile(getMasterAgentAddress(reachable), static_cast<int>(addresses.front().port), ConfigUser,
-                                 handler->getSnmpMasterAgentPwdFile());
+  session.initSessionWithPwdFile(getMasterAgentAddress(reachable), static_cast<int>(addresses.front().port),
+                                 Vela::TarnSpi::NodeUser, handler->getSnmpMasterAgentPwdFile());
 }
 
 std::string FmStateCreateSession::getMasterAgentAddress(const SnmpConfig& config) {

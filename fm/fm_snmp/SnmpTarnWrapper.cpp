@@ -1,6 +1,7 @@
 #include "SnmpTarnWrapper.h"
 
 #include <LoggingWrapper.h>
+#include <TarnSpi.h>
 #include <VelaException.h>
 
 #include <Poco/Net/IPAddress.h>
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <cctype>
 #include <set>
+#include <sstream>
 
 #include "AgentAddresses.h"
 #include "HexMask.h"
@@ -141,26 +143,27 @@ std::string nodeCredentialArgument(const std::string& fingerprint) {
 /** What the tool wrote, in the length of a log line; one that is broken may write any amount. */
 std::string told(const std::string& output) { return Poco::trim(output.substr(0, maxToldOctets)); }
 
-/** The hosts that the tool names in lines like "... inform receiver HOST is left out, its name has no address". */
-std::set<std::string> receiversLeftOut(const std::string& warnings) {
-  static const std::string before = "the inform receiver ";
-  static const std::string after = " is left out, its name has no address";
+/** The hosts that the tool names as left out in its answer to a start. */
+std::set<std::string> receiversLeftOut(const std::string& answer) {
   std::set<std::string> hosts;
-  for (std::size_t at = warnings.find(before); at != std::string::npos; at = warnings.find(before, at)) {
-    at += before.size();
-    const std::size_t end = warnings.find_first_of(" \n", at);
-    if (end != std::string::npos && warnings.compare(end, after.size(), after) == 0)
-      hosts.insert(warnings.substr(at, end - at));
+  std::istringstream lines(answer);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string word;
+    std::string host;
+    if (words >> word >> host && word == Vela::TarnSpi::ReceiverLeftOut) hosts.insert(host);
   }
   return hosts;
 }
 
 }  // namespace
 
-const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingDtls{1, 2, 0};
-const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingTrapSessAndCipherFilter{1, 6, 0};
-const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingIpv6PortReverseByteOrder{1, 9, 0};
-const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingEngineId{1, 10, 0};
+const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingDtls = Vela::TarnSpi::DtlsRevision;
+const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingTrapSessAndCipherFilter =
+    Vela::TarnSpi::TrapSessAndCipherRevision;
+const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingIpv6PortReverseByteOrder =
+    Vela::TarnSpi::Ipv6PortOrderRevision;
+const Vela::TarnSpiVersion SnmpTarnWrapper::_minimumVersionSupportingEngineId = Vela::TarnSpi::EngineIdRevision;
 
 SnmpTarnWrapper::SnmpTarnWrapper(const std::string& tool) : _tool(tool) {}
 
@@ -179,15 +182,15 @@ std::string SnmpTarnWrapper::runTool(const std::vector<std::string>& arguments, 
 
 std::string SnmpTarnWrapper::runChange(const std::vector<std::string>& arguments, int timeoutMs,
                                        const char* what) const {
-  std::string warnings = runTool(arguments, timeoutMs, what);
-  if (!warnings.empty()) VELA_LOG(Vela::LogWarning, "%s: %s", what, told(warnings).c_str());
-  return warnings;
+  std::string answer = runTool(arguments, timeoutMs, what);
+  if (!answer.empty()) VELA_LOG(Vela::LogInfo, "%s: %s", what, told(answer).c_str());
+  return answer;
 }
 
 void SnmpTarnWrapper::manage(TarnManageOption option, int timeoutMs) const {
   const char* word = manageWord(option);
-  const std::string warnings = runChange({"snmp", word}, timeoutMs, (_tool.getCommand() + " snmp " + word).c_str());
-  if (option == TarnManageStart || option == TarnManageRestart) _receiversLeftOut = receiversLeftOut(warnings);
+  const std::string answer = runChange({"snmp", word}, timeoutMs, (_tool.getCommand() + " snmp " + word).c_str());
+  if (option == TarnManageStart || option == TarnManageRestart) _receiversLeftOut = receiversLeftOut(answer);
   VELA_TRACE(" << Succeeded to %s snmpd", word);
 }
 

@@ -78,7 +78,7 @@ class SnmpTarnWrapper {
 
   bool isTooOld(const Vela::TarnSpiVersion& minimum, const char* message) const;
   std::string runTool(const std::vector<std::string>& arguments, int timeoutMs, const char* what) const;
-  /** As runTool, for a command of which all that it writes is a warning; yields the warnings. */
+  /** As runTool, for a command that need not answer; logs what it does answer. */
   std::string runChange(const std::vector<std::string>& arguments, int timeoutMs, const char* what) const;
   bool query(const char* word, const char* failure) const;
   void runConfigure(const std::vector<std::string>& arguments, int timeoutMs) const;

@@ -11,12 +11,12 @@
 
 #include "AddressResolver.h"
 #include "LoggingWrapper.h"
+#include "TarnSpi.h"
 
 namespace VelaFmSnmp {
 
 namespace {
 
-const char* const SecurityNamePrefix = "Vela_";
 constexpr std::uint32_t InformTimeoutWorkaroundFactor = 10;
 constexpr std::uint32_t HundredthsPerSecond = 100;
 /** The agent cuts a word of a configuration line at 2560 octets; escaping at most doubles a word. */
@@ -213,14 +213,14 @@ bool SnmpBaseTarget::operator==(const SnmpBaseTarget& other) const {
          missingAttributes == other.missingAttributes && defaultedAttributes == other.defaultedAttributes;
 }
 
-std::string SnmpTargetV1::getSecurityName() const { return SecurityNamePrefix + community; }
+std::string SnmpTargetV1::getSecurityName() const { return Vela::TarnSpi::SecurityNamePrefix + community; }
 
 bool SnmpTargetV1::operator==(const SnmpTargetV1& other) const {
   return SnmpBaseTarget::operator==(other) && community == other.community &&
          networkPrefixLength == other.networkPrefixLength;
 }
 
-std::string SnmpTargetV2C::getSecurityName() const { return SecurityNamePrefix + community; }
+std::string SnmpTargetV2C::getSecurityName() const { return Vela::TarnSpi::SecurityNamePrefix + community; }
 
 bool SnmpTargetV2C::operator==(const SnmpTargetV2C& other) const {
   return SnmpBaseTarget::operator==(other) && community == other.community &&

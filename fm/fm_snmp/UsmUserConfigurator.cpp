@@ -5,6 +5,7 @@
 #include "UsmUserConfigurator.h"
 
 #include <LoggingWrapper.h>
+#include <TarnSpi.h>
 
 #include <algorithm>
 
@@ -34,31 +35,23 @@ constexpr std::size_t minPassPhrase = USM_LENGTH_P_MIN;
 /** DES (with its salt) and AES-128 take keys of 16 octets. */
 constexpr std::size_t privKeyLength = 16;
 
-struct TemplateUser {
-  const char* name;
-  int authProtocol;
-  int privProtocol;
-};
-/** Provided by the master agent's own configuration, in search order. */
-constexpr TemplateUser templateUsers[] = {{"vela_config_user", AuthMd5, PrivDes},
-                                          {"vela_templ_SHA_DES", AuthSha, PrivDes},
-                                          {"vela_templ_MD5_AES", AuthMd5, PrivAes},
-                                          {"vela_templ_SHA_AES", AuthSha, PrivAes}};
+using Vela::TarnSpi::TemplateUser;
+using Vela::TarnSpi::TemplateUsers;
 
 const TemplateUser* findTemplate(int authProtocol, int privProtocol) {
   const auto* found =
-      std::find_if(std::begin(templateUsers), std::end(templateUsers), [=](const TemplateUser& candidate) {
-        return (authProtocol == AuthNone || candidate.authProtocol == authProtocol) &&
-               (privProtocol == PrivNone || candidate.privProtocol == privProtocol);
+      std::find_if(std::begin(TemplateUsers), std::end(TemplateUsers), [=](const TemplateUser& candidate) {
+        return (authProtocol == AuthNone || candidate.auth == authProtocol) &&
+               (privProtocol == PrivNone || candidate.priv == privProtocol);
       });
-  if (found != std::end(templateUsers)) return found;
+  if (found != std::end(TemplateUsers)) return found;
   VELA_LOG(Vela::LogError, "No default user found for authProtocol = %d and privProtocol = %d", authProtocol,
            privProtocol);
   return nullptr;
 }
 
 bool isTemplate(const std::string& name) {
-  return std::any_of(std::begin(templateUsers), std::end(templateUsers),
+  return std::any_of(std::begin(TemplateUsers), std::end(TemplateUsers),
                      [&](const TemplateUser& candidate) { return name == candidate.name; });
 }
 
@@ -165,7 +158,7 @@ void UsmUserConfigurator::usmCreateUser(SnmpMaSession& session, const UsmUser& u
   // Until the last step has succeeded the row is not the user wanted, and must be deleted before another try.
   _written[user.name] = UsmUser{};
   usmCloneUser(session, user.name, source->name);
-  usmChangePassword(session, user, source->authProtocol);
+  usmChangePassword(session, user, source->auth);
   usmResetAuthPrivProtcol(session, user);
   usmSetUserStatus(session, user.name, RowActive);
   _written[user.name] = user;

@@ -8,11 +8,13 @@
 #include <string>
 #include <string_view>
 
+#include "TarnSpi.h"
+
 namespace SnmpdPlugin {
 
 namespace {
 
-constexpr std::string_view NodesUser = "vela_config_user";
+constexpr std::string_view NodesUser = Vela::TarnSpi::NodeUser;
 constexpr int Checks[] = {SNMPD_CALLBACK_ACM_CHECK, SNMPD_CALLBACK_ACM_CHECK_INITIAL, SNMPD_CALLBACK_ACM_CHECK_SUBTREE};
 
 /** snmpd's own judgement of a request by the kind of check, which the shortcut stands before. */

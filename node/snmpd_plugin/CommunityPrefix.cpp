@@ -7,11 +7,13 @@
 #include <cstring>
 #include <string_view>
 
+#include "TarnSpi.h"
+
 namespace SnmpdPlugin {
 
 namespace {
 
-constexpr std::string_view Prefix = "Vela_";
+constexpr std::string_view Prefix = Vela::TarnSpi::SecurityNamePrefix;
 
 int onSessionInit(int, int, void* session, void*) {
   auto* opened = static_cast<netsnmp_session*>(session);

@@ -10,6 +10,7 @@
 #include "Files.h"
 #include "ReceiverNames.h"
 #include "Revision.h"
+#include "TarnSpi.h"
 
 namespace Tarn {
 
@@ -21,7 +22,7 @@ using Warnings = std::vector<std::string>;
 struct Part {
   const char* argument;
   const char* file;
-  Revision since;
+  Vela::TarnSpiVersion since;
   bool isFile; /**< the argument's value names a file that holds the value */
   std::string (*render)(const std::string& value, const NodeFolder& folder, Warnings& warnings);
 };
@@ -30,44 +31,33 @@ constexpr const char* AddressesPart = "addresses";
 constexpr const char* EngineIdPart = "engine_id";
 
 const Part Parts[] = {
-    {"ipAddress", AddressesPart, FirstRevision, false,
+    {"ipAddress", AddressesPart, Vela::TarnSpi::FirstRevision, false,
      [](const std::string& value, const NodeFolder&, Warnings&) { return renderAddresses(value); }},
-    {"snmpId", "system_name", FirstRevision, false,
+    {"snmpId", "system_name", Vela::TarnSpi::FirstRevision, false,
      [](const std::string& value, const NodeFolder&, Warnings&) { return renderSystemName(value); }},
-    {"communities", "communities", FirstRevision, true,
+    {"communities", "communities", Vela::TarnSpi::FirstRevision, true,
      [](const std::string& value, const NodeFolder&, Warnings& warnings) {
        return renderCommunities(value, warnings);
      }},
-    {"trapsess", "trapsess", TrapSessAndCipherRevision, true,
+    {"trapsess", "trapsess", Vela::TarnSpi::TrapSessAndCipherRevision, true,
      [](const std::string& value, const NodeFolder&, Warnings& warnings) {
        return renderTrapSessions(value, warnings);
      }},
-    {"dtlsNodeCredential", "node_credential", DtlsRevision, false,
+    {"dtlsNodeCredential", "node_credential", Vela::TarnSpi::DtlsRevision, false,
      [](const std::string& value, const NodeFolder& folder, Warnings& warnings) {
        return renderNodeCredential(value, folder.tls(), warnings);
      }},
-    {"setCipherString", "cipher_string", TrapSessAndCipherRevision, false,
+    {"setCipherString", "cipher_string", Vela::TarnSpi::TrapSessAndCipherRevision, false,
      [](const std::string& value, const NodeFolder&, Warnings&) { return renderCipherString(value); }},
-    {"engineId", EngineIdPart, EngineIdRevision, false,
+    {"engineId", EngineIdPart, Vela::TarnSpi::EngineIdRevision, false,
      [](const std::string& value, const NodeFolder&, Warnings&) { return renderEngineId(value); }},
 };
 
-/**
- * Users that a manager of the agent's tables clones new ones from; the first is also the one it works as. All have the
- * node's pass phrase for authentication and for privacy.
- */
-struct TemplateUser {
-  const char* name;
-  const char* authentication;
-  const char* privacy;
-};
+using Vela::TarnSpi::TemplateUser;
+using Vela::TarnSpi::TemplateUsers;
 
-constexpr TemplateUser TemplateUsers[] = {
-    {"vela_config_user", "MD5", "DES"},
-    {"vela_templ_SHA_DES", "SHA", "DES"},
-    {"vela_templ_MD5_AES", "MD5", "AES"},
-    {"vela_templ_SHA_AES", "SHA", "AES"},
-};
+const char* wordOf(Vela::TarnSpi::AuthProtocol protocol) { return protocol == Vela::TarnSpi::Sha ? "SHA" : "MD5"; }
+const char* wordOf(Vela::TarnSpi::PrivProtocol protocol) { return protocol == Vela::TarnSpi::Aes ? "AES" : "DES"; }
 
 constexpr size_t PassPhraseOctets = 24;
 constexpr size_t MinPassPhrase = 8;        // RFC 3414, 11.2
@@ -185,15 +175,15 @@ std::string AgentConfiguration::fixedDirectives() const {
     text.append("createUser ")
         .append(user.name)
         .append(" ")
-        .append(user.authentication)
+        .append(wordOf(user.auth))
         .append(" ")
         .append(phrase)
         .append(" ")
-        .append(user.privacy)
+        .append(wordOf(user.priv))
         .append(" ")
         .append(phrase)
         .append("\n");
-  text += std::string("rwuser ") + TemplateUsers[0].name + " authPriv\n";
+  text += std::string("rwuser ") + Vela::TarnSpi::NodeUser + " authPriv\n";
   return text;
 }
 
@@ -213,9 +203,9 @@ std::string AgentConfiguration::render() const {
 void AgentConfiguration::generate() const { writePrivateFile(_folder.agentConfiguration(), render()); }
 
 std::vector<std::string> AgentConfiguration::generateForStart() const {
-  Warnings warnings;
-  writePrivateFile(_folder.agentConfiguration(), resolveReceivers(render(), warnings));
-  return warnings;
+  std::vector<std::string> leftOut;
+  writePrivateFile(_folder.agentConfiguration(), resolveReceivers(render(), leftOut));
+  return leftOut;
 }
 
 }  // namespace Tarn

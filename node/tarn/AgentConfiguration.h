@@ -29,7 +29,7 @@ class AgentConfiguration {
 
   /** Makes snmpd.conf from the stored parts, and before that the password file when there is none. */
   void generate() const;
-  /** The same, with addresses in the place of names; yields warnings about receivers that were left out. */
+  /** The same, with addresses in the place of names; yields the names of the receivers that were left out. */
   std::vector<std::string> generateForStart() const;
 
   /** The addresses that the stored configuration makes the agent listen on. */

@@ -16,13 +16,14 @@
 
 #include "AgentConfiguration.h"
 #include "Failure.h"
+#include "TarnSpi.h"
 
 namespace Tarn {
 
 namespace {
 
 constexpr std::string_view Transports[] = {"udp", "udp6", "dtlsudp", "dtlsudp6"};
-constexpr std::string_view SecurityNamePrefix = "Vela_";
+constexpr std::string_view SecurityNamePrefix = Vela::TarnSpi::SecurityNamePrefix;
 constexpr size_t MaxSecurityName = 32;   // SnmpAdminString of the VACM and USM tables
 constexpr size_t MaxSystemName = 255;    // DisplayString of sysName
 constexpr size_t MinEngineIdOctets = 5;  // RFC 3411, SnmpEngineID

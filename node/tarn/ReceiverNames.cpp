@@ -91,7 +91,7 @@ class LookUps {
 
 }  // namespace
 
-std::string resolveReceivers(const std::string& configuration, std::vector<std::string>& warnings) {
+std::string resolveReceivers(const std::string& configuration, std::vector<std::string>& leftOut) {
   LookUps lookUps;
   std::vector<std::pair<std::string, Receiver>> lines;
   std::istringstream in(configuration);
@@ -108,7 +108,7 @@ std::string resolveReceivers(const std::string& configuration, std::vector<std::
     }
     const std::string address = lookUps.await(receiver.host);
     if (address.empty()) {
-      warnings.push_back("the inform receiver " + receiver.host + " is left out, its name has no address");
+      leftOut.push_back(receiver.host);
       continue;
     }
     const auto& [transport, transportV6] = receiver.transports;

@@ -1,30 +1,41 @@
 #include "Revision.h"
 
-#include <cstdio>
 #include <cstdlib>
 
 #include "Failure.h"
+#include "TarnSpi.h"
+#include "VelaException.h"
 
 namespace Tarn {
 
-std::string Revision::toString() const {
-  return std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch);
+namespace {
+
+constexpr Vela::TarnSpiVersion OldestRevision = Vela::TarnSpi::FirstRevision;
+constexpr Vela::TarnSpiVersion NewestRevision = Vela::TarnSpi::EngineIdRevision;
+
+/** Something older than any revision when the text is none. */
+Vela::TarnSpiVersion parse(const char* text) {
+  try {
+    return Vela::TarnSpiVersion::fromString(text);
+  } catch (const Vela::VelaException&) {
+    return {};
+  }
 }
 
-Revision Revision::current() {
+}  // namespace
+
+Vela::TarnSpiVersion currentRevision() {
   const char* text = std::getenv("VELA_TARN_REVISION");
   if (text == nullptr || *text == '\0') return NewestRevision;
-  Revision wanted;
-  int length = 0;
-  if (std::sscanf(text, "%4d.%4d.%4d%n", &wanted.major, &wanted.minor, &wanted.patch, &length) != 3 ||
-      text[length] != '\0' || wanted < FirstRevision || NewestRevision < wanted)
-    throw Failure("VELA_TARN_REVISION is no revision between " + FirstRevision.toString() + " and " +
+  const Vela::TarnSpiVersion wanted = parse(text);
+  if (wanted < OldestRevision || NewestRevision < wanted)
+    throw Failure("VELA_TARN_REVISION is no revision between " + OldestRevision.toString() + " and " +
                   NewestRevision.toString() + ": " + text);
   return wanted;
 }
 
-void require(const std::string& feature, const Revision& since) {
-  const Revision revision = Revision::current();
+void require(const std::string& feature, const Vela::TarnSpiVersion& since) {
+  const Vela::TarnSpiVersion revision = currentRevision();
   if (revision < since)
     throw Failure(feature + " needs revision " + since.toString() + ", this tool has " + revision.toString());
 }

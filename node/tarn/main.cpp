@@ -22,6 +22,7 @@
 #include "NodeFolder.h"
 #include "PersistentState.h"
 #include "Revision.h"
+#include "TarnSpi.h"
 
 namespace {
 
@@ -65,7 +66,10 @@ void start(const NodeFolder& folder) {
   const AgentProcess process(folder);
   if (process.find()) return;
   const AgentConfiguration configuration(folder);
-  for (const std::string& warning : configuration.generateForStart()) std::cerr << warning << '\n';
+  for (const std::string& receiver : configuration.generateForStart()) {
+    std::cout << Vela::TarnSpi::ReceiverLeftOut << ' ' << receiver << '\n';
+    std::cerr << "the inform receiver " << receiver << " is left out, its name has no address\n";
+  }
   PersistentState(folder.persistent()).prepareStart(configuration.engineId());
   if (!std::filesystem::exists(folder.plugin()))
     std::cerr << "VELA_SNMPD_PLUGIN names no file: snmpd runs without the node's plugin\n";
@@ -106,18 +110,18 @@ const Command Commands[] = {
     {"status", false, false, [](const NodeFolder& folder, const Arguments&) { status(folder); }},
     {"isDtlsSupported", false, false,
      [](const NodeFolder& folder, const Arguments&) {
-       require("isDtlsSupported", DtlsRevision);
+       require("isDtlsSupported", Vela::TarnSpi::DtlsRevision);
        // The agent itself has the transport, the tables that configure its use come with the plugin.
        answer(std::filesystem::exists(folder.plugin()) && AgentProcess::isDtlsBuiltIn());
      }},
     {"isExactEngineIdSupported", false, false,
      [](const NodeFolder&, const Arguments&) {
-       require("isExactEngineIdSupported", EngineIdRevision);
+       require("isExactEngineIdSupported", Vela::TarnSpi::EngineIdRevision);
        answer(true);
      }},
     {"ipv6PortReverseByteOrder", false, false,
      [](const NodeFolder&, const Arguments&) {
-       require("ipv6PortReverseByteOrder", Ipv6PortOrderRevision);
+       require("ipv6PortReverseByteOrder", Vela::TarnSpi::Ipv6PortOrderRevision);
        // net-snmp's transport for IPv6 takes the two port octets of an address in network order.
        answer(false);
      }},
@@ -161,7 +165,7 @@ void run(const Arguments& arguments) {
   if (arguments == Arguments{"--help"} || arguments == Arguments{"-h"}) {
     std::cout << Usage;
   } else if (arguments == Arguments{"spi-revision"}) {
-    std::cout << Revision::current().toString() << '\n';
+    std::cout << currentRevision().toString() << '\n';
   } else if (arguments == Arguments{"pso", "no-backup"}) {
     std::cout << NodeFolder::fromEnvironment().noBackup().string() << '\n';
   } else if (!arguments.empty() && arguments.front() == "snmp") {

@@ -260,6 +260,7 @@ def test_names_of_inform_receivers_are_looked_up_before_the_agent_starts(node):
     result = node.run("snmp", "start")
     assert result.returncode == 0
     assert result.stderr == "the inform receiver no-such-host.invalid is left out, its name has no address\n"
+    assert result.stdout == "receiver-left-out no-such-host.invalid\n"
     receivers = [line.rsplit(" ", 1)[1] for line in node.conf().splitlines() if line.startswith("trapsess")]
     assert receivers[0] in ("127.0.0.1:1162", "udp6:[::1]:1162") and receivers[1:] == ["udp6:[::1]:1162"]
 

@@ -6,7 +6,7 @@ import faults
 from dtls import Credential, DtlsReceiver
 from test_dtls_node import TLS, dtls_address, dtls_target, install, tls
 from usm import Daemon, User, await_states, create, engine_id_of
-from vela import MIB_ROOT, SNMP, eventually, free_port, target_xml
+from vela import BIN, MIB_ROOT, SNMP, eventually, free_port, target_xml
 
 ENGINE_ID = "80001f888011223344"
 CIPHERS = "ECDHE-ECDSA-AES256-GCM-SHA384"
@@ -86,6 +86,17 @@ def test_what_the_tool_is_too_old_for_is_left_out(nodes, folder, receivers, stop
     eventually(lambda: sorted(alarm[:2] for alarm in daemon.alarms() if "served" in str(alarm)) == expected,
                what=f"{expected}")
     assert has_dtls or not secure.received()
+
+
+def test_a_warning_on_standard_error_is_no_answer(nodes, folder):
+    programs = faults.Programs(folder / "programs")
+    warning = "tarn: warning: setlocale: LC_ALL: cannot change locale (xx_XX)"
+    programs.replace("tarn", f'echo "{warning}" >&2\nexec {BIN}/tarn "$@"')
+    node = nodes(snmp=f"<engineId>{ENGINE_ID}</engineId>", programs=programs.bin).start()
+    node.reach("PostConfigure")
+    assert engine_id_of(node) == node.get(SNMP, "engineId") == ENGINE_ID
+    for command in ("spi-revision", "snmp isDtlsSupported", "snmp configure", "snmp start"):
+        assert any(f"tarn {command}" in line and warning in line for line in node.log().splitlines()), command
 
 
 def test_an_engine_id_is_set_changed_and_taken_away(nodes, folder, stopping):

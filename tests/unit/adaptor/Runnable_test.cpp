@@ -404,7 +404,8 @@ TEST_F(RunnableTest, AStopEndsTheThreadAtOnceAndAnotherRunFollows) {
 
 TEST_F(RunnableTest, AStopEndsToolsButASecondOneNotThoseOfTheShutdown) {
   struct Tool : Vela::ScriptRunner {
-    int run(const std::vector<std::string>&, int, std::string&, const Vela::ScriptCancellation* cancellation) override {
+    int run(const std::vector<std::string>&, int, std::string&, std::string&,
+            const Vela::ScriptCancellation* cancellation) override {
       return cancellation->isCancelled() ? 1 : 0;
     }
   };

@@ -1,5 +1,6 @@
 #include "ScriptWrapper.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -11,6 +12,7 @@
 
 #include "TemporaryFolder.h"
 #include "VelaException.h"
+#include "support/CapturedLog.h"
 
 namespace {
 
@@ -36,6 +38,7 @@ class ScriptWrapperTest : public ::testing::Test {
 
   TemporaryFolder _folder;
   std::string _output;
+  StateTest::CapturedLog _log;
 };
 
 TEST_F(ScriptWrapperTest, ArgumentsReachTheCommandAsTheyAre) {
@@ -50,14 +53,16 @@ TEST_F(ScriptWrapperTest, ArgumentsReachTheCommandAsTheyAre) {
   }
 }
 
-TEST_F(ScriptWrapperTest, StatusAndBothOutputsAreReported) {
+TEST_F(ScriptWrapperTest, TheAnswerIsStandardOutputAndAFailureTellsStandardError) {
   const struct {
     const char* script;
     int status;
     const char* output;
   } cases[] = {
       {"exit 0", 0, ""},
-      {"echo out; echo err >&2; exit 3", 3, "out\nerr\n"},
+      {"echo out; echo err >&2", 0, "out\n"},
+      {"echo out; echo err >&2; exit 3", 3, "err\n"},
+      {"echo out; exit 3", 3, "out\n"},
       {"kill -9 $$", 128 + SIGKILL, ""},
       {"cat; echo done", 0, "done\n"},  // standard input is empty, not the host's
   };
@@ -66,8 +71,9 @@ TEST_F(ScriptWrapperTest, StatusAndBothOutputsAreReported) {
     EXPECT_EQ(run(test.script), test.status) << test.script;
     EXPECT_EQ(_output, test.output) << test.script;
   }
+  EXPECT_THAT(_log.lines(Vela::LogWarning), testing::ElementsAre("sh -c echo out; echo err >&2: err"));
   // A long output does not block the command.
-  EXPECT_EQ(run("head -c 300000 /dev/zero | tr '\\0' x"), 0);
+  EXPECT_EQ(run("head -c 300000 /dev/zero | tr '\\0' x | tee /dev/stderr"), 0);
   EXPECT_EQ(_output.size(), 300000u);
 }
 
@@ -76,6 +82,8 @@ TEST_F(ScriptWrapperTest, ATimeOutKillsTheWholeProcessGroup) {
   const std::string script =
       "(trap '' TERM; sleep 600 & echo $! > " + path("grandchild") + "; wait) & trap '' TERM; wait";
   const Clock::time_point start = Clock::now();
+  EXPECT_THROW(run("echo stuck >&2; exec yes", 300), Vela::VelaException) << "it never stops writing";
+  EXPECT_THAT(_log.lines(Vela::LogWarning), testing::ElementsAre("sh -c echo stuck >&2; exec yes: stuck"));
   EXPECT_THROW(run(script, 300), Vela::VelaException);
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
   int pid = 0;
