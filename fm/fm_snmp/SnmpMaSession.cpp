@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <mutex>
 
@@ -25,11 +26,43 @@ const char* const localAddress = "127.0.0.1:0";
 
 using Lock = Poco::ScopedLock<Poco::Mutex>;
 
-// Opening and closing touch the library's lists of users and engines, which have no lock of their own.
-std::mutex& openCloseMutex() {
-  static std::mutex mutex;
-  return mutex;
+/** What the sessions of this process share. The library's lists of users and engines have no lock of their own. */
+struct OpenSessions {
+  std::mutex mutex;
+  int count = 0;
+};
+
+OpenSessions& openSessions() {
+  static OpenSessions sessions;
+  return sessions;
 }
+
+void wipe(std::string& secret) {
+  explicit_bzero(secret.data(), secret.capacity());
+  secret.clear();
+}
+
+/** Wipes a text, or a structure that holds keys, at the end of its scope. */
+class Wiped {
+ public:
+  explicit Wiped(std::string& text) : _text(&text) {}
+  explicit Wiped(netsnmp_session& session) : _session(&session) {}
+  ~Wiped() {
+    if (_text) wipe(*_text);
+    if (_session) wipeKeys(*_session);
+  }
+  Wiped(const Wiped&) = delete;
+  Wiped& operator=(const Wiped&) = delete;
+
+  static void wipeKeys(netsnmp_session& session) {
+    explicit_bzero(session.securityAuthKey, sizeof session.securityAuthKey);
+    explicit_bzero(session.securityPrivKey, sizeof session.securityPrivKey);
+  }
+
+ private:
+  std::string* _text = nullptr;
+  netsnmp_session* _session = nullptr;
+};
 
 SnmpMaSession::Factory& sessionFactory() {
   static SnmpMaSession::Factory factory;
@@ -94,10 +127,10 @@ bool isAnswered(void* handle) {
 
 /**
  * The library keeps the keys of a user and the boot count of an engine beyond the session, and would hold them against
- * an agent that has a new pass phrase or has lost its count.
+ * an agent that has a new pass phrase or has lost its count, and open a session with a wrong pass phrase. Sessions that
+ * are open work with them, so that they are forgotten only when none is.
  */
-void forgetPeer(const netsnmp_session& session) {
-  const std::string name(session.securityName, session.securityNameLen);
+void forgetUser(const std::string& name) {
   for (usmUser *user = usm_get_userList(), *next = nullptr; user != nullptr; user = next) {
     next = user->next;
     if (user->secName == nullptr || name != user->secName) continue;
@@ -107,13 +140,45 @@ void forgetPeer(const netsnmp_session& session) {
   }
 }
 
+/** Whether the keys that the library has for the user are those of the pass phrase. Another open session may have
+ *  brought it others. */
+bool hasOwnKey(const netsnmp_session& opened, const netsnmp_session& wanted) {
+  const usmUser* user = usm_get_user(opened.securityEngineID, opened.securityEngineIDLen, wanted.securityName);
+  u_char key[USM_AUTH_KU_LEN];
+  std::size_t length = sizeof key;
+  const bool isOwn = user != nullptr &&
+                     generate_kul(wanted.securityAuthProto, wanted.securityAuthProtoLen, opened.securityEngineID,
+                                  opened.securityEngineIDLen, wanted.securityAuthKey, wanted.securityAuthKeyLen, key,
+                                  &length) == SNMPERR_SUCCESS &&
+                     user->authKeyLen == length && std::memcmp(user->authKey, key, length) == 0;
+  explicit_bzero(key, sizeof key);
+  return isOwn;
+}
+
+/** Counts as an open session when it returns. */
 SessionHandle openHandle(const std::string& host, netsnmp_session& session) {
-  std::lock_guard<std::mutex> opening(openCloseMutex());
+  const std::string user(session.securityName, session.securityNameLen);
+  OpenSessions& others = openSessions();
+  std::lock_guard<std::mutex> opening(others.mutex);
+  if (others.count == 0) forgetUser(user);
   SessionHandle handle(snmp_sess_open(&session));
   // The library finds the engine out at the first request only; without an answer to that the session is worth nothing.
-  if (handle && isAnswered(handle.get())) return handle;
-  forgetPeer(session);
+  if (handle && isAnswered(handle.get())) {
+    netsnmp_session& opened = *snmp_sess_session(handle.get());
+    if (hasOwnKey(opened, session)) {
+      ++others.count;
+      return handle;
+    }
+    opened.s_snmp_errno = SNMPERR_AUTHENTICATION_FAILURE;
+  }
+  if (others.count == 0) forgetUser(user);
   throwOpenFailure(host, handle ? snmp_sess_session(handle.get()) : &session);
+}
+
+/** Whether a failed request tells that the agent and the library no longer agree on the user. */
+bool isUserUnknown(int libErr) {
+  return libErr == SNMPERR_UNKNOWN_USER_NAME || libErr == SNMPERR_UNKNOWN_ENG_ID ||
+         libErr == SNMPERR_AUTHENTICATION_FAILURE || libErr == SNMPERR_USM_UNKNOWNSECURITYNAME;
 }
 
 bool isCounted(u_char type) {
@@ -161,8 +226,6 @@ void SnmpMaSession::initSession(const std::string& host, int port, const std::st
   if (authPass.size() < minimumPassPhrase || privPass.size() < minimumPassPhrase)
     throw Vela::VelaException("The pass phrases of the snmp session need at least %zu characters", minimumPassPhrase);
   SnmpMaSession::close();
-  _rootAuthPwd = authPass;
-  _rootPrivPwd = privPass;
 
   // The library copies these texts but takes them as char*. The port counts in the peer's name only.
   std::string peer = host + ":" + std::to_string(port);
@@ -172,6 +235,7 @@ void SnmpMaSession::initSession(const std::string& host, int port, const std::st
 
   netsnmp_session session;
   snmp_sess_init(&session);
+  const Wiped keys(session);
   session.version = SNMP_VERSION_3;
   session.retries = sessionRetries;
   session.timeout = sessionTimeoutUs;
@@ -199,24 +263,40 @@ void SnmpMaSession::initSession(const std::string& host, int port, const std::st
   Lock lock(_mutex);
   _handle = handle.release();
   _remotePort = port;
+  _rootAuthPwd = authPass;
+  _rootPrivPwd = privPass;
 }
 
 void SnmpMaSession::initSessionWithPwdFile(const std::string& host, int port, const std::string& user,
                                            const std::string& pwdFile) {
   close();
-  std::ifstream file(pwdFile);
+  std::ifstream file;
+  file.rdbuf()->pubsetbuf(nullptr, 0);  // a buffer would keep the pass phrase
+  file.open(pwdFile);
   if (!file) throw Vela::VelaException("Failed to open password file (%s)", pwdFile.c_str());
   std::string passPhrase;
+  const Wiped secret(passPhrase);
   if (!std::getline(file, passPhrase)) throw Vela::VelaException("Failed to read password file (%s)", pwdFile.c_str());
   initSession(host, port, user, passPhrase, passPhrase);
 }
 
 void SnmpMaSession::close() {
   Lock lock(_mutex);
+  closeHandle();
+  wipe(_rootAuthPwd);
+  wipe(_rootPrivPwd);
+}
+
+void SnmpMaSession::closeHandle() const {
   if (_handle == nullptr) return;
-  std::lock_guard<std::mutex> closing(openCloseMutex());
+  OpenSessions& others = openSessions();
+  std::lock_guard<std::mutex> closing(others.mutex);
+  netsnmp_session& session = *snmp_sess_session(_handle);
+  const std::string user(session.securityName, session.securityNameLen);
+  Wiped::wipeKeys(session);
   snmp_sess_close(_handle);
   _handle = nullptr;
+  if (--others.count == 0) forgetUser(user);
 }
 
 bool SnmpMaSession::isOpen() const {
@@ -293,6 +373,7 @@ bool SnmpMaSession::sendPdu(const std::string& requestName, SnmpPdu& request, Sn
   int libErr = 0;
   int sysErr = 0;
   const std::string text = snmp_error(&libErr, &sysErr);
+  if (isUserUnknown(libErr)) closeHandle();
   throw Vela::VelaException("Failed to send %s pdu, Status: %d (%d,%d:%s)", requestName.c_str(), status, libErr, sysErr,
                             text.c_str());
 }

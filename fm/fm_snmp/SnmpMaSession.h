@@ -40,14 +40,15 @@ class SnmpMaSession {
    * Opens the session and finds out the agent's engine id; blocks for up to 11 times 200 ms.
    * @param host  address of the agent as net-snmp takes it ("127.0.0.1", "udp6:[::1]"), without the port
    * @throws Vela::VelaException for a pass phrase of less than 8 characters and for a failed key derivation,
-   *         SnmpSessionException when the session cannot be opened. The session is closed then.
+   *         SnmpSessionException when the session cannot be opened. The session is closed then; others stay as they
+   * are.
    */
   virtual void initSession(const std::string& host, int port, const std::string& user, const std::string& authPass,
                            const std::string& privPass);
   /** Closes, and opens with the first line of the file as both pass phrases. Throws as initSession. */
   virtual void initSessionWithPwdFile(const std::string& host, int port, const std::string& user,
                                       const std::string& pwdFile);
-  /** Closes the session, if open. */
+  /** Closes the session, if open, and wipes its pass phrases and keys. */
   virtual void close();
 
   /** Peer of the open session in the form "host:port", empty when closed. */
@@ -69,7 +70,8 @@ class SnmpMaSession {
   virtual bool isOpen() const;
 
   /**
-   * Sends a request and waits for the response. The request stays the caller's, emptied of its PDU.
+   * Sends a request and waits for the response. The request stays the caller's, emptied of its PDU. A session whose
+   * user or keys are not known any more, here or in the agent, is closed, so that its owner opens it anew.
    * @param requestName  label of the request in every message
    * @param response     takes the response PDU, if given
    * @return whether the agent answered without error; any error status but inconsistentValue is logged and gives false
@@ -88,15 +90,16 @@ class SnmpMaSession {
   static bool extractString(const variable_list* variables, std::string& value);
   static bool extractOid(const variable_list* variables, SnmpOid* value);
 
-  /** The pass phrases the session was opened with: the ones of the template users. */
+  /** The pass phrases the session was opened with: the ones of the template users. Empty after close(). */
   const std::string& getRootAuthPwd() const { return _rootAuthPwd; }
   const std::string& getRootPrivPwd() const { return _rootPrivPwd; }
 
  private:
   bool getOne(const SnmpOid& oid, const std::string& name, SnmpPdu& response) const;
+  void closeHandle() const;
 
   mutable Poco::Mutex _mutex;
-  void* _handle = nullptr;
+  mutable void* _handle = nullptr; /**< closed by the request that shows that it is worth nothing any more */
   int _remotePort = 0;
   std::string _rootAuthPwd;
   std::string _rootPrivPwd;

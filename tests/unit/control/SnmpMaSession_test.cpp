@@ -2,18 +2,27 @@
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
 
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
+#include <thread>
 
 #include "MasterAgentFixture.h"
+#include "adaptor/StateTestSupport.h"
 
 using namespace VelaFmSnmp;
 using ::testing::AllOf;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 namespace {
@@ -63,9 +72,70 @@ void edit(const std::string& file, const std::function<std::string(const std::st
   std::ofstream(file, std::ios::trunc) << text;
 }
 
+/** A peer that counts what it is sent, and never answers. */
+class MutePeer {
+ public:
+  MutePeer() : _fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address = loopback();
+    socklen_t length = sizeof address;
+    EXPECT_EQ(bind(_fd, reinterpret_cast<sockaddr*>(&address), length), 0);
+    EXPECT_EQ(getsockname(_fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    _port = ntohs(address.sin_port);
+  }
+  ~MutePeer() { close(_fd); }
+  MutePeer(const MutePeer&) = delete;
+  MutePeer& operator=(const MutePeer&) = delete;
+
+  int getPort() const { return _port; }
+  /** Datagrams that came since the last call. */
+  int countDatagrams() const {
+    char octets[2048];
+    int count = 0;
+    while (recv(_fd, octets, sizeof octets, MSG_DONTWAIT) > 0) ++count;
+    return count;
+  }
+  /** The address that the sender of the next datagram is bound to, as the kernel lists it. */
+  std::string senderOfNext() const {
+    sockaddr_in sender{};
+    socklen_t length = sizeof sender;
+    char octet = 0;
+    if (recvfrom(_fd, &octet, 1, MSG_PEEK, reinterpret_cast<sockaddr*>(&sender), &length) < 0) return {};
+    char port[8];
+    std::snprintf(port, sizeof port, ":%04X", ntohs(sender.sin_port));
+    std::ifstream table("/proc/net/udp");
+    for (std::string line; std::getline(table, line);) {
+      std::istringstream words(line);
+      std::string slot;
+      std::string local;
+      if (words >> slot >> local && local.size() > 5 && local.substr(local.size() - 5) == port)
+        return local.substr(0, 8);
+    }
+    return "nobody";
+  }
+
+ private:
+  static sockaddr_in loopback() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+  }
+
+  int _fd;
+  int _port = 0;
+};
+
+usmUser* findConfigUser() {
+  usmUser* user = usm_get_userList();
+  while (user != nullptr && (user->secName == nullptr || std::string(user->secName) != MasterAgent::user))
+    user = user->next;
+  return user;
+}
+
 bool sendSet(const SnmpMaSession& session) {
   SnmpPdu request(SNMP_MSG_SET);
   request.addVarbind(sysDescr, "text");
+  request.addVarbind(sysObjectId, SnmpOid(sysDescr));
   return session.sendPdu("rename", request, nullptr);
 }
 
@@ -76,10 +146,14 @@ TEST(SnmpMaSession, judgesAnswersByTheirStatus) {
   EXPECT_TRUE(sendSet(session));
 
   session.errorStatus = SNMP_ERR_NOTWRITABLE;
-  session.errorIndex = 1;
-  EXPECT_FALSE(sendSet(session));
-  session.errorIndex = 7;  // no such varbind
-  EXPECT_FALSE(sendSet(session));
+  const StateTest::CapturedLog log;
+  for (const long index : {1, 2, 0, 7}) {  // 7: no such varbind
+    session.errorIndex = index;
+    EXPECT_FALSE(sendSet(session));
+  }
+  const std::string failed = std::string("Request rename failed. Reason: ") + snmp_errstring(SNMP_ERR_NOTWRITABLE);
+  EXPECT_THAT(log.lines(Vela::LogError), ElementsAre(failed, std::string("Failed object: ") + sysDescr, failed,
+                                                     std::string("Failed object: ") + sysObjectId, failed, failed));
 
   session.errorStatus = SNMP_ERR_INCONSISTENTVALUE;
   EXPECT_THAT(failureOf<SnmpSessionException>([&] { sendSet(session); }),
@@ -198,6 +272,77 @@ TEST(SnmpMaSession, tellsASilentAgent) {
               }),
               StartsWith("Failed to open snmp session to 127.0.0.1, error: "));
   agent.setStopped(false);
+}
+
+TEST(SnmpMaSession, aFailedOpenLeavesOpenSessionsAlone) {
+  const MasterAgent agent;
+  SnmpMaSession session;
+  agent.open(session);
+  SnmpMaSession other;
+  const std::string wrong = "anotherSecret";
+  EXPECT_THAT(failureOf<SnmpSessionException>(
+                  [&] { other.initSession("127.0.0.1", agent.getPort(), MasterAgent::user, wrong, wrong); }),
+              StartsWith("Failed to open snmp session to 127.0.0.1, error: Authentication failure"));
+  EXPECT_FALSE(other.isOpen());
+
+  const MutePeer mute;
+  std::string sender;
+  std::thread watch([&] { sender = mute.senderOfNext(); });
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_THROW(other.initSession("127.0.0.1", mute.getPort(), MasterAgent::user, "12345678", "12345678"),
+               SnmpSessionException);
+  const auto passed = std::chrono::steady_clock::now() - start;
+  watch.join();
+  EXPECT_EQ(sender, "0100007F") << "bound to the loop-back interface";
+  EXPECT_EQ(mute.countDatagrams(), 11) << "one and ten retries";
+  EXPECT_GE(passed, std::chrono::milliseconds(2150));
+  EXPECT_LT(passed, std::chrono::seconds(4));
+
+  long long boots = 0;
+  EXPECT_TRUE(session.getInt(engineBoots, &boots, "boots"));
+  agent.open(other);
+  session.close();
+  EXPECT_TRUE(other.getInt(engineBoots, &boots, "boots"));
+}
+
+TEST(SnmpMaSession, aWrongPassPhraseOpensNoSession) {
+  const MasterAgent agent;
+  {
+    SnmpMaSession session;
+    agent.open(session);
+  }
+  SnmpMaSession other;
+  EXPECT_THROW(other.initSession("127.0.0.1", agent.getPort(), MasterAgent::user, "anotherSecret", "anotherSecret"),
+               SnmpSessionException);
+  agent.open(other);
+}
+
+TEST(SnmpMaSession, aClosedSessionKeepsNoSecret) {
+  const MasterAgent agent;
+  SnmpMaSession session;
+  agent.open(session);
+  const auto memory = [&] { return std::string(reinterpret_cast<const char*>(&session), sizeof session); };
+  EXPECT_THAT(memory(), HasSubstr(MasterAgent::passPhrase)) << "it is short enough to lie in the object";
+  EXPECT_NE(findConfigUser(), nullptr);
+  session.close();
+  EXPECT_THAT(memory(), Not(HasSubstr(MasterAgent::passPhrase)));
+  EXPECT_EQ(session.getRootAuthPwd() + session.getRootPrivPwd(), "");
+  EXPECT_EQ(findConfigUser(), nullptr);
+}
+
+TEST(SnmpMaSession, closesWhenItsUserIsUnknown) {
+  const MasterAgent agent;
+  SnmpMaSession session;
+  agent.open(session);
+  usmUser* user = findConfigUser();
+  ASSERT_NE(user, nullptr);
+  usm_remove_user(user);
+  usm_free_user(user);
+  long long boots = 0;
+  EXPECT_THAT(failureOf([&] { session.getInt(engineBoots, &boots, "boots"); }), HasSubstr("unknown security name"));
+  EXPECT_FALSE(session.isOpen());
+  agent.open(session);
+  EXPECT_TRUE(session.getInt(engineBoots, &boots, "boots"));
 }
 
 TEST(SnmpMaSession, meetsAnAgentThatHasAnotherPassPhraseAndLostItsBootCount) {
