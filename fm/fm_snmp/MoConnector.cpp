@@ -304,20 +304,21 @@ void MoConnector::setSubscriptions(OamAccessPointHandler::Subscriptions* subscri
 }
 
 void MoConnector::getSnmpConfig(SnmpConfig& config, bool dtlsSupported) const {
-  config.clear();
   try {
     Vela::MoAccessor accessor(LockPolicy, LockTimeoutSeconds);
-    config.snmpMoName = findBase(accessor, _snmpBaseDn, SnmpPath);
-    if (config.snmpMoName.empty()) throw Vela::VelaException("The model has no object %s", SnmpPath);
+    SnmpConfig read;
+    read.snmpMoName = findBase(accessor, _snmpBaseDn, SnmpPath);
+    if (read.snmpMoName.empty()) throw Vela::VelaException("The model has no object %s", SnmpPath);
     _accessPoints.beginReading();
-    readService(accessor, config);
-    readAgentAddress(accessor, _accessPoints, config);
-    if (dtlsSupported) readAgentAddressDtls(accessor, _accessPoints, config);
-    readTargetsAndViews(accessor, config);
-    config.tlsOptions.targetDigest = digestOfTlsTargets(config);
-    if (dtlsSupported) readTls(accessor, config.tlsOptions);
-    readDscp(accessor, config);
+    readService(accessor, read);
+    readAgentAddress(accessor, _accessPoints, read);
+    if (dtlsSupported) readAgentAddressDtls(accessor, _accessPoints, read);
+    readTargetsAndViews(accessor, read);
+    read.tlsOptions.targetDigest = digestOfTlsTargets(read);
+    if (dtlsSupported) readTls(accessor, read.tlsOptions);
+    readDscp(accessor, read);
     _accessPoints.checkAndRestartSubscriptions();
+    config = std::move(read);
   } catch (const Vela::VelaException&) {
     throw;
   } catch (const std::exception& ex) {

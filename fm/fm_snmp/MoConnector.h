@@ -86,8 +86,9 @@ class MoConnector {
   const std::string& getSnmpBaseDn() const { return _snmpBaseDn; }
 
   /**
-   * Clears and fills the configuration; with `dtlsSupported` false its DTLS settings stay empty. A fault in one target
-   * or view is logged and concerns that one only. Throws Vela::VelaException when there is no readable SNMP object.
+   * Replaces the configuration by what the model says; with `dtlsSupported` false its DTLS settings stay empty. A fault
+   * in one target or view is logged and concerns that one only. Throws Vela::VelaException when there is no readable
+   * SNMP object; the configuration is as it was then.
    */
   virtual void getSnmpConfig(SnmpConfig& config, bool dtlsSupported) const;
 

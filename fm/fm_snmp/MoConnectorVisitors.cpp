@@ -95,6 +95,12 @@ void readCommunity(AttributeReader& reader, Target& target) {
   reader.read(attribute::networkPrefixLength, target.networkPrefixLength);
 }
 
+/** A stored pass phrase cannot be decrypted, be it for ever or as long as the credential library is away. */
+class DecryptionFailure : public Vela::VelaException {
+ public:
+  DecryptionFailure() : Vela::VelaException("Decryption of SNMP V3 password failed") {}
+};
+
 std::string clearText(const Vela::MoStruct& key) {
   std::string password = key.getString("password");
   if (key.getBool("cleartext") || password.empty()) return password;
@@ -103,12 +109,13 @@ std::string clearText(const Vela::MoStruct& key) {
   } catch (const std::exception& ex) {
     VELA_LOG(Vela::LogError, "Decryption of SNMP V3 password failed");
     VELA_TRACE("Decryption failed: %s", ex.what());
-    throw Vela::VelaException("Decryption of SNMP V3 password failed");
+    throw DecryptionFailure();
   }
 }
 
 /** Reads a pass phrase. One that the security level does not need is not missed. */
-void readKey(AttributeReader& reader, const std::string& name, bool isNeeded, std::string& passPhrase) {
+void readKey(AttributeReader& reader, const std::string& name, bool isNeeded, SnmpTargetV3Usm& target,
+             std::string& passPhrase) {
   Vela::MoStruct key;
   const bool isSet = isNeeded ? reader.readMandatory(name, key) : reader.read(name, key);
   if (!isSet) return;
@@ -117,7 +124,9 @@ void readKey(AttributeReader& reader, const std::string& name, bool isNeeded, st
   } catch (const std::exception& ex) {
     VELA_LOG(Vela::LogError, "Problem reading %s attribute from SPI, mo (%s). Ex: %s", name.c_str(),
              reader.getDn().c_str(), ex.what());
-    if (isNeeded) reader.addMissing();
+    if (!isNeeded) return;
+    reader.addMissing();
+    if (dynamic_cast<const DecryptionFailure*>(&ex) != nullptr) target.mayBeReadLater = true;
   }
 }
 
@@ -128,8 +137,8 @@ void readSecurity(AttributeReader& reader, SnmpTargetV3Usm& target) {
   reader.read(attribute::privProtocol, target.privProtocol);
   const bool needsAuth = target.snmpSecurityLevel != LevelNoAuthNoPriv && target.authProtocol != AuthNone;
   const bool needsPriv = target.snmpSecurityLevel == LevelAuthPriv && target.privProtocol != PrivNone;
-  readKey(reader, attribute::authKey, needsAuth, target.authKey);
-  readKey(reader, attribute::privKey, needsPriv, target.privKey);
+  readKey(reader, attribute::authKey, needsAuth, target, target.authKey);
+  readKey(reader, attribute::privKey, needsPriv, target, target.privKey);
 }
 
 const char* viewClassName(SnmpProtocolVersion version) {

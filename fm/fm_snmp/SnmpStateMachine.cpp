@@ -365,8 +365,32 @@ std::string FmStateCreateSession::getMasterAgentAddress(const SnmpConfig& config
   return "udp6:[" + (address.isWildcard() ? LoopbackV6 : address.toString()) + "]";
 }
 
+namespace {
+
+/** Opens the adaptor's session again if the attempt before has closed it. */
+void reopenSession(SnmpAdaptorRunnable& owner) {
+  if (!owner.getMaSession().isOpen()) FmStateCreateSession::open(owner, owner.getMaSession());
+}
+
+/** Has the configuration loaded anew when more of it can be read now, without a change of the model. */
+void requestReloadIfReadable(SnmpAdaptorRunnable& owner) {
+  const std::size_t unread = owner.getConfigurator().getCurrentConfig().countReadableLater();
+  if (unread == 0) return;
+  SnmpConfig read;
+  try {
+    owner.getMoConnector().getSnmpConfig(read, owner.isDtlsSupported());
+  } catch (const Vela::VelaException& ex) {
+    VELA_LOG(Vela::LogWarning, "The configuration could not be read again: %s", ex.what());
+    return;
+  }
+  if (read.countReadableLater() < unread) owner.handleCmEvent();
+}
+
+}  // namespace
+
 StateTransition FmStateConfigureTargets::onUpdate(SnmpAdaptorRunnable& owner) {
   try {
+    if (_retries > 0) reopenSession(owner);
     return configure(owner);
   } catch (const Vela::VelaException& ex) {
     return afterFailure(Configure, _retries, ex);
@@ -397,6 +421,8 @@ FmStateRetryConfigureTargets::FmStateRetryConfigureTargets(SnmpAdaptorRunnable& 
 StateTransition FmStateRetryConfigureTargets::onUpdate(SnmpAdaptorRunnable& owner) {
   SnmpMaConfigurator& configurator = owner.getConfigurator();
   try {
+    if (_retries > 0) reopenSession(owner);
+    requestReloadIfReadable(owner);
     // A copy, because the configurator replaces its current configuration while it applies one.
     const SnmpConfig current = configurator.getCurrentConfig();
     configurator.reconfigure(owner.getMaSession(), current);

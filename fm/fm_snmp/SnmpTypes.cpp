@@ -265,6 +265,11 @@ bool SnmpConfig::operator==(const SnmpConfig& other) const {
          allFoundIn(views, other.views, equalViews);
 }
 
+std::size_t SnmpConfig::countReadableLater() const {
+  const auto isReadableLater = [](const auto& entry) { return entry.second->mayBeReadLater; };
+  return static_cast<std::size_t>(std::count_if(targets.begin(), targets.end(), isReadableLater));
+}
+
 bool SnmpConfig::allTargetsOperational() const {
   return std::all_of(targets.begin(), targets.end(), [this](const auto& entry) {
     const SnmpBaseTarget& target = *entry.second;

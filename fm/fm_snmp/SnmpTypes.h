@@ -78,6 +78,8 @@ class SnmpBaseTarget : public SnmpBase {
   std::string moName;                    /**< distinguished name in the model */
   std::uint32_t missingAttributes = 0;   /**< number of mandatory attributes that could not be read */
   std::uint32_t defaultedAttributes = 0; /**< number of optional attributes that stand at their default by a fault */
+  bool mayBeReadLater = false; /**< it is incomplete by a fault outside the model: a pass phrase cannot be decrypted
+                                  now. Not compared */
 
  protected:
   SnmpBaseTarget() = default;
@@ -224,6 +226,8 @@ class SnmpConfig {
   bool isEnabled() const { return administrativeState && !agentAddress.empty(); }
   const TargetMap& getTargets() const { return targets; }
   const ViewMap& getViews() const { return views; }
+  /** Number of targets of which another reading of the same model may yield more. */
+  std::size_t countReadableLater() const;
   /** Whether every unlocked target is operational; DTLS targets count only while DTLS is enabled. */
   bool allTargetsOperational() const;
   /** Communities of all v1 and v2c targets, in the targets' order, each once. */

@@ -480,6 +480,45 @@ TEST_F(TargetsTest, goesToRetryAndOnWhetherOrNotItHelps) {
   EXPECT_EQ(text(retry.onUpdate(adaptor)), "8/successfully configured all targets/100");
 }
 
+TEST_F(TargetsTest, aPassThatHasLostItsSessionOpensItAnew) {
+  addTarget(config(), "a");
+  FmStateConfigureTargets configureState;
+  FmStateRetryConfigureTargets retryState(adaptor);
+  for (FmState* state : std::initializer_list<FmState*>{&configureState, &retryState}) {
+    agent.mutePolls = 1;
+    EXPECT_EQ(text(state->onUpdate(adaptor)), Handled);
+    adaptor.session.close();
+    journal.take();
+    EXPECT_EQ(text(state->onUpdate(adaptor)), "8/successfully configured all targets/100");
+    EXPECT_THAT(journal.take(), testing::Contains(StartsWith("adaptor open 127.0.0.1")));
+  }
+}
+
+TEST_F(TargetsTest, aRetryReadsTheModelAgainForPassPhrasesThatCouldNotBeDecrypted) {
+  const auto decrypt = [](SnmpConfig& to, const char* name, bool isDecrypted) {
+    SnmpTargetV2C* target = addTarget(to, name);
+    target->isComplete = isDecrypted;
+    target->mayBeReadLater = !isDecrypted;
+  };
+  const struct {
+    bool isDecryptedLater;
+    int failures;
+    int next;
+  } cases[] = {{false, 0, FmStateIdPostConfigure}, {false, 1, FmStateIdPostConfigure}, {true, 0, FmStateIdIMMUpdating}};
+  for (const auto& test : cases) {
+    for (const char* name : {"a", "b"}) decrypt(config(), name, false);
+    adaptor.model.snmpConfig = config();
+    decrypt(adaptor.model.snmpConfig, "a", test.isDecryptedLater);
+    adaptor.model.failures = test.failures;
+    adaptor.changeState(FmStateIdConfigureTargets);
+    for (const int state :
+         {static_cast<int>(FmStateIdRetryConfigureTargets), static_cast<int>(FmStateIdPostConfigure), test.next}) {
+      adaptor.updateStateMachine();
+      EXPECT_EQ(adaptor.getStateId(), state) << &test - cases;
+    }
+  }
+}
+
 /** With one target, and the internal one. */
 class ConfiguredTest : public TargetsTest {
  protected:

@@ -106,9 +106,13 @@ TEST_F(MoConnectorTest, ReadsTheService) {
 }
 
 TEST_F(MoConnectorTest, WithoutSnmpObjectReadingFailsUntilThereIsOne) {
+  set(Snmp, "agentAddress", R"([{"host":"192.0.2.1","port":161}])");
+  create(Snmp, "SnmpTargetV2C=a", {{"address", "192.0.2.2"}, {"community", "c"}});
+  SnmpConfig config = read();
+  const SnmpConfig before = config;
   remove(Snmp);
-  SnmpConfig config;
   EXPECT_THROW(connector.getSnmpConfig(config, true), Vela::VelaException);
+  EXPECT_TRUE(config == before) << "a failed read leaves nothing half read";
   const std::string other = create(SysM, "Snmp=2");
   EXPECT_EQ(read().snmpMoName, other);
   connector.setSnmpOperationalState(true);
@@ -212,6 +216,7 @@ TEST_F(MoConnectorTest, AFaultConcernsItsTargetOnly) {
     const std::string rdn = one.rdn;
     EXPECT_EQ(config.targets.at(rdn.substr(rdn.find('=') + 1))->isComplete, one.message == nullptr) << rdn;
     EXPECT_TRUE(one.message == nullptr || isLogged(one.message)) << rdn;
+    EXPECT_EQ(config.targets.at(rdn.substr(rdn.find('=') + 1))->mayBeReadLater, rdn == "SnmpTargetV3=badKey") << rdn;
   }
   EXPECT_FALSE(isLogged("not cipher text"));
 }
