@@ -1,62 +1,88 @@
 #ifndef VELA_FM_SNMP_ACCESS_CONFIGURATOR_H
 #define VELA_FM_SNMP_ACCESS_CONFIGURATOR_H
 
+#include <functional>
 #include <map>
+#include <set>
 #include <string>
-#include <tuple>
+#include <utility>
 #include <vector>
 
+#include "ConfigurationPass.h"
 #include "SnmpTypes.h"
 #include "ViewConfigurator.h"
 
 namespace VelaFmSnmp {
 
-class SnmpMaSession;
-
-/** What an access rule is found by: security model and level, and the security name, which is the group's name too. */
-struct AccessKey {
-  int securityModel = 0;
-  std::string securityName;
-  int securityLevel = LevelNoAuthNoPriv;
-
-  auto tied() const { return std::tie(securityModel, securityName, securityLevel); }
-  bool operator<(const AccessKey& other) const { return tied() < other.tied(); }
-};
-
 /**
- * Groups and access rules in the master agent (vacmSecurityToGroupTable, vacmAccessTable; RFC 3415). Requests throw
- * ConfigurationFault when the agent refuses them and as SnmpMaSession::sendPdu.
+ * Groups and access rules in the master agent (vacmSecurityToGroupTable, vacmAccessTable; RFC 3415).
+ *
+ * Every community and user is a group of its own, with one rule per security level that its targets ask for. The agent
+ * looks a rule up as it does for a request, by the highest level that is not above the wanted one: it refuses to create
+ * a rule while the group has one of a lower level, and a change meant for it goes to the lower one. So the rules of a
+ * group are written from the highest level down, and those below one that is written are taken away before and written
+ * again after it.
+ *
+ * A group or rule that the agent refuses is logged and costs the targets that need it their access.
  */
 class AccessConfigurator {
  public:
-  static AccessKey accessKeyOf(const SnmpBaseTarget& target);
-
-  /** Whether the rule stands in the master agent already, as far as known. */
-  bool isWritten(const AccessKey& key, const AccessViews& views) const;
-  /** The rules that may stand in the master agent. */
-  std::vector<AccessKey> getWritten() const;
   /** Forgets what was written, without a request. */
-  void clear() { _written.clear(); }
+  void clear();
 
-  /** Replaces the group mapping and the rule of a target's community or user, or removes them. */
-  void configureAccess(SnmpMaSession& session, const SnmpBaseTarget& target, const AccessViews& views, bool add);
-  /** Removes a rule, and the group mapping when no other rule needs it. */
-  void removeAccess(SnmpMaSession& session, const AccessKey& key);
+  /**
+   * Brings groups and rules in line with the targets that may have access. Throws as SnmpMaSession::sendPdu; the next
+   * pass has to write anew then.
+   * @return names of the targets whose access failed
+   */
+  std::set<std::string> configureEffectiveAccess(const ConfigurationPass& pass,
+                                                 const std::vector<const SnmpBaseTarget*>& targets,
+                                                 const ViewConfigurator& views);
 
  private:
-  void configureAccessV1(SnmpMaSession& session, const SnmpTargetV1& target, const AccessViews& views);
-  void configureAccessV2(SnmpMaSession& session, const SnmpTargetV2C& target, const AccessViews& views);
-  void configureAccessV3(SnmpMaSession& session, const SnmpBaseTarget& target, const AccessViews& views);
-  void addAccess(SnmpMaSession& session, const AccessKey& key, const AccessViews& views, const std::string& failure);
-  void replaceAccess(SnmpMaSession& session, const AccessKey& key, const AccessViews& views);
-  bool isGroupShared(const AccessKey& key) const;
+  /** Security model, and the name that is both the group's and its one security name's. */
+  using Group = std::pair<int, std::string>;
+  /** By security level, the highest first. */
+  template <class Rule>
+  using ByLevel = std::map<int, Rule, std::greater<>>;
+  /** A rule as the targets of one community or user ask for it. */
+  struct WantedRule {
+    bool isWritable = false;
+    std::vector<const SnmpBaseTarget*> targets;
+    AccessViews views;
+  };
+  /** A rule that may stand in the master agent. */
+  struct WrittenRule {
+    AccessViews views;
+    std::string targetName; /**< of the first target that asked for it */
+    unsigned version = 0;
+  };
+  struct WrittenGroup {
+    bool isMapped = false; /**< its security name leads to the group; without it nothing is known for sure */
+    ByLevel<WrittenRule> rules;
+  };
+  using WantedRules = ByLevel<WantedRule>;
+  using Told = std::set<std::pair<Group, std::string>>;
 
-  static void vacmCreateSec2Group(SnmpMaSession& session, const AccessKey& key);
-  static void vacmDeleteSec2Group(SnmpMaSession& session, const AccessKey& key);
-  static void vacmCreateAccess(SnmpMaSession& session, const AccessKey& key, const AccessViews& views);
-  static void vacmDeleteAccess(SnmpMaSession& session, const AccessKey& key);
+  static std::map<Group, WantedRules> plan(const std::vector<const SnmpBaseTarget*>& targets);
 
-  std::map<AccessKey, AccessViews> _written;
+  void configureGroup(const ConfigurationPass& pass, const Group& group, const WantedRules& wanted);
+  void writeGroup(const ConfigurationPass& pass, const Group& group, const WantedRules& wanted);
+  void configureAccess(const ConfigurationPass& pass, const Group& group, int level, const WantedRule& rule);
+  void removeGroup(const ConfigurationPass& pass, const Group& group);
+  void removeUnneededGroups(const ConfigurationPass& pass, const std::map<Group, WantedRules>& planned);
+  bool isNameable(const Group& group, const WantedRules& wanted, const Told& told);
+  void findViews(WantedRules& wanted, const ViewConfigurator& views);
+  void fail(const WantedRule& rule, const std::string& reason);
+
+  static void vacmCreateSec2Group(const ConfigurationPass& pass, const Group& group, const WantedRule& rule);
+  static void vacmDeleteSec2Group(const ConfigurationPass& pass, const Group& group);
+  static void vacmCreateAccess(const ConfigurationPass& pass, const Group& group, int level, const WantedRule& rule);
+  static void vacmDeleteAccess(const ConfigurationPass& pass, const Group& group, const std::vector<int>& levels);
+
+  std::map<Group, WrittenGroup> _written;
+  std::set<std::string> _failed; /**< targets of this pass */
+  Told _unnameable;              /**< groups, and their targets, of which was told that the agent cannot have them */
 };
 
 }  // namespace VelaFmSnmp

@@ -49,6 +49,14 @@ void requireName(const std::string& name, const char* kind) {
   if (name.empty()) throw ConfigurationFault("%s name must not be empty", kind);
 }
 
+/** A value as its row takes it. */
+std::uint32_t cut(std::uint32_t value, std::uint32_t limit, const char* what, const std::string& row) {
+  if (value <= limit) return value;
+  VELA_LOG(Vela::LogWarning, "The %s %u of row %s is more than the master agent takes, using %u", what, value,
+           row.c_str(), limit);
+  return limit;
+}
+
 SnmpOid transportDomain(const TargetTransport& transport) {
   switch (transport.address.family()) {
     case Poco::Net::IPAddress::IPv4:
@@ -102,8 +110,8 @@ void MasterAgentTables::createTargetAddr(SnmpPdu& pdu, const std::string& name, 
   pdu.addVarbind(row(targetAddrTAddress, name), address);
   pdu.addVarbind(row(targetAddrParams, name), paramsName);
   pdu.addVarbind(row(targetAddrTagList, name), tagList);
-  pdu.addVarbind(row(targetAddrTimeout, name), std::min(timeout, maxTimeout));
-  pdu.addVarbind(row(targetAddrRetryCount, name), std::min(retryCount, maxRetryCount));
+  pdu.addVarbind(row(targetAddrTimeout, name), cut(timeout, maxTimeout, "inform time-out", name));
+  pdu.addVarbind(row(targetAddrRetryCount, name), cut(retryCount, maxRetryCount, "inform retry count", name));
   pdu.addVarbind(row(targetAddrRowStatus, name), RowCreateAndGo);
 }
 

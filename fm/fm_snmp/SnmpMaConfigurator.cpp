@@ -56,15 +56,6 @@ void checkTarget(const SnmpBaseTarget& target) {
 
 const char* stateName(bool isEnabled) { return isEnabled ? "ENABLED" : "DISABLED"; }
 
-void insertOwners(const SnmpConfig::ViewMap& views, const std::vector<std::string>& names,
-                  std::set<ViewOwner>& owners) {
-  for (const std::string& name : names) {
-    const auto view = views.find(name);
-    if (view == views.end()) continue;
-    for (const ViewOwner& owner : ViewConfigurator::ownersOf(*view->second)) owners.insert(owner);
-  }
-}
-
 }  // namespace
 
 struct SnmpMaConfigurator::TrapRows {
@@ -85,8 +76,6 @@ void SnmpMaConfigurator::clear() {
   _tls.clear();
   _names.clear();
   _writtenTargets.clear();
-  _writtenViews.clear();
-  _faultyViews.clear();
   _rows.clear();
   _operational.clear();
 }
@@ -102,12 +91,12 @@ void SnmpMaConfigurator::reconfigure(SnmpMaSession& session, const SnmpConfig& c
     const bool isRestarted = boots != _engineBoots;
     if (isRestarted) _unresolvedSessions.clear();
     _knowsRows = _configured || isRestarted;
-    const bool force = !_configured || isRestarted;
+    const ConfigurationPass pass{session, !_configured || isRestarted, _knowsRows};
     _engineBoots = boots;
     _tls.setOptions(next.tlsOptions);
-    reconfigureViews(session, next, force);
-    reconfigureTrustCategory(session, force);
-    reconfigureTargets(session, next, force);
+    _views.reconfigureViews(pass, next.getViews());
+    _tls.reconfigureTrustCategory(session, pass.writesAnew);
+    reconfigureTargets(pass, next);
   } catch (...) {
     finish(next, false);
     throw;
@@ -122,61 +111,23 @@ void SnmpMaConfigurator::finish(const SnmpConfig& config, bool isConfigured) {
   setOperationalStates();
 }
 
-void SnmpMaConfigurator::reconfigureViews(SnmpMaSession& session, const SnmpConfig& config, bool force) {
-  const ConfigurationDiff diff = calcDiffViews(_writtenViews, config.getViews(), force);
-  _views.setUnknown(!_knowsRows);
-  std::set<ViewOwner> owners;
-  owners.swap(_faultyViews);
-  const std::set<ViewOwner> faulty = owners;
-  insertOwners(_writtenViews, diff.removed, owners);
-  insertOwners(_writtenViews, diff.changed, owners);
-  insertOwners(config.getViews(), diff.changed, owners);
-  insertOwners(config.getViews(), diff.added, owners);
-  _writtenViews = config.getViews();
-  if (force) {
-    owners.insert(_views.getOwners().begin(), _views.getOwners().end());
-    _views.writeDefaultViews(session);
-  }
-  if (owners.empty()) return;
-
-  std::map<ViewOwner, ViewConfigurator::ViewObjects> objects;
-  for (const auto& [name, view] : config.getViews()) {
-    for (const ViewOwner& owner : ViewConfigurator::ownersOf(*view)) {
-      if (owners.count(owner) != 0) objects[owner].push_back(view.get());
-    }
-  }
-  for (const ViewOwner& owner : owners) {
-    try {
-      _views.configureOwner(session, owner, objects[owner], force || faulty.count(owner) != 0);
-    } catch (const ConfigurationFault& fault) {
-      for (const SnmpBaseView* view : objects[owner])
-        VELA_LOG(Vela::LogError, "Failed to configure snmp view %s: %s", view->name.c_str(), fault.what());
-      if (objects[owner].empty()) VELA_LOG(Vela::LogError, "Failed to remove a former snmp view: %s", fault.what());
-      _faultyViews.insert(owner);
-    }
-  }
-}
-
-void SnmpMaConfigurator::reconfigureTrustCategory(SnmpMaSession& session, bool force) {
-  _tls.reconfigureTrustCategory(session, force);
-}
-
-void SnmpMaConfigurator::reconfigureTargets(SnmpMaSession& session, const SnmpConfig& config, bool force) {
+void SnmpMaConfigurator::reconfigureTargets(const ConfigurationPass& pass, const SnmpConfig& config) {
   static const SnmpConfig::TargetMap none;
+  SnmpMaSession& session = pass.session;
   const SnmpConfig::TargetMap& targets = config.isEnabled() ? config.getTargets() : none;
   if (_handler) _resolver.setIpVersion(_handler->getIpVersion());
-  const ConfigurationDiff diff = calcDiffTargets(_writtenTargets, targets, force);
+  const ConfigurationDiff diff = calcDiffTargets(_writtenTargets, targets, pass.writesAnew);
   for (const std::vector<std::string>* names : {&diff.added, &diff.changed}) {
     for (const std::string& name : *names) _resolver.prepare(targets.at(name)->address);
   }
   Faults faults = findFaults(targets);
   const std::map<std::string, UsmUser> users = planUsers(targets, faults);
-  createUsers(session, users, force, targets, faults);
-  const std::set<std::string> withoutAccess = configureEffectiveAccess(session, targets, faults, force);
+  createUsers(session, users, pass.writesAnew, targets, faults);
+  const std::set<std::string> withoutAccess = configureEffectiveAccess(pass, targets, faults);
 
   for (const std::string& name : diff.removed) removeTarget(session, name);
   for (const std::vector<std::string>* names : {&diff.added, &diff.changed}) {
-    for (const std::string& name : *names) applyTarget(session, targets.at(name), faults);
+    for (const std::string& name : *names) applyTarget(pass, targets.at(name), faults);
   }
   // What did not change may have got into conflict with what did.
   for (const auto& fault : faults) updateTargetOperationalState(fault.first, false);
@@ -257,51 +208,14 @@ void SnmpMaConfigurator::deleteUnusedUsers(SnmpMaSession& session, const std::ma
   }
 }
 
-std::set<std::string> SnmpMaConfigurator::configureEffectiveAccess(SnmpMaSession& session,
+std::set<std::string> SnmpMaConfigurator::configureEffectiveAccess(const ConfigurationPass& pass,
                                                                    const SnmpConfig::TargetMap& targets,
-                                                                   const Faults& faults, bool force) {
-  struct Plan {
-    bool isWritable = false;
-    std::vector<const SnmpBaseTarget*> targets;
-  };
-  std::map<AccessKey, Plan> plans;
+                                                                   const Faults& faults) {
+  std::vector<const SnmpBaseTarget*> admitted;
   for (const auto& [name, target] : targets) {
-    if (!isConfigurable(*target) || faults.count(name) != 0) continue;
-    Plan& plan = plans[AccessConfigurator::accessKeyOf(*target)];
-    plan.isWritable = plan.isWritable || target->isMibWritable;
-    plan.targets.push_back(target.get());
+    if (isConfigurable(*target) && faults.count(name) == 0) admitted.push_back(target.get());
   }
-  std::map<AccessKey, const SnmpBaseTarget*> former;
-  for (const auto& [name, target] : _writtenTargets)
-    former.emplace(AccessConfigurator::accessKeyOf(*target), target.get());
-  for (const AccessKey& key : _access.getWritten()) {
-    if (plans.count(key) != 0) continue;
-    const auto owner = former.find(key);
-    try {
-      if (owner != former.end())
-        _access.configureAccess(session, *owner->second, AccessViews(), false);
-      else
-        _access.removeAccess(session, key);
-    } catch (const ConfigurationFault& fault) {
-      const char* concerned = owner != former.end() ? owner->second->name.c_str() : "a former target";
-      VELA_LOG(Vela::LogError, "Failed to configure snmp access for %s: %s", concerned, fault.what());
-    }
-  }
-  std::set<std::string> failed;
-  for (const auto& [key, plan] : plans) {
-    const SnmpBaseTarget& target = *plan.targets.front();
-    const AccessViews views = _views.getAccessViews(ViewConfigurator::ownerOf(target), plan.isWritable);
-    if (!force && _access.isWritten(key, views)) continue;
-    try {
-      _access.configureAccess(session, target, views, true);
-    } catch (const ConfigurationFault& fault) {
-      for (const SnmpBaseTarget* concerned : plan.targets) {
-        VELA_LOG(Vela::LogError, "Failed to configure snmp access for %s: %s", concerned->name.c_str(), fault.what());
-        failed.insert(concerned->name);
-      }
-    }
-  }
-  return failed;
+  return _access.configureEffectiveAccess(pass, admitted, _views);
 }
 
 void SnmpMaConfigurator::removeTarget(SnmpMaSession& session, const std::string& name) {
@@ -316,7 +230,7 @@ void SnmpMaConfigurator::removeTarget(SnmpMaSession& session, const std::string&
   _writtenTargets.erase(name);
 }
 
-void SnmpMaConfigurator::applyTarget(SnmpMaSession& session, const Poco::AutoPtr<SnmpBaseTarget>& target,
+void SnmpMaConfigurator::applyTarget(const ConfigurationPass& pass, const Poco::AutoPtr<SnmpBaseTarget>& target,
                                      const Faults& faults) {
   const std::string& name = target->name;
   updateTargetOperationalState(name, false);
@@ -324,7 +238,7 @@ void SnmpMaConfigurator::applyTarget(SnmpMaSession& session, const Poco::AutoPtr
   try {
     const auto fault = faults.find(name);
     const bool add = isConfigurable(*target) && fault == faults.end();
-    configureTrapTarget(session, *target, add);
+    if (pass.writesAnew || !add || !hasRows(*target)) configureTrapTarget(pass.session, *target, add);
     if (fault != faults.end()) throw ConfigurationFault("%s", fault->second.c_str());
     updateTargetOperationalState(name, add);
   } catch (const ConfigurationFault& fault) {
@@ -337,7 +251,7 @@ void SnmpMaConfigurator::configureTrapTarget(SnmpMaSession& session, const SnmpB
   const auto present = _rows.find(rowName);
   if (present != _rows.end() || !_knowsRows) {
     const bool isTls = target.getSecurityModel() == SecurityModelTls && _tls.isEnabled();
-    deleteRows(session, rowName, isTls || (present != _rows.end() && present->second));
+    deleteRows(session, rowName, isTls || (present != _rows.end() && present->second.isTls));
   }
   if (!add) return;
   if (const auto* v1 = dynamic_cast<const SnmpTargetV1*>(&target)) return configureTrapTargetV1(session, *v1);
@@ -348,6 +262,11 @@ void SnmpMaConfigurator::configureTrapTarget(SnmpMaSession& session, const SnmpB
     configureTrapTargetV3Dtls(session, *v3);
   else
     configureTrapTargetV3(session, *v3);
+}
+
+bool SnmpMaConfigurator::hasRows(const SnmpBaseTarget& target) {
+  const auto rows = _rows.find(_names.getUniqueName(notificationPrefix, target));
+  return rows != _rows.end() && rows->second.holder && equalTarget(*rows->second.holder, target);
 }
 
 void SnmpMaConfigurator::configureTrapTargetV1(SnmpMaSession& session, const SnmpTargetV1& target) {
@@ -389,8 +308,11 @@ void SnmpMaConfigurator::createRows(SnmpMaSession& session, const SnmpBaseTarget
     TlsConfigurator::tlsCreateParamsEntry(pdu, name, rows.tlsFingerprint);
     TlsConfigurator::tlsCreateAddrEntry(pdu, name);
   }
-  _rows[name] = isTls;
+  Rows& written = _rows[name];
+  written.isTls = isTls;
   MasterAgentTables::send(session, "configureTrapTarget(" + target.name + ")", pdu);
+  const auto holder = _writtenTargets.find(target.name);
+  if (holder != _writtenTargets.end() && holder->second.get() == &target) written.holder = holder->second;
 }
 
 Poco::Net::IPAddress SnmpMaConfigurator::resolve(const SnmpBaseTarget& target, bool isSentByAgent) {
@@ -424,6 +346,8 @@ void SnmpMaConfigurator::deleteRows(SnmpMaSession& session, const std::string& r
     TlsConfigurator::tlsDeleteParamsEntry(pdu, rowName);
     TlsConfigurator::tlsDeleteAddrEntry(pdu, rowName);
   }
+  const auto written = _rows.find(rowName);
+  if (written != _rows.end()) written->second.holder.reset();
   MasterAgentTables::send(session, "deleteTrapTarget(" + rowName + ")", pdu);
   _rows.erase(rowName);
 }

@@ -10,6 +10,7 @@
 
 #include "AccessConfigurator.h"
 #include "AddressResolver.h"
+#include "ConfigurationPass.h"
 #include "MasterAgentTables.h"
 #include "SnmpTypes.h"
 #include "TargetNames.h"
@@ -97,20 +98,25 @@ class SnmpMaConfigurator {
   /** What the rows of one target hold besides its address. */
   struct TrapRows;
 
-  void reconfigureViews(SnmpMaSession& session, const SnmpConfig& config, bool force);
-  void reconfigureTrustCategory(SnmpMaSession& session, bool force);
-  void reconfigureTargets(SnmpMaSession& session, const SnmpConfig& config, bool force);
+  /** Rows that may stand in the master agent. */
+  struct Rows {
+    bool isTls = false;                     /**< whether TLSTM rows, too */
+    Poco::AutoPtr<SnmpBaseTarget> holder{}; /**< the target as it was written; null while it is not for sure */
+  };
+
+  void reconfigureTargets(const ConfigurationPass& pass, const SnmpConfig& config);
   Faults findFaults(const SnmpConfig::TargetMap& targets) const;
   std::map<std::string, UsmUser> planUsers(const SnmpConfig::TargetMap& targets, Faults& faults) const;
   void createUsers(SnmpMaSession& session, const std::map<std::string, UsmUser>& users, bool force,
                    const SnmpConfig::TargetMap& targets, Faults& faults);
   void deleteUnusedUsers(SnmpMaSession& session, const std::map<std::string, UsmUser>& users);
   /** Returns the targets whose access failed; their notifications may still be sent. */
-  std::set<std::string> configureEffectiveAccess(SnmpMaSession& session, const SnmpConfig::TargetMap& targets,
-                                                 const Faults& faults, bool force);
+  std::set<std::string> configureEffectiveAccess(const ConfigurationPass& pass, const SnmpConfig::TargetMap& targets,
+                                                 const Faults& faults);
   void removeTarget(SnmpMaSession& session, const std::string& name);
-  void applyTarget(SnmpMaSession& session, const Poco::AutoPtr<SnmpBaseTarget>& target, const Faults& faults);
+  void applyTarget(const ConfigurationPass& pass, const Poco::AutoPtr<SnmpBaseTarget>& target, const Faults& faults);
   bool isConfigurable(const SnmpBaseTarget& target) const;
+  bool hasRows(const SnmpBaseTarget& target);
 
   void configureTrapTargetV1(SnmpMaSession& session, const SnmpTargetV1& target);
   void configureTrapTargetV2(SnmpMaSession& session, const SnmpTargetV2C& target);
@@ -139,11 +145,9 @@ class SnmpMaConfigurator {
   TargetNames _names;
 
   SnmpConfig::TargetMap _writtenTargets;
-  SnmpConfig::ViewMap _writtenViews;
-  std::set<ViewOwner> _faultyViews;
-  std::map<std::string, bool> _rows;   /**< row names that may stand in the master agent; whether TLSTM rows, too */
-  std::set<std::string> _operational;  /**< names of the targets established as operational */
-  std::optional<bool> _isReversedPort; /**< the tool's answer, in this pass */
+  std::map<std::string, Rows> _rows;         /**< by their name */
+  std::set<std::string> _operational;        /**< names of the targets established as operational */
+  std::optional<bool> _isReversedPort;       /**< the tool's answer, in this pass */
   std::set<std::string> _unresolvedSessions; /**< targets of the agent's own sessions whose names had no address */
   bool _isRestartWanted = false;
   unsigned long long _lastSessionRestart = 0; /**< when a restart was last wanted for such a target; 0: never */

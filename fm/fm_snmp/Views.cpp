@@ -69,8 +69,12 @@ std::string Views::keyName(const std::string& name, SnmpProtocolVersion version,
 
 std::string Views::viewName(const std::string& name, SnmpProtocolVersion version, bool write) {
   if (name.size() <= maxUnshortenedName) return keyName(name, version, write);
-  const std::string tag = "_" + std::to_string(++_counter);
-  return decorate(name.substr(0, maxUnshortenedName - tag.size()) + tag, version, write);
+  std::string shortened;
+  do {
+    const std::string tag = "_" + std::to_string(++_counter);
+    shortened = decorate(name.substr(0, maxUnshortenedName - tag.size()) + tag, version, write);
+  } while (_takenNames.count(shortened) != 0);
+  return shortened;
 }
 
 void Views::createView(const std::string& name, SnmpProtocolVersion version) {
@@ -79,12 +83,18 @@ void Views::createView(const std::string& name, SnmpProtocolVersion version) {
     if (_catalogue.count(key) != 0) continue;
     auto view = std::make_unique<View>(key, viewName(name, version, write), version);
     view->initializeEntries();
-    _catalogue.emplace(key, std::move(view));
+    insert(std::move(view));
   }
 }
 
 void Views::createView(const View& view) {
-  if (_catalogue.count(view.getKeyName()) == 0) _catalogue.emplace(view.getKeyName(), std::make_unique<View>(view));
+  if (_catalogue.count(view.getKeyName()) == 0) insert(std::make_unique<View>(view));
+}
+
+void Views::insert(std::unique_ptr<View> view) {
+  _takenNames.insert(view->getViewName());
+  const std::string& key = view->getKeyName();
+  _catalogue.emplace(key, std::move(view));
 }
 
 bool Views::existsReadView(const std::string& name, SnmpProtocolVersion version) const {
@@ -120,9 +130,18 @@ void Views::deleteView(const std::string& name, SnmpProtocolVersion version) {
 }
 
 void Views::deleteView(const std::string& key) {
-  if (_catalogue.erase(key) == 0) VELA_LOG(Vela::LogError, "Failed to delete view: %s", key.c_str());
+  const auto found = _catalogue.find(key);
+  if (found == _catalogue.end()) {
+    VELA_LOG(Vela::LogError, "Failed to delete view: %s", key.c_str());
+    return;
+  }
+  _takenNames.erase(found->second->getViewName());
+  _catalogue.erase(found);
 }
 
-void Views::clear() { _catalogue.clear(); }
+void Views::clear() {
+  _catalogue.clear();
+  _takenNames.clear();
+}
 
 }  // namespace VelaFmSnmp

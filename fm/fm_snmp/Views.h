@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -74,7 +75,8 @@ class Views {
 
   /** Key of a view in the catalogue. */
   std::string keyName(const std::string& name, SnmpProtocolVersion version, bool write) const;
-  /** Name of a view in the master agent; every call with a name of more than 22 characters makes a new one. */
+  /** Name of a view in the master agent; every call with a name of more than 22 characters makes a new one, which no
+      view of the catalogue has. */
   std::string viewName(const std::string& name, SnmpProtocolVersion version, bool write);
 
   /** Creates the write and the read view of a name with the base entries; one that is there already stays as it is. */
@@ -101,8 +103,11 @@ class Views {
   void clear();
 
  private:
+  void insert(std::unique_ptr<View> view);
+
   std::uint32_t _counter = 0;
   Catalogue _catalogue;
+  std::set<std::string> _takenNames; /**< the views' names in the master agent */
 };
 
 }  // namespace VelaFmSnmp

@@ -1,5 +1,9 @@
 """What managers may read and write with each community and user, and from where."""
 
+import os
+import signal
+
+import agent_tables
 from vela import MIB_ROOT as R, SNMP, free_port, target_xml
 
 SYS_DESCR, SYS_NAME, ENGINE_TIME = ".1.3.6.1.2.1.1.1.0", ".1.3.6.1.2.1.1.5.0", ".1.3.6.1.6.3.10.2.1.3.0"
@@ -29,9 +33,9 @@ def community_target(cls, name, community=None, **attributes):
     return target_xml(cls, name, free_port(), community=community or name, **attributes)
 
 
-def user_target(name, level="AUTH_PRIV", **attributes):
+def user_target(name, level="AUTH_PRIV", user=None, **attributes):
     key = f"<cleartext>true</cleartext><password>{PHRASE}</password>"
-    return target_xml("SnmpTargetV3", name, free_port(), user=name, snmpSecurityLevel=level, authKey=key, privKey=key,
+    return target_xml("SnmpTargetV3", name, free_port(), user=user or name, snmpSecurityLevel=level, authKey=key, privKey=key,
                       **attributes)
 
 
@@ -108,6 +112,50 @@ def test_each_manager_reaches_what_its_views_allow(nodes):
     shown = [oid for oid, _ in node.walk(".1.3", community="two")]
     assert shown and all(oid.startswith((".1.3.6.1.2.1.1.", R + ".")) and not oid.startswith(".1.3.6.1.2.1.1.5.")
                          for oid in shown)
+
+
+def test_targets_share_a_user_at_different_levels(nodes):
+    low, high = f"{SNMP},SnmpTargetV3=a-low", f"{SNMP},SnmpTargetV3=b-high"
+    phrases = [f'{key}={{"cleartext":true,"password":"{PHRASE}"}}' for key in ("authKey", "privKey")]
+    node = nodes(community_target("SnmpTargetV2C", "nms") + user_target("a-low", "NO_AUTH_NO_PRIV", user="walter")
+                 + user_target("b-high", user="walter")).start()
+    node.reach("PostConfigure")
+
+    def check(rules):
+        """The user's rules, as {level: whether it may write}, and that all targets work."""
+        found = {row: values for row, values in agent_tables.read(node).items() if row.startswith("access:walter/")}
+        assert {int(row[-1]): '""' not in values[6] for row, values in found.items()} == rules
+        targets = [f"{SNMP},SnmpTargetV2C=nms", *[dn for dn in (low, high) if node.ctl("mo", "get", dn, check=False)
+                                                  .returncode == 0]]
+        assert {dn: node.get(dn, "operationalState") for dn in targets} == dict.fromkeys(targets, "ENABLED")
+        for level in rules:
+            assert can_read(node, v3("walter", {1: "noAuthNoPriv", 3: "authPriv"}[level]), SYS_DESCR)
+
+    check({1: False, 3: False})
+    node.passes(lambda: node.set(high, isMibWritable="true"))
+    check({1: False, 3: True})
+    assert can_write(node, v3("walter"), INTERVAL) and not can_write(node, v3("walter", "noAuthNoPriv"), INTERVAL)
+    entered = node.reach("PostConfigure")
+    os.kill(node.snmpd_pid(), signal.SIGKILL)
+    node.reach("PostConfigure", after=entered)
+    check({1: False, 3: True})
+    node.passes(lambda: node.ctl("mo", "delete", high))
+    check({1: False})
+    node.passes(lambda: node.ctl("mo", "create", high, "address=127.0.0.1", "user=walter", *phrases))
+    check({1: False, 3: False})
+    entered = node.reach("PostConfigure")
+    assert node.stop() == 0
+    node.start()
+    node.reach("PostConfigure", after=entered)
+    check({1: False, 3: False})
+
+
+def test_what_an_exclusion_may_mean_stays_hidden(nodes):
+    node = nodes(community_target("SnmpTargetV2C", "nms")
+                 + view("SnmpViewV2C", "v", ["nms"], [".1.3.6.1.2.1.1", "!.1.3.6.1.2.1.1.5 "])).start()
+    node.reach("PostConfigure")
+    assert can_read(node, v2c("nms"), SYS_DESCR) and not can_read(node, v2c("nms"), SYS_NAME, False)
+    assert "'!.1.3.6.1.2.1.1.5 ' (view v)" in node.log()
 
 
 def test_views_change_while_managers_use_them(nodes):

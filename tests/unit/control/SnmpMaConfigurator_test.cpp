@@ -83,6 +83,67 @@ TEST_F(SnmpMaConfiguratorTest, invalidationWritesEverythingOverKeptAndOverLostRo
   EXPECT_TRUE(isReadable());
 }
 
+TEST_F(SnmpMaConfiguratorTest, targetsOfOneUserHaveARulePerLevel) {
+  struct Wanted {
+    const char* name;
+    int level;
+    bool isWritable;
+  };
+  const auto configOf = [](const std::vector<Wanted>& targets) {
+    std::vector<Poco::AutoPtr<SnmpBaseTarget>> made = {targetV2("community")};
+    for (const Wanted& wanted : targets) {
+      auto target = targetV3(wanted.name, "walter");
+      target->snmpSecurityLevel = wanted.level;
+      target->isMibWritable = wanted.isWritable;
+      made.push_back(target);
+    }
+    return configWith(made);
+  };
+  // The levels at which the user may read and write, as the agent has them.
+  const auto rules = [&] {
+    std::string found;
+    for (int level = 1; level <= 3; ++level) {
+      for (const auto& [column, letter] : {std::pair("5", "r"), std::pair("6", "w")}) {
+        std::string view;
+        const std::string row =
+            ".1.3.6.1.6.3.16.1.4.1." + std::string(column) + ".6" + impliedIndex("walter") + ".0.3.";
+        if (session.getString((row + std::to_string(level)).c_str(), view) && !view.empty())
+          found += std::to_string(level) + letter + " ";
+      }
+    }
+    return found;
+  };
+  const std::vector<std::pair<std::vector<Wanted>, std::string>> steps = {
+      {{{"a", 1, false}, {"b", 3, false}}, "1r 3r "},
+      {{{"a", 1, false}, {"b", 3, true}}, "1r 3r 3w "},
+      {{{"a", 1, true}, {"b", 3, false}}, "1r 1w 3r "},
+      {{{"a", 2, true}, {"b", 3, false}}, "2r 2w 3r "},
+      {{{"a", 2, true}, {"b", 1, false}}, "1r 2r 2w "},
+      {{{"a", 2, true}, {"b", 1, false}, {"c", 3, false}}, "1r 2r 2w 3r "},
+      {{{"b", 1, false}, {"c", 3, false}}, "1r 3r "},
+      {{{"b", 1, false}}, "1r "},
+      {{{"a", 3, false}, {"b", 1, false}}, "1r 3r "},
+      {{{"a", 3, false}}, "3r "},
+      {{{"a", 3, false}, {"b", 2, true}}, "2r 2w 3r "},
+      {{}, ""},
+      {{{"a", 3, false}, {"b", 1, true}}, "1r 1w 3r "}};
+  for (const auto& [targets, expected] : steps) {
+    const SnmpConfig config = configOf(targets);
+    apply(config);
+    EXPECT_TRUE(configurator.getCurrentConfig().allTargetsOperational()) << expected;
+    EXPECT_EQ(rules(), expected);
+  }
+  const auto& [targets, expected] = steps.front();
+  configurator.invalidate();
+  apply(configOf(targets));  // over the rules of another configuration
+  EXPECT_EQ(rules(), expected);
+  agent.restart();
+  agent.open(session);
+  apply(configOf(targets));
+  EXPECT_EQ(rules(), expected);
+  EXPECT_TRUE(configurator.getCurrentConfig().allTargetsOperational());
+}
+
 TEST_F(SnmpMaConfiguratorTest, aDisabledServiceHasNoTargetRows) {
   SnmpConfig config = configWith({targetV2("a")});
   apply(config);
@@ -142,10 +203,12 @@ TEST_F(SnmpMaConfiguratorTest, theInternalTargetStandsBesideAConfiguredOneOfItsN
 
 namespace {
 
-/** An agent that takes everything, but the rows of one name. */
+/** An agent that takes everything, but the rows of some name or table. */
 class ObedientAgent : public SnmpMaSession {
  public:
-  std::string refusedRow;
+  std::string refused; /**< a part of the identifiers of what is not created */
+  int refusal = SNMP_ERR_INCONSISTENTVALUE;
+  mutable std::vector<std::string> requests;         /**< the identifiers of each changing request */
   mutable std::map<std::string, std::string> values; /**< octets or identifier by object; numbers in decimal */
 
   bool isOpen() const override { return true; }
@@ -157,15 +220,16 @@ class ObedientAgent : public SnmpMaSession {
     snmp_pdu* answer = request.release();
     const long number = 7;
     answer->errstat = SNMP_ERR_NOERROR;
+    if (answer->command == SNMP_MSG_SET) requests.emplace_back();
     for (variable_list* variable = answer->variables; variable; variable = variable->next_variable) {
       if (answer->command == SNMP_MSG_GET) {
         snmp_set_var_typed_value(variable, ASN_INTEGER, &number, sizeof number);
       } else {
         const std::string object = SnmpOid(variable->name, static_cast<unsigned>(variable->name_length)).toString();
         values[object] = textOf(*variable);
+        requests.back() += object + " ";
         const bool isCreation = values[object] == "4";
-        if (isCreation && !refusedRow.empty() && object.find(impliedIndex(refusedRow)) != std::string::npos)
-          answer->errstat = SNMP_ERR_INCONSISTENTVALUE;
+        if (isCreation && !refused.empty() && object.find(refused) != std::string::npos) answer->errstat = refusal;
       }
     }
     response->set(answer);
@@ -205,10 +269,146 @@ TEST(SnmpMaConfigurator, aFaultyTargetConcernsNoOtherOne) {
         std::string("Number of operational targets 1 of 3 enabled")})
     EXPECT_THAT(log.lines(), Contains(text));
 
+  const std::vector<std::string> names = {impliedIndex("ntf_long"), impliedIndex("ntf_fits")};
+  for (const std::string& request : agent.requests) {
+    const auto isIn = [&](const std::string& name) { return request.find(name + " ") != std::string::npos; };
+    EXPECT_FALSE(isIn(names[0]) && isIn(names[1])) << "one refused row must not fail the other's";
+  }
+
   agent.values.clear();
   configurator.reconfigure(agent, config);
-  EXPECT_EQ(agent.values.count(securityName + impliedIndex("long")), 1U) << "tried again";
-  EXPECT_EQ(agent.values.count(securityName + impliedIndex("fits")), 0U);
+  EXPECT_EQ(agent.values.size(), 0U) << "a retry leaves rows that are good as they are";
+  EXPECT_EQ(log.count(Vela::LogError,
+                      "Failed to configure snmp access for long: Failed to configure v2c access for "
+                      "community " +
+                          community),
+            1)
+      << "told once";
+}
+
+TEST(SnmpMaConfigurator, aRefusedRuleOrViewCostsTheTargetsThatNeedIt) {
+  const auto view = [](const std::string& name, const std::string& community) {
+    Poco::AutoPtr<SnmpBaseView> made(new SnmpBaseView(SnmpProtocolV2c));
+    made->name = name;
+    made->community = {community};
+    made->readOids = {".1.3.6"};
+    return made;
+  };
+  SnmpConfig config = configWith({targetV2("a", "one"), targetV2("b", "two"), targetV2("b2", "two"), targetV1("c")});
+  config.views["v"] = view("v", "two");
+  const std::string rules = ".1.3.6.1.6.3.16.1.4.1.9";
+  const std::string views = ".1.3.6.1.6.3.16.1.5.2.1.6";
+  struct Case {
+    std::string refused;
+    std::vector<std::string> failed;
+    std::vector<std::string> lines;
+  };
+  const std::string prefix = "Failed to configure snmp ";
+  const std::string byDefault = "the master agent does not have its view vela_defaultView_V2_R";
+  const Case cases[] = {
+      {rules + ".8" + impliedIndex("Vela_two"),
+       {"b", "b2"},
+       {prefix + "access for b: Failed to configure v2c access for community two",
+        prefix + "access for b2: Failed to configure v2c access for community two",
+        "The master agent refused the request vacmCreateAccess(b)"}},
+      {views + ".13" + impliedIndex("vela_two_V2_R"),
+       {"b", "b2"},
+       {prefix + "view v: The master agent refused the request vacmCreateView(vela_two_V2_R)",
+        prefix + "access for b: the master agent does not have its view vela_two_V2_R"}},
+      {views + ".21" + impliedIndex("vela_defaultView_V2_W"),
+       {"a"},
+       {prefix + "access for a: " + byDefault,
+        "Failed to configure the default snmp view of version 2: The master agent refused the request "
+        "vacmCreateView(vela_defaultView_V2_W)"}}};
+  for (const Case& test : cases) {
+    const StateTest::CapturedLog log;
+    ObedientAgent agent;
+    SnmpMaConfigurator configurator;
+    agent.refused = test.refused;
+    agent.refusal = SNMP_ERR_NOCREATION;
+    for (int pass = 0; pass < 2; ++pass) {
+      configurator.reconfigure(agent, config);
+      EXPECT_TRUE(configurator.isConfigured());
+      std::vector<std::string> failed;
+      for (const auto& [name, target] : configurator.getCurrentConfig().getTargets()) {
+        if (!target->operational) failed.push_back(name);
+      }
+      EXPECT_EQ(failed, test.failed) << test.refused;
+    }
+    for (const std::string& line : test.lines) EXPECT_THAT(log.lines(), Contains(line));
+    const std::string writtenRule = agent.values[rules + ".8" + impliedIndex("Vela_two") + ".0.2.1"];
+    const bool isOwnView = test.refused.find(views + ".13") == 0;
+    EXPECT_TRUE(!isOwnView || writtenRule.empty()) << "no rule with half a view";
+
+    agent.refused.clear();
+    configurator.reconfigure(agent, config);
+    EXPECT_TRUE(configurator.getCurrentConfig().allTargetsOperational()) << test.refused;
+    EXPECT_EQ(agent.values[rules + ".8" + impliedIndex("Vela_two") + ".0.2.1"], "4");
+  }
+  // Refused as inconsistent the row ends the pass, but is named like the others.
+  const StateTest::CapturedLog log;
+  ObedientAgent agent;
+  SnmpMaConfigurator configurator;
+  agent.refused = cases[0].refused;
+  EXPECT_THROW(configurator.reconfigure(agent, config), SnmpSessionException);
+  EXPECT_THAT(log.lines(), Contains(cases[0].lines[0]));
+  agent.refused = cases[1].refused;
+  EXPECT_THROW(configurator.reconfigure(agent, config), SnmpSessionException);
+  EXPECT_THAT(log.lines(), Contains(::testing::StartsWith(prefix + "view v: Request vacmCreateView(vela_two_V2_R)")));
+}
+
+TEST(SnmpMaConfigurator, valuesThatARowDoesNotTakeAreCutAndTold) {
+  const StateTest::CapturedLog log;
+  ObedientAgent agent;
+  SnmpMaConfigurator configurator;
+  auto target = targetV2("a");
+  target->informTimeout = 4000000000;
+  target->informRetryCount = 256;
+  configurator.reconfigure(agent, configWith({target}));
+  EXPECT_EQ(agent.values[addrColumn + "4" + impliedIndex("ntf_a")], "2147483647");
+  EXPECT_EQ(agent.values[addrColumn + "5" + impliedIndex("ntf_a")], "255");
+  for (const char* text :
+       {"The inform time-out 4000000000 of row ntf_a is more than the master agent takes, using 2147483647",
+        "The inform retry count 256 of row ntf_a is more than the master agent takes, using 255"})
+    EXPECT_THAT(log.lines(), Contains(text));
+}
+
+TEST(SnmpMaConfigurator, aShortenedViewNameGivesWay) {
+  ObedientAgent agent;
+  SnmpMaConfigurator configurator;
+  const auto viewOf = [](const std::string& community, const std::string& subtree) {
+    Poco::AutoPtr<SnmpBaseView> view(new SnmpBaseView(SnmpProtocolV2c));
+    view->name = community;
+    view->community = {community};
+    view->readOids = {subtree};
+    return view;
+  };
+  const std::string beginning(20, 'c');
+  const std::string longName = beginning + "-long";
+  const std::string shortName = beginning + "_2";
+  SnmpConfig config = configWith({targetV2("l", longName)});
+  config.views["l"] = viewOf(longName, ".1.3.6.1.2.1.1");
+  const auto readViewOf = [&](const std::string& community) {
+    const std::string group = "Vela_" + community;
+    return agent.values[".1.3.6.1.6.3.16.1.4.1.5." + std::to_string(group.size()) + impliedIndex(group) + ".0.2.1"];
+  };
+  const auto rowOf = [&](const std::string& view, const std::string& length, const std::string& subtree) {
+    return agent.values[".1.3.6.1.6.3.16.1.5.2.1.6.32" + impliedIndex(view) + length + subtree];
+  };
+  configurator.reconfigure(agent, config);
+  EXPECT_EQ(readViewOf(longName), "vela_" + beginning + "_2_V2_R") << "the write view is made first";
+  // A community whose name is just that.
+  config.targets["s"] = targetV2("s", shortName);
+  config.views["s"] = viewOf(shortName, ".1.3.6.1.2.1.2");
+  configurator.reconfigure(agent, config);
+  EXPECT_EQ(readViewOf(shortName), "vela_" + shortName + "_V2_R");
+  EXPECT_EQ(readViewOf(longName), "vela_" + beginning + "_3_V2_R");
+  EXPECT_EQ(rowOf("vela_" + shortName + "_V2_R", ".7", ".1.3.6.1.2.1.1"), "6") << "the other's row is gone";
+  EXPECT_EQ(rowOf("vela_" + beginning + "_3_V2_R", ".7", ".1.3.6.1.2.1.1"), "4");
+  // Both at once, in whatever order.
+  configurator.clear();
+  configurator.reconfigure(agent, config);
+  EXPECT_NE(readViewOf(shortName), readViewOf(longName));
 }
 
 TEST(SnmpMaConfigurator, writesTlsRowsOfDtlsTargets) {
@@ -256,7 +456,7 @@ TEST(SnmpMaConfigurator, writesTlsRowsOfDtlsTargets) {
 TEST(SnmpMaConfigurator, aRefusedRowEndsThePass) {
   ObedientAgent agent;
   SnmpMaConfigurator configurator;
-  agent.refusedRow = "ntf_b";
+  agent.refused = impliedIndex("ntf_b");
   const SnmpConfig config = configWith({targetV2("a"), targetV2("b"), targetV2("c")});
   const SnmpConfig::TargetMap& targets = config.getTargets();
   for (int pass = 0; pass < 2; ++pass) {
@@ -265,7 +465,7 @@ TEST(SnmpMaConfigurator, aRefusedRowEndsThePass) {
     EXPECT_TRUE(targets.at("a")->operational);
     EXPECT_FALSE(targets.at("b")->operational);
   }
-  agent.refusedRow.clear();
+  agent.refused.clear();
   configurator.reconfigure(agent, config);
   EXPECT_TRUE(configurator.isConfigured());
   EXPECT_TRUE(targets.at("c")->operational);

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "HexMask.h"
 #include "ViewConfigurator.h"
+#include "adaptor/StateTestSupport.h"
 
 using namespace VelaFmSnmp;
 
@@ -41,6 +43,11 @@ TEST(Views, shortenLongNamesToThirtyTwoCharacters) {
   views.createView(tooLong, SnmpProtocolV2c);
   EXPECT_TRUE(views.existsView(tooLong, SnmpProtocolV2c));
   EXPECT_EQ(views.getReadView(tooLong, SnmpProtocolV2c)->getViewName().size(), 32U);
+  // A name that another view has by itself is passed over, until it is free again.
+  const std::string taken = std::string(20, 'n') + "_5";
+  views.createView(taken, SnmpProtocolV1);
+  EXPECT_EQ(views.viewName(tooLong, SnmpProtocolV1, true), "vela_" + std::string(20, 'n') + "_6_V1_W");
+  EXPECT_EQ(views.viewName(tooLong, SnmpProtocolV2c, true), "vela_" + std::string(20, 'n') + "_7_V2_W");
 }
 
 TEST(Views, creatingAgainKeepsWhatIsThere) {
@@ -84,6 +91,43 @@ TEST(Views, configuredEntriesHaveOneRowPerSubtree) {
   }
 }
 
+TEST(Views, whatCannotBeReadNarrows) {
+  struct Case {
+    std::vector<std::string> configured;
+    std::vector<std::string> expected; /**< behind the base entries */
+  };
+  const std::string mib2 = ".1.3.6.1.2.1";
+  const Case cases[] = {
+      {{mib2, "1.3.6.x"}, {mib2}},
+      {{mib2, "!.1.3.6.1.2.1.1 "}, {mib2, "!.1.3.6.1.2.1.1"}},
+      {{mib2, " !.1.3.6.1.2.1.1"}, {mib2, "!.1.3.6.1.2.1.1"}},
+      {{mib2, "! 1.3.6.1.2.1.1"}, {mib2, "!.1.3.6.1.2.1.1"}},
+      // What the unreadable part may have meant is hidden: the whole subtree before it, and what is shown within.
+      {{mib2, ".1.3.6.1.2.1.1.5", ".1.3.6.1.6", "!.1.3.6.1.2.1.1x"}, {".1.3.6.1.6", "!" + mib2}},
+      {{mib2, "!.1.3.6.1.2.1.1..5"}, {mib2, "!.1.3.6.1.2.1.1"}},
+      {{mib2, "!.1.3.6.1.2.1.1 5"}, {"!" + mib2}},
+      {{".1.3.6.1.4.9.1/f4", ".1.3.6.1.4.9", "!.1.3.6.1.4.9.99999999999"}, {"!.1.3.6.1.4.9"}},
+      {{".1.3.6.1.2.0.1/fb.ff", ".1.3.6.1.2", "!.1.3.6.1.2.1.x"}, {".1.3.6.1.2", "!.1.3.6.1.2.1"}},
+      {{mib2, "!.1.3.6.1.2.1.1" + std::string(90 * 2, '.')}, {mib2, "!.1.3.6.1.2.1.1"}},
+      // With a mask, or with nothing to read, that is everything.
+      {{mib2, "!.1.3.6.1.2.1.1/zz"}, {}},
+      {{mib2, "!"}, {}},
+      {{mib2, "!x"}, {}},
+      {{mib2, "not !.1.3.6.1.2.1.1"}, {}}};
+  for (const Case& test : cases) {
+    View view("key", "name", SnmpProtocolV1);
+    view.setEntries(ViewConfigurator::parseEntries(test.configured, "v").toEntries());
+    std::vector<std::string> expected = base;
+    expected.insert(expected.end(), test.expected.begin(), test.expected.end());
+    EXPECT_EQ(texts(view), expected) << test.configured.back();
+  }
+  const StateTest::CapturedLog log;
+  ViewConfigurator::parseEntries({"!.1.3 ", "x"}, "v");
+  EXPECT_EQ(log.lines(),
+            (std::vector<std::string>{"Faulty OID in view: '!.1.3 ' (view v), what it may exclude is hidden",
+                                      "Faulty OID in view: 'x' (view v)"}));
+}
+
 TEST(Views, readsEntriesAsConfigured) {
   struct Case {
     std::string text;
@@ -109,5 +153,24 @@ TEST(Views, readsEntriesAsConfigured) {
         std::string(".1.3/f"), std::string(".1.3/ff,a0"), ".1.3/" + std::string(34, 'f')}) {
     ViewEntry entry;
     EXPECT_FALSE(ViewConfigurator::parseEntry(faulty, entry)) << faulty;
+  }
+}
+
+TEST(HexMask, tellsWhyATextIsNone) {
+  struct Case {
+    const char* text;
+    std::string log;
+    std::vector<unsigned char> octets;
+  };
+  for (const Case& test :
+       {Case{"ff.a0:01", "", {0xff, 0xa0, 1}}, Case{"ffA001", "", {0xff, 0xa0, 1}}, Case{"", "", {}},
+        Case{"f", "invalid MASK\n", {}}, Case{"ff.", "invalid MASK\n", {}}, Case{"fg", "invalid MASK\n", {}},
+        Case{"ff,a0", "invalid MASK, delimiter=44\n", {}}, Case{"01020304", "MASK too long\n", {}}}) {
+    const StateTest::CapturedLog log;
+    unsigned char octets[3] = {};
+    int length = -1;
+    EXPECT_EQ(convertHexMask(octets, &length, 3, test.text), test.log.empty()) << test.text;
+    EXPECT_EQ(std::vector<unsigned char>(octets, octets + length), test.octets) << test.text;
+    EXPECT_EQ(log.lines(), test.log.empty() ? std::vector<std::string>{} : std::vector<std::string>{test.log});
   }
 }
