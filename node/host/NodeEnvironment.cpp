@@ -7,6 +7,7 @@
 
 #include <Poco/Path.h>
 
+#include "InstallLayout.h"
 #include "VelaException.h"
 
 namespace VelaNode {
@@ -15,8 +16,8 @@ namespace {
 
 constexpr const char* componentName = "libvela_fm_snmp.so";
 constexpr const char* pluginName = "vela_snmpd_plugin.so";
-/** Folders, seen from the programs', in which the libraries may lie. */
-constexpr const char* libraryFolders[] = {"../lib", "../lib/vela", "."};
+/** A build's, an installation's, and everything in one folder. */
+constexpr InstallLayout layouts[] = {{".", "../lib"}, installedLayout, {".", "."}};
 constexpr const char* systemTools = "/usr/sbin:/sbin";
 constexpr const char* defaultPath = "/usr/local/bin:/usr/bin:/bin";
 
@@ -29,15 +30,15 @@ void setVariable(const char* name, const std::string& value) {
 
 NodeEnvironment::NodeEnvironment() {
   std::error_code error;
-  _tools = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
-  for (const char* folder : libraryFolders) {
-    const std::filesystem::path libraries = std::filesystem::weakly_canonical(_tools / folder, error);
-    if (!std::filesystem::exists(libraries / componentName, error)) continue;
-    _libraries = libraries;
-    _component = libraries / componentName;
-    return;
+  const std::filesystem::path programs = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
+  for (const InstallLayout& layout : layouts) {
+    const auto folder = [&](const char* name) { return std::filesystem::weakly_canonical(programs / name, error); };
+    _tools = folder(layout.tools);
+    _libraries = folder(layout.libraries);
+    _component = _libraries / componentName;
+    if (std::filesystem::exists(_component, error)) return;
   }
-  throw Vela::VelaException("%s is not found beside %s", componentName, _tools.c_str());
+  throw Vela::VelaException("%s is not found beside %s", componentName, programs.c_str());
 }
 
 void NodeEnvironment::set(const std::filesystem::path& nodeFolder) const {
