@@ -4,6 +4,8 @@
 #include <cstring>
 #include <utility>
 
+#include "NodesUser.h"
+
 namespace SnmpdPlugin {
 
 namespace {
@@ -78,6 +80,7 @@ int RowTable::onRequest(netsnmp_mib_handler* handler, netsnmp_handler_registrati
         if (request->processed == 0) self.read(*request->requestvb, info->mode == MODE_GETNEXT);
       break;
     case MODE_SET_RESERVE1:
+      if (!isNodesUser(*info->asp->pdu)) return netsnmp_request_set_error(requests, SNMP_ERR_NOACCESS);
       for (auto* request = requests; request != nullptr; request = request->next) {
         const int error = self.checkBinding(*request->requestvb);
         if (error != SNMP_ERR_NOERROR) return netsnmp_request_set_error(request, error);

@@ -31,7 +31,8 @@ long integerOf(const std::string& cell);
 /**
  * A table of the agent whose rows managers make and remove by its column of type RowStatus (RFC 2579), together with
  * the scalars that count its rows and tell their last change. The rows last as long as the agent runs. A request that
- * cannot be granted as a whole changes nothing.
+ * cannot be granted as a whole changes nothing. Whoever has it in his views reads it; only the node's own user writes,
+ * whatever the views say, since they may hold all of MIB-2.
  *
  * On snmpd's thread; lives as long as the agent.
  */
