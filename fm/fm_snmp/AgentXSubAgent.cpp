@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <iterator>
 #include <string>
 
 #include "LoggingWrapper.h"
@@ -20,7 +21,8 @@ extern "C" {
 extern netsnmp_session* main_session;
 int subagent_open_master_session(void);
 void agentx_unregister_callbacks(netsnmp_session* session);
-int agentx_send_ping(netsnmp_session* session);
+int agentx_realloc_build(netsnmp_session* session, netsnmp_pdu* pdu, unsigned char** message, size_t* size,
+                         size_t* length);
 }
 
 namespace VelaFmSnmp {
@@ -31,8 +33,10 @@ constexpr const char* ApplicationName = "fm_snmp";
 constexpr long MicrosecondsPerSecond = 1000000;
 /** Seconds; the library's own default. */
 constexpr int DefaultPingInterval = 15;
-/** Longer than any acknowledgement is waited for, so that the library does not forget a request before. */
-constexpr long NotificationTimeout = 60 * MicrosecondsPerSecond;
+/** RFC 2741, 6.1 and 6.2.16. */
+constexpr unsigned char TypeNotify = 12;
+constexpr unsigned char TypePing = 13;
+constexpr int ErrorNotOpen = 257;
 
 struct BooleanSetting {
   int store;
@@ -49,12 +53,6 @@ constexpr BooleanSetting PresetBooleans[] = {
 /** What the library has of the one sub-agent that a process can have. */
 bool libraryInitialised = false;
 bool logIsMuted = false;
-AgentXSubAgent::NotificationCounts countsOfEndedConnection;
-
-AgentXSubAgent::NotificationCounts countsOf(const netsnmp_session& session) {
-  if (!session.trap_stats) return {};
-  return {session.trap_stats->sent_count, session.trap_stats->ack_count, session.trap_stats->sent_fail_count};
-}
 
 int onLibraryLog(int, int, void* message, void*) {
   const auto* line = static_cast<const snmp_log_message*>(message);
@@ -66,14 +64,11 @@ int onLibraryLog(int, int, void* message, void*) {
   return 0;
 }
 
-int onConnectionClosed(int, int, void* session, void*) {
-  if (session) countsOfEndedConnection = countsOf(*static_cast<const netsnmp_session*>(session));
-  return 0;
-}
+netsnmp_transport* transportOf(netsnmp_session& session) { return snmp_sess_transport(snmp_sess_pointer(&session)); }
 
 /** Whether the other end is gone with something unread. The library loses memory when it reads such a connection. */
 bool isReset(netsnmp_session& session) {
-  const netsnmp_transport* transport = snmp_sess_transport(snmp_sess_pointer(&session));
+  const netsnmp_transport* transport = transportOf(session);
   if (!transport) return false;
   char octet;
   return ::recv(transport->sock, &octet, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == ECONNRESET;
@@ -154,7 +149,6 @@ void AgentXSubAgent::presetLibrary() {
   static const bool logIsRouted = [] {
     snmp_enable_calllog();
     snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, onLibraryLog, nullptr);
-    snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_STOP, onConnectionClosed, nullptr);
     return true;
   }();
   static_cast<void>(logIsRouted);
@@ -164,14 +158,14 @@ bool AgentXSubAgent::attach(const Settings& settings, const std::function<void()
   close();
   _isMute = false;
   if (!isListenedAt(settings.socket)) return false;
-  countsOfEndedConnection = {};
+  _answers.clear();
   _pingInterval = settings.pingInterval > 0 ? settings.pingInterval : DefaultPingInterval;
   if (libraryInitialised) {
     applySettings(settings);
     if (!open()) return false;
   } else {
     if (!initLibrary(settings)) return false;
-    if (main_session) endRepetitions(*main_session);
+    if (main_session) adopt(*main_session);
     RegistrationWatch watch;
     registerHandlers();
     if (isAttached() && !watch.isAnswered()) giveUp();
@@ -215,7 +209,7 @@ void AgentXSubAgent::applySettings(const Settings& settings) {
 
 bool AgentXSubAgent::open() {
   if (subagent_open_master_session() != 0) return false;
-  endRepetitions(*main_session);
+  adopt(*main_session);
   RegistrationWatch watch;
   register_mib_reattach();
   if (watch.isAnswered()) return true;
@@ -223,17 +217,31 @@ bool AgentXSubAgent::open() {
   return false;
 }
 
+void AgentXSubAgent::adopt(netsnmp_session& session) {
+  endRepetitions(session);
+  if (netsnmp_transport* transport = transportOf(session)) _stream.attach(*transport);
+}
+
 void AgentXSubAgent::startPings() {
   _pingAlarm = snmp_alarm_register(
       static_cast<unsigned int>(_pingInterval), SA_REPEAT,
-      [](unsigned int, void* subAgent) { static_cast<AgentXSubAgent*>(subAgent)->ping(); }, this);
+      [](unsigned int, void* subAgent) { static_cast<AgentXSubAgent*>(subAgent)->sendPing(); }, this);
 }
 
-void AgentXSubAgent::ping() {
-  // The library stands still until a ping is answered; acknowledgements that are due tell the same meanwhile.
-  const NotificationCounts counts = getNotificationCounts();
-  if (counts.sent != counts.acknowledged) return;
-  if (isAttached() && agentx_send_ping(main_session) != 0) return;
+void AgentXSubAgent::sendPing() {
+  // Answers that are due tell the same meanwhile.
+  if (_stream.isAwaitingResponse()) return;
+  const Sent sent = ping();
+  if (sent.outcome != Outcome::Sent) return;
+  _ping = sent.request;
+  _pingSent = std::chrono::steady_clock::now();
+}
+
+void AgentXSubAgent::checkPing() {
+  if (!_ping || !isAttached()) return;
+  const auto waited = std::chrono::steady_clock::now() - _pingSent;
+  // After a pause of the adaptor the answer may be there, and only not read yet.
+  if (waited < std::chrono::microseconds(main_session->timeout) || hasUnread()) return;
   VELA_LOG(Vela::LogWarning, "The master agent does not answer AgentX pings");
   giveUp();
 }
@@ -246,9 +254,10 @@ void AgentXSubAgent::giveUp() {
 void AgentXSubAgent::close() {
   if (_pingAlarm != 0) snmp_alarm_unregister(_pingAlarm);
   _pingAlarm = 0;
+  _ping.reset();
+  _stream.detach();
   netsnmp_session* session = main_session;
   if (!session) return;
-  countsOfEndedConnection = countsOf(*session);
   // The library's own way asks the master agent to unregister each region and waits for the answers, which a master
   // agent that is stopped does not give. A closed connection tells it the same.
   agentx_unregister_callbacks(session);
@@ -268,29 +277,62 @@ void AgentXSubAgent::addDescriptors(int& count, netsnmp_large_fd_set& descriptor
 void AgentXSubAgent::read(netsnmp_large_fd_set& ready) {
   if (isAttached() && isReset(*main_session)) close();
   snmp_read2(&ready);
+  takeResponses();
+}
+
+void AgentXSubAgent::takeResponses() {
+  bool isSessionOpen = true;
+  for (const AgentXStream::Response& response : _stream.takeResponses()) {
+    if (response.error == ErrorNotOpen) isSessionOpen = false;
+    if (_ping == response.request)
+      _ping.reset();
+    else if (response.error != ErrorNotOpen)
+      _answers.push_back({response.request, response.error});
+  }
+  if (isSessionOpen) return;
+  // It has given this sub-agent up, but keeps the connection.
+  VELA_LOG(Vela::LogWarning, "The master agent has closed the AgentX session");
+  close();
 }
 
 void AgentXSubAgent::runTimers() {
   snmp_timeout();
   run_alarms();
+  checkPing();
 }
 
 void AgentXSubAgent::checkOutstandingRequests() { netsnmp_check_outstanding_agent_requests(); }
 
-void AgentXSubAgent::callSoon(SNMPAlarmCallback* callback, void* argument) {
-  snmp_alarm_register(0, 0, callback, argument);
+AgentXSubAgent::Sent AgentXSubAgent::notify(const Varbinds& varbinds) {
+  static const oid sysUpTime[] = {1, 3, 6, 1, 2, 1, 1, 3, 0};
+  const long upTime = static_cast<long>(netsnmp_get_agent_uptime());
+  netsnmp_variable_list first = {};
+  snmp_set_var_objid(&first, sysUpTime, std::size(sysUpTime));
+  snmp_set_var_typed_value(&first, ASN_TIMETICKS, &upTime, sizeof upTime);
+  first.next_variable = varbinds.list();
+  const Sent sent = send(TypeNotify, &first);
+  snmp_free_var_internals(&first);
+  return sent;
 }
 
-void AgentXSubAgent::send(const std::function<void()>& sending) {
-  if (!isAttached()) return;
-  const long timeout = main_session->timeout;
-  main_session->timeout = NotificationTimeout;
-  sending();
-  if (isAttached()) main_session->timeout = timeout;
-}
+AgentXSubAgent::Sent AgentXSubAgent::ping() { return send(TypePing, nullptr); }
 
-AgentXSubAgent::NotificationCounts AgentXSubAgent::getNotificationCounts() const {
-  return isAttached() ? countsOf(*main_session) : countsOfEndedConnection;
+AgentXSubAgent::Sent AgentXSubAgent::send(unsigned char type, netsnmp_variable_list* varbinds) {
+  if (!isAttached()) return {};
+  netsnmp_pdu pdu = {};
+  pdu.version = main_session->version;
+  pdu.command = type;
+  pdu.sessid = main_session->sessid;
+  pdu.reqid = snmp_get_next_reqid();
+  pdu.variables = varbinds;
+  std::size_t length = 0;
+  unsigned char* message = _message.release();
+  const bool isBuilt = agentx_realloc_build(main_session, &pdu, &message, &_messageSize, &length) == 0;
+  _message.reset(message);
+  if (!isBuilt || length > AgentXStream::maxMessage) return {Outcome::TooLong, 0, length};
+  const auto request = static_cast<Request>(pdu.reqid);
+  if (!_stream.request(request, _message.get(), length)) return {};
+  return {Outcome::Sent, request, length};
 }
 
 }  // namespace VelaFmSnmp

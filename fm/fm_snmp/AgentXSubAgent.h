@@ -6,9 +6,18 @@
 #include <net-snmp/net-snmp-includes.h>
 #include <sys/time.h>
 
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
+
+#include "AgentXStream.h"
+#include "Varbinds.h"
 
 namespace VelaFmSnmp {
 
@@ -26,11 +35,21 @@ class AgentXSubAgent {
     int retries = 0;      /**< 0: the library's */
   };
 
-  /** Notification PDUs of the present connection, counted from its beginning. */
-  struct NotificationCounts {
-    unsigned long sent = 0;
-    unsigned long acknowledged = 0;
-    unsigned long failed = 0; /**< could not be put on the connection */
+  /** Tells a request to the master agent and its answer. */
+  using Request = std::uint32_t;
+  enum class Outcome {
+    Sent,    /**< the request is on its way */
+    TooLong, /**< nothing was sent: a message cannot carry so much */
+    Closed   /**< the connection is, or just was, closed by the other end */
+  };
+  struct Sent {
+    Outcome outcome = Outcome::Closed;
+    Request request = 0;
+    std::size_t octets = 0; /**< of the message */
+  };
+  struct Answer {
+    Request request;
+    int error; /**< RFC 2741, 6.2.16; 0: done as requested */
   };
 
   AgentXSubAgent() = default;
@@ -65,22 +84,40 @@ class AgentXSubAgent {
   virtual void runTimers();
   /** Answers requests that were waiting. */
   virtual void checkOutstandingRequests();
-  /** Registers a one-shot agent alarm of 0 seconds, which runTimers calls. */
-  virtual void callSoon(SNMPAlarmCallback* callback, void* argument);
-
-  /** Runs what sends notifications. They are sent once and never again by the library, whatever the retries. */
-  virtual void send(const std::function<void()>& sending);
-  virtual NotificationCounts getNotificationCounts() const;
+  /** Sends a notification. It is sent once and never again. */
+  virtual Sent notify(const Varbinds& varbinds);
+  /** Asks for a sign of life. */
+  virtual Sent ping();
+  /** The answers that were read since the last call, in the order of their arrival; also after the connection was
+      closed, up to the next attach. */
+  virtual std::vector<Answer> takeAnswers() { return std::exchange(_answers, {}); }
+  /** Whether something of the master agent waits to be read. */
+  virtual bool hasUnread() const { return isAttached() && _stream.hasUnread(); }
 
  private:
   static bool initLibrary(const Settings& settings);
   static void applySettings(const Settings& settings);
   bool open();
+  void adopt(netsnmp_session& session);
   void startPings();
-  void ping();
+  void sendPing();
+  void checkPing();
+  void takeResponses();
+  Sent send(unsigned char type, netsnmp_variable_list* varbinds);
+
+  struct Free {
+    void operator()(unsigned char* memory) const { std::free(memory); }
+  };
+
+  AgentXStream _stream;
+  std::vector<Answer> _answers;
+  std::unique_ptr<unsigned char, Free> _message; /**< grown by the library, and kept for the next message */
+  std::size_t _messageSize = 0;
 
   int _pingInterval = 0;
   unsigned int _pingAlarm = 0;
+  std::optional<Request> _ping; /**< the sub-agent's own, not answered yet */
+  std::chrono::steady_clock::time_point _pingSent;
   bool _isMute = false;
 };
 

@@ -171,6 +171,9 @@ int AlarmScalars::handleHeartbeatInterval(netsnmp_agent_request_info* info, nets
         break;
     }
   }
+  if (info->mode == MODE_SET_UNDO && _formerInterval) writeFormerInterval();
+  if (info->mode == MODE_SET_RESERVE1 || info->mode == MODE_SET_COMMIT || info->mode == MODE_SET_UNDO)
+    _formerInterval.reset();
   return SNMP_ERR_NOERROR;
 }
 
@@ -181,9 +184,19 @@ void AlarmScalars::checkHeartbeatInterval(netsnmp_agent_request_info* info, nets
 void AlarmScalars::writeHeartbeatInterval(netsnmp_agent_request_info* info, netsnmp_request_info* request) {
   const auto interval = static_cast<unsigned int>(*request->requestvb->val.integer);
   VELA_LOG(Vela::LogInfo, "SET of heartbeatInterval, value = %d", static_cast<int>(interval));
+  unsigned int former = 0;
+  if (!_formerInterval && _connector != nullptr && _connector->getHeartbeatInterval(former) == 0)
+    _formerInterval = former;
   if (_connector != nullptr && _connector->setHeartbeatInterval(interval) == 0) return;
   VELA_LOG(Vela::LogError, "Could not set heartbeatInterval.");
   netsnmp_set_request_error(info, request, SNMP_ERR_GENERR);
+}
+
+/** Another object of the same SET was refused. */
+void AlarmScalars::writeFormerInterval() {
+  VELA_LOG(Vela::LogInfo, "SET of heartbeatInterval is undone, value = %d", static_cast<int>(*_formerInterval));
+  if (_connector == nullptr || _connector->setHeartbeatInterval(*_formerInterval) != 0)
+    VELA_LOG(Vela::LogError, "Could not set heartbeatInterval.");
 }
 
 void AlarmScalars::readHeartbeatInterval(netsnmp_agent_request_info* info, netsnmp_request_info* request) {

@@ -8,6 +8,8 @@
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <optional>
+
 namespace VelaFmSnmp {
 
 class MoConnector;
@@ -47,9 +49,11 @@ class AlarmScalars {
   int answerLastChanged(netsnmp_agent_request_info* info, netsnmp_request_info* requests);
   void checkHeartbeatInterval(netsnmp_agent_request_info* info, netsnmp_request_info* request);
   void writeHeartbeatInterval(netsnmp_agent_request_info* info, netsnmp_request_info* request);
+  void writeFormerInterval();
   void readHeartbeatInterval(netsnmp_agent_request_info* info, netsnmp_request_info* request);
 
   MoConnector* _connector = nullptr;
+  std::optional<unsigned int> _formerInterval; /**< before the SET that is in progress */
 };
 
 /** The agent library's entries, one per object; each forwards to the singleton. */

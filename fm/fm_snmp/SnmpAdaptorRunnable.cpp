@@ -15,14 +15,12 @@
 
 #include "AlarmScalars.h"
 #include "LoggingWrapper.h"
-#include "PduParser.h"
 #include "SecApi.h"
 #include "SnmpAlarmSnapshot.h"
 #include "SnmpConfigHandler.h"
 #include "SnmpStateMachine.h"
 #include "SnmpTarnWrapper.h"
 #include "SnmpUtil.h"
-#include "TrapSender.h"
 #include "VelaException.h"
 #include "kavrelAlarmMIB.h"
 
@@ -51,10 +49,6 @@ class InternalTarget : public SnmpTargetV2C {
 void initSubAgentHandlers() {
   AlarmScalars::getInstance().initHandlers();
   init_kavrelAlarmMIB();
-}
-
-const SnmpAlarm& alarmOf(const Vela::PipeMessage& message) {
-  return static_cast<const SnmpAlarmMessage&>(message).getAlarm();
 }
 
 /** Writing to a closed AgentX connection raises SIGPIPE, which would end the host; without the signal it is an error.
@@ -107,9 +101,9 @@ SnmpAdaptorRunnable::~SnmpAdaptorRunnable() {
 }
 
 void SnmpAdaptorRunnable::setSubAgent(std::unique_ptr<AgentXSubAgent> subAgent) {
-  _handover.reset();
+  _queue.reset();
   _subAgent = std::move(subAgent);
-  _handover = std::make_unique<NotificationHandover>(*_subAgent, &SnmpAdaptorRunnable::try_send_notification);
+  _queue = std::make_unique<NotificationQueue>(*_subAgent);
 }
 
 void SnmpAdaptorRunnable::setConfigurationHandler(SnmpConfigHandler* handler) {
@@ -185,7 +179,7 @@ void SnmpAdaptorRunnable::selectLoop(int pipeFD) {
   getMaSession().close();
   closeAgentxSession();
   leaveSnapshot();
-  const std::size_t unsent = _queue.size() + _handover->size();
+  const std::size_t unsent = _queue->size();
   if (unsent > 0)
     VELA_LOG(Vela::LogWarning, "stopped with %zu notifications that were not sent or not acknowledged", unsent);
 }
@@ -214,6 +208,7 @@ void SnmpAdaptorRunnable::runPass(int pipeFD, Descriptors& descriptors, unsigned
   if (ready > 0) handleReadyDescriptors(pipeFD, securityFD, descriptors);
   if (ready == 0 || isStepDue(lastUpdate, stepTimeout)) handleSelectTimeout(lastUpdate, stepTimeout);
   if (isSubAgentActive() && !_stopping) _subAgent->checkOutstandingRequests();
+  pumpNotifications();
   noticeStateChange();
   superviseSubAgent(stepTimeout);
 }
@@ -222,10 +217,7 @@ void SnmpAdaptorRunnable::handleReadyDescriptors(int pipeFD, int securityFD, Des
   if (descriptors.contains(pipeFD)) handleMessages(_input.popFromInput());
   if (_listener.isOpen() && descriptors.contains(_listener.getFD())) handleTraplistener();
   if (descriptors.contains(securityFD) && Vela::SecApi::getInstance().dispatch()) emitEvent(SnmpEventImmChange);
-  if (isSubAgentActive()) {
-    _subAgent->read(descriptors.set);
-    pumpNotifications();
-  }
+  if (isSubAgentActive()) _subAgent->read(descriptors.set);
 }
 
 bool SnmpAdaptorRunnable::isStepDue(unsigned long long lastUpdate, int stepTimeout) const {
@@ -243,8 +235,6 @@ void SnmpAdaptorRunnable::handleSelectTimeout(unsigned long long& lastUpdate, in
   if (!isStepDue(lastUpdate, stepTimeout)) return;
   lastUpdate = now;
   stepTimeout = updateStateMachine();
-  // The step may have configured the master agent, which is what notifications that are due wait for.
-  pumpNotifications();
 }
 
 void SnmpAdaptorRunnable::noticeStateChange() {
@@ -333,21 +323,16 @@ void SnmpAdaptorRunnable::handleMessage(std::unique_ptr<Vela::PipeMessage> messa
 }
 
 void SnmpAdaptorRunnable::handleAlarm(std::unique_ptr<Vela::PipeMessage> message) {
-  const SnmpAlarm& alarm = alarmOf(*message);
+  const SnmpAlarm& alarm = static_cast<const SnmpAlarmMessage&>(*message).getAlarm();
   if (alarm.isStateful()) SnmpAlarmSnapshot::getInstance().invalidateSnapshot();
-  if (_queue.empty() && isOperational()) {
+  if (!_queue->hasHeld() && isOperational()) {
     send(std::move(message));
     return;
   }
   if (getStateId() == FmStateIdIdleDisabled) return;
-  if (alarm.isStateful()) {
-    VELA_LOG(Vela::LogWarning, "[state %s] queueing trap for alarm: %s , QueueSize: %d", getStateName(getStateId()),
-             alarm.toString().c_str(), static_cast<int>(_queue.size()));
-  } else {
-    VELA_LOG(Vela::LogWarning, "[state %s] queueing trap for alert: %s , QueueSize: %d", getStateName(getStateId()),
-             alarm.toString().c_str(), static_cast<int>(_queue.size()));
-  }
-  _queue.push_back(std::move(message));
+  VELA_LOG(Vela::LogWarning, "[state %s] queueing trap for %s: %s , QueueSize: %d", getStateName(getStateId()),
+           alarm.isStateful() ? "alarm" : "alert", alarm.toString().c_str(), static_cast<int>(_queue->heldCount()));
+  _queue->hold(std::move(message));
 }
 
 void SnmpAdaptorRunnable::handleHeartbeat(std::unique_ptr<Vela::PipeMessage> message) {
@@ -366,7 +351,7 @@ void SnmpAdaptorRunnable::handleAlarmListRebuilt(std::unique_ptr<Vela::PipeMessa
     send(std::move(message));
   } else if (state != FmStateIdIdleDisabled && state != FmStateIdIdleError) {
     VELA_LOG(Vela::LogWarning, "[state %s] queueing trap for alarmlistrebuilt", getStateName(state));
-    _queue.push_back(std::move(message));
+    _queue->hold(std::move(message));
   }
 }
 
@@ -395,105 +380,26 @@ void SnmpAdaptorRunnable::handleTraplistener() {
   std::vector<unsigned char> datagram(Listener::maxDatagram);
   const int length = _listener.read(datagram.data(), static_cast<unsigned int>(datagram.size()));
   if (length <= 0 || getStateId() != FmStateIdPostConfigure) return;
-  if (!_queue.empty()) {
-    if (!isFirstInQueue(datagram.data(), static_cast<std::size_t>(length))) return;
-    _queue.pop_front();
-  }
-  emitEvent(SnmpEventTrapReceived);
-}
-
-bool SnmpAdaptorRunnable::isFirstInQueue(const unsigned char* datagram, std::size_t length) const {
-  PduParser parser(datagram, length);
-  if (!parser.parse()) return false;
-  const Vela::PipeMessage& first = *_queue.front();
-  if (first.getMessageType() == SnmpMessageAlarm) return parser.matches(alarmOf(first));
-  return parser.matchesAlarmListRebuilt();
+  if (_queue->confirmProbe(datagram.data(), static_cast<std::size_t>(length))) emitEvent(SnmpEventTrapReceived);
 }
 
 // --- Notifications -------------------------------------------------------------------------------------------------
 
 void SnmpAdaptorRunnable::send(std::unique_ptr<Vela::PipeMessage> message) {
-  if (getConfigurator().getCurrentConfig().getTargets().empty()) return;
-  _handover->add(std::move(message));
-  scheduleHandover();
-}
-
-void SnmpAdaptorRunnable::scheduleHandover() {
-  // One alarm for however many messages: the library walks the list of its alarms for each of them.
-  if (_handoverScheduled) return;
-  _handoverScheduled = true;
-  _subAgent->callSoon(&SnmpAdaptorRunnable::send_notification, this);
-}
-
-void SnmpAdaptorRunnable::send_notification(unsigned int, void* runnable) {
-  auto& self = *static_cast<SnmpAdaptorRunnable*>(runnable);
-  self._handoverScheduled = false;
-  self.pumpNotifications();
+  if (!getConfigurator().getCurrentConfig().getTargets().empty()) _queue->add(std::move(message));
 }
 
 void SnmpAdaptorRunnable::pumpNotifications() {
   // What a master agent takes before its targets are written goes to nobody.
   if (getConfigurator().isConfigured()) {
-    _handover->pump();
+    _queue->pump();
   } else {
-    _handover->collect();
-  }
-}
-
-int SnmpAdaptorRunnable::try_send_notification(const Vela::PipeMessage& message) {
-  const int type = message.getMessageType();
-  try {
-    switch (type) {
-      case SnmpMessageHeartbeat:
-        return TrapSender::sendHeartbeat(static_cast<const SnmpHeartbeatMessage&>(message).getHeartbeat());
-      case SnmpMessageAlarmListRebuilt:
-        return TrapSender::sendAlarmListRebuilt("");
-      case SnmpMessageAlarm: {
-        const SnmpAlarm& alarm = alarmOf(message);
-        VELA_TRACE("*** trap %s", alarm.toString().c_str());
-        return alarm.isStateful() ? TrapSender::sendAlarmTrap(alarm) : TrapSender::sendAlertTrap(alarm);
-      }
-      default:
-        return TrapSender::noNotification;
-    }
-  } catch (const std::exception& ex) {
-    VELA_LOG(Vela::LogError, "exception caught while handling incoming message type %d, %s", type, ex.what());
-    return TrapSender::noNotification;
+    _queue->collect();
   }
 }
 
 void SnmpAdaptorRunnable::sendQueuedAlarms(int count) {
-  if (_queue.empty() || !isOperational() || count <= 0) return;
-  const std::size_t sending = std::min(static_cast<std::size_t>(count), _queue.size());
-  VELA_LOG(Vela::LogInfo, "Sending %d of %d queued notifications...", static_cast<int>(sending),
-           static_cast<int>(_queue.size()));
-  for (std::size_t i = 0; i < sending; ++i) {
-    _handover->add(std::move(_queue.front()));
-    _queue.pop_front();
-  }
-  scheduleHandover();
-}
-
-bool SnmpAdaptorRunnable::trySendOneQueuedAlarm() {
-  // What the master agent before this one left over is older.
-  if (_handover->hasDue()) return false;
-  while (!_queue.empty()) {
-    VELA_LOG(Vela::LogInfo, "Trying to send one notification (%d in queue)...", static_cast<int>(_queue.size()));
-    const NotificationHandover::Outcome outcome = _handover->sendNow(*_queue.front());
-    if (outcome != NotificationHandover::Outcome::NothingToSend) return true;
-    _queue.pop_front();
-  }
-  return false;
-}
-
-void SnmpAdaptorRunnable::clearQueuedAlarms() {
-  if (!_queue.empty()) VELA_LOG(Vela::LogWarning, "%zu queued notifications are dropped", _queue.size());
-  _queue.clear();
-}
-
-void SnmpAdaptorRunnable::clearHandover() {
-  const std::size_t dropped = _handover->clear();
-  if (dropped > 0) VELA_LOG(Vela::LogWarning, "%zu notifications that were not acknowledged are dropped", dropped);
+  if (isOperational()) _queue->release(count);
 }
 
 // --- The master agent ----------------------------------------------------------------------------------------------
@@ -520,7 +426,7 @@ void SnmpAdaptorRunnable::initSubAgentAfterRestart() {
 
 void SnmpAdaptorRunnable::closeAgentxSession() {
   _subAgent->close();
-  _handover->onConnectionLost();
+  _queue->onConnectionLost();
 }
 
 void SnmpAdaptorRunnable::stopMasterAgent() {

@@ -5,7 +5,6 @@
 #include <Poco/Runnable.h>
 
 #include <atomic>
-#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,7 +12,7 @@
 #include "AgentXSubAgent.h"
 #include "Listener.h"
 #include "MoConnector.h"
-#include "NotificationHandover.h"
+#include "NotificationQueue.h"
 #include "ScriptWrapper.h"
 #include "SnmpDscpRuleHandler.h"
 #include "SnmpMaConfigurator.h"
@@ -71,16 +70,16 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
   bool isOperational() const { return getStateId() == FmStateIdIdleEnabled; }
 
   // The queue of notifications that wait for the master agent.
-  virtual bool hasQueuedAlarms() const { return !_queue.empty(); }
+  virtual bool hasQueuedAlarms() const { return _queue->hasHeld(); }
   /** While operational, hands at most so many over, oldest first. */
   virtual void sendQueuedAlarms(int count);
   /** Sends the oldest as a probe, once everything older is on its way; it stays queued until the internal listener
       receives it. False when there was nothing to send. What has no form on the wire leaves the queue. */
-  virtual bool trySendOneQueuedAlarm();
+  virtual bool trySendOneQueuedAlarm() { return _queue->sendProbe(); }
   /** Drops what waits for the adaptor to become operational. */
-  virtual void clearQueuedAlarms();
+  virtual void clearQueuedAlarms() { _queue->dropHeld(); }
   /** Drops what was handed over: what is due, and what would become due again. */
-  virtual void clearHandover();
+  virtual void clearHandover() { _queue->dropDue(); }
 
   // The master agent.
   /** From now on in this run there is a master agent for the sub-agent to attach to. */
@@ -122,6 +121,9 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
 
   StateTransition onUnhandledEvent(SnmpEvent event) override;
 
+  /** Sends what is due and has room, if the master agent is configured, and takes the acknowledgements that arrived. */
+  void pumpNotifications();
+
   /** Handles messages in their order; an exception concerns its own message only and is logged. */
   void handleMessages(std::vector<std::unique_ptr<Vela::PipeMessage>> messages);
 
@@ -141,15 +143,9 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
   void handleAlarmListRebuilt(std::unique_ptr<Vela::PipeMessage> message);
   void handleStateChange(VelaStateChangeReason reason);
   void handleTraplistener();
-  bool isFirstInQueue(const unsigned char* datagram, std::size_t length) const;
 
   /** Hands a notification over if the current configuration has a target. */
   void send(std::unique_ptr<Vela::PipeMessage> message);
-  void scheduleHandover();
-  /** Agent alarm callback: moves the hand-over on. */
-  static void send_notification(unsigned int registration, void* runnable);
-  static int try_send_notification(const Vela::PipeMessage& message);
-  void pumpNotifications();
   bool isSubAgentWanted() const;
   void noticeStateChange();
   /** Reports a connection that is gone, once per stay in a state, and makes the next step due. */
@@ -182,9 +178,7 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
   Poco::AutoPtr<SnmpTargetV2C> _internalTarget;
 
   std::unique_ptr<AgentXSubAgent> _subAgent;
-  std::unique_ptr<NotificationHandover> _handover;
-  bool _handoverScheduled = false;
-  std::deque<std::unique_ptr<Vela::PipeMessage>> _queue;
+  std::unique_ptr<NotificationQueue> _queue;
 
   int _supervisedState = -1;
   bool _lossReported = false; /**< in the present stay in a state */

@@ -4,9 +4,9 @@
 
 #include <cstdint>
 #include <iterator>
-#include <new>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "LoggingWrapper.h"
 #include "SnmpUtil.h"
@@ -86,50 +86,22 @@ constexpr std::size_t maxTextLength = 255;
 constexpr std::size_t maxAppendedTextLength = 511;
 constexpr std::size_t maxAppendedInfoLength = 767;
 
-TrapSender::Sender sendNotification = send_v2trap;
-
 int toTruthValue(bool value) { return value ? 1 : 2; }
 
 bool isTooLong(std::string_view text) { return text.size() > maxTextLength; }
 
 std::string_view remainder(std::string_view text) { return isTooLong(text) ? text.substr(maxTextLength) : ""; }
 
-/** Owns the varbinds of one notification. */
-class Varbinds {
- public:
-  Varbinds(const oid* notification, std::size_t length) { addOid(snmpTrapOid, notification, length); }
-  template <std::size_t Length>
-  explicit Varbinds(const oid (&notification)[Length]) : Varbinds(notification, Length) {}
-  ~Varbinds() { snmp_free_varbind(_list); }
-  Varbinds(const Varbinds&) = delete;
-  Varbinds& operator=(const Varbinds&) = delete;
+Varbinds beginNotification(const oid* notification, std::size_t length) {
+  Varbinds varbinds;
+  varbinds.addOid(snmpTrapOid, notification, length);
+  return varbinds;
+}
 
-  template <std::size_t Length>
-  void addUnsigned(const oid (&name)[Length], std::uint32_t value) {
-    add(name, Length, ASN_UNSIGNED, &value, sizeof value);
-  }
-  template <std::size_t Length>
-  void addInteger(const oid (&name)[Length], std::int32_t value) {
-    add(name, Length, ASN_INTEGER, &value, sizeof value);
-  }
-  template <std::size_t Length>
-  void addText(const oid (&name)[Length], std::string_view value) {
-    add(name, Length, ASN_OCTET_STR, value.data(), value.size());
-  }
-  template <std::size_t Length>
-  void addOid(const oid (&name)[Length], const oid* value, std::size_t valueLength) {
-    add(name, Length, ASN_OBJECT_ID, value, valueLength * sizeof(oid));
-  }
-
-  void send() { sendNotification(_list); }
-
- private:
-  void add(const oid* name, std::size_t length, unsigned char type, const void* value, std::size_t size) {
-    if (snmp_varlist_add_variable(&_list, name, length, type, value, size) == nullptr) throw std::bad_alloc();
-  }
-
-  netsnmp_variable_list* _list = nullptr;
-};
+template <std::size_t Length>
+Varbinds beginNotification(const oid (&notification)[Length]) {
+  return beginNotification(notification, Length);
+}
 
 /** A column's name in the row of an alarm; alerts have no rows and use index 0. */
 class RowName {
@@ -175,40 +147,44 @@ void addCutText(Varbinds& varbinds, const oid (&textName)[13], const oid (&trunc
   varbinds.addInteger(truncatedName, toTruthValue(isTooLong(text)));
 }
 
-int sendAppendInfo(const Objects& objects, const SnmpAlarm& alarm) {
-  Varbinds varbinds(objects.appendInfo);
-  addIdentity(varbinds, objects, alarm);
-
+/** Nothing, and a log line, when a text is too long. */
+std::optional<Varbinds> buildAppendInfo(const Objects& objects, const SnmpAlarm& alarm) {
   const std::string& text = alarm.getAdditionalText();
   if (text.size() > maxAppendedTextLength) {
     VELA_LOG(Vela::LogWarning, "Bad additional text: %d", static_cast<int>(text.size()));
-    return TrapSender::badLength;
+    return std::nullopt;
   }
-  varbinds.addText(additionalText, remainder(text));
-
-  const SnmpOid resourceId = alarm.getResourceId().isNull() ? SnmpOid() : alarm.getResourceId();
-  varbinds.addOid(objects.resourceId, resourceId.getOidPtr(), resourceId.length());
-
   const std::string& info = alarm.getAdditionalInfoCompressedFormat();
   if (info.size() > maxAppendedInfoLength) {
     VELA_LOG(Vela::LogWarning, "Bad additional info: %d", static_cast<int>(info.size()));
-    return TrapSender::badLength;
+    return std::nullopt;
   }
+  Varbinds varbinds = beginNotification(objects.appendInfo);
+  addIdentity(varbinds, objects, alarm);
+  varbinds.addText(additionalText, remainder(text));
+  const SnmpOid resourceId = alarm.getResourceId().isNull() ? SnmpOid() : alarm.getResourceId();
+  varbinds.addOid(objects.resourceId, resourceId.getOidPtr(), resourceId.length());
   varbinds.addText(additionalInfoRemainder, remainder(info));
-  varbinds.send();
+  return varbinds;
+}
+
+int sendAppendInfo(const Objects& objects, const SnmpAlarm& alarm) {
+  const std::optional<Varbinds> varbinds = buildAppendInfo(objects, alarm);
+  if (!varbinds) return TrapSender::badLength;
+  send_v2trap(varbinds->list());
   return 0;
 }
 
-int sendNotificationOf(const Objects& objects, const SnmpAlarm& alarm) {
+TrapSender::Notifications build(const Objects& objects, const SnmpAlarm& alarm) {
   const SnmpOid notification = findNotification(objects, alarm.getSeverity());
   if (notification.isNull()) {
     VELA_LOG(Vela::LogError, "What severity is set (%d)?", alarm.getSeverity());
-    return TrapSender::noNotification;
+    return {};
   }
   const std::string& text = alarm.getAdditionalText();
   const std::string& info = alarm.getAdditionalInfoCompressedFormat();
 
-  Varbinds varbinds(notification.getOidPtr(), notification.length());
+  Varbinds varbinds = beginNotification(notification.getOidPtr(), notification.length());
   addIdentity(varbinds, objects, alarm);
   addEvent(varbinds, objects, alarm);
   addCutText(varbinds, additionalText, additionalTextTruncated, text);
@@ -217,24 +193,29 @@ int sendNotificationOf(const Objects& objects, const SnmpAlarm& alarm) {
   if (objects.isAlarm && alarm.getSeverity() != severityCleared)
     varbinds.addInteger(recordType, alarm.getRecordType() ? 1 : 0);
   VELA_TRACE("%s", alarm.toString().c_str());
-  varbinds.send();
 
-  if (isTooLong(text) || isTooLong(info)) sendAppendInfo(objects, alarm);
-  return 0;
+  TrapSender::Notifications notifications;
+  notifications.push_back(std::move(varbinds));
+  if (isTooLong(text) || isTooLong(info)) {
+    if (std::optional<Varbinds> rest = buildAppendInfo(objects, alarm)) notifications.push_back(std::move(*rest));
+  }
+  return notifications;
+}
+
+TrapSender::Notifications only(Varbinds varbinds) {
+  TrapSender::Notifications notifications;
+  notifications.push_back(std::move(varbinds));
+  return notifications;
 }
 
 }  // namespace
 
-int TrapSender::sendAlarmTrap(const SnmpAlarm& alarm) { return sendNotificationOf(alarmObjects, alarm); }
+TrapSender::Notifications TrapSender::buildAlarm(const SnmpAlarm& alarm) { return build(alarmObjects, alarm); }
 
-int TrapSender::sendAlertTrap(const SnmpAlarm& alarm) { return sendNotificationOf(alertObjects, alarm); }
+TrapSender::Notifications TrapSender::buildAlert(const SnmpAlarm& alert) { return build(alertObjects, alert); }
 
-int TrapSender::sendAlarmAppendInfo(const SnmpAlarm& alarm) { return sendAppendInfo(alarmObjects, alarm); }
-
-int TrapSender::sendAlertAppendInfo(const SnmpAlarm& alarm) { return sendAppendInfo(alertObjects, alarm); }
-
-int TrapSender::sendHeartbeat(const SnmpHeartbeat& heartbeat) {
-  Varbinds varbinds(heartbeatNotification);
+TrapSender::Notifications TrapSender::buildHeartbeat(const SnmpHeartbeat& heartbeat) {
+  Varbinds varbinds = beginNotification(heartbeatNotification);
   varbinds.addUnsigned(alarmObjects.lastSequenceNo, heartbeat.getAlarmSeqNo());
   varbinds.addUnsigned(alertObjects.lastSequenceNo, heartbeat.getAlertSeqNo());
   varbinds.addText(activeLastChanged, SnmpUtil::getDateAndTime(heartbeat.getLastAlarmTime()));
@@ -242,17 +223,24 @@ int TrapSender::sendHeartbeat(const SnmpHeartbeat& heartbeat) {
   VELA_LOG(Vela::LogInfo, "Sending Heartbeat with Last Alarm SeqNo=%u (%s), Last Alert SeqNo=%u (%s)",
            heartbeat.getAlarmSeqNo(), SnmpUtil::getTimeStr(heartbeat.getLastAlarmTime()).c_str(),
            heartbeat.getAlertSeqNo(), SnmpUtil::getTimeStr(heartbeat.getLastAlertTime()).c_str());
-  varbinds.send();
-  return 0;
+  return only(std::move(varbinds));
 }
 
-int TrapSender::sendAlarmListRebuilt(const std::string& text) {
-  Varbinds varbinds(alarmListRebuiltNotification);
+TrapSender::Notifications TrapSender::buildAlarmListRebuilt(const std::string& text) {
+  Varbinds varbinds = beginNotification(alarmListRebuiltNotification);
   varbinds.addText(activeTableUrl, text);
   VELA_TRACE("send_v2trap (alarmListRebuilt)...\n");
-  varbinds.send();
-  return 0;
+  return only(std::move(varbinds));
 }
+
+int TrapSender::send(const Notifications& notifications) {
+  for (const Varbinds& varbinds : notifications) send_v2trap(varbinds.list());
+  return notifications.empty() ? noNotification : 0;
+}
+
+int TrapSender::sendAlarmAppendInfo(const SnmpAlarm& alarm) { return sendAppendInfo(alarmObjects, alarm); }
+
+int TrapSender::sendAlertAppendInfo(const SnmpAlarm& alert) { return sendAppendInfo(alertObjects, alert); }
 
 SnmpOid TrapSender::getNotificationOid(const SnmpAlarm& alarm) {
   return findNotification(alarm.isStateful() ? alarmObjects : alertObjects, alarm.getSeverity());
@@ -261,12 +249,6 @@ SnmpOid TrapSender::getNotificationOid(const SnmpAlarm& alarm) {
 const SnmpOid& TrapSender::getAlarmListRebuiltOid() {
   static const SnmpOid notification(alarmListRebuiltNotification, std::size(alarmListRebuiltNotification));
   return notification;
-}
-
-TrapSender::Sender TrapSender::setSender(Sender sender) {
-  const Sender previous = sendNotification;
-  sendNotification = sender == nullptr ? send_v2trap : sender;
-  return previous;
 }
 
 }  // namespace VelaFmSnmp

@@ -9,17 +9,18 @@
 #include <algorithm>
 #include <cstddef>
 #include <string>
+#include <vector>
 
 #include "SnmpAlarm.h"
 #include "SnmpHeartbeat.h"
 #include "SnmpOid.h"
+#include "Varbinds.h"
 
 namespace VelaFmSnmp {
 
 /**
- * Builds the MIB's notifications and hands them to the agent library. Texts are cut at 255 octets; what is cut off
- * follows in an append info. The adaptor thread only. Each operation returns 0 on success; that the master agent
- * delivers is not part of it. Memory exhaustion is std::bad_alloc.
+ * Makes the MIB's notifications. Texts are cut at 255 octets; what is cut off follows in an append info. The adaptor
+ * thread only. Memory exhaustion is std::bad_alloc.
  */
 class TrapSender {
  public:
@@ -30,25 +31,31 @@ class TrapSender {
   /** A text too long for an append info. */
   static constexpr int badLength = -8;
 
-  /** Sends an alarm, and its append info if a text was cut. noNotification, and nothing sent, for a bad severity. */
-  static int sendAlarmTrap(const SnmpAlarm& alarm);
+  /** In the order in which they are sent. */
+  using Notifications = std::vector<Varbinds>;
+
+  /** An alarm's notification, and its append info if a text was cut and that is possible. None, and a log line, for a
+      bad severity. */
+  static Notifications buildAlarm(const SnmpAlarm& alarm);
   /** The same for an alert; a cleared alert has no notification. */
-  static int sendAlertTrap(const SnmpAlarm& alarm);
-  /** Sends what was cut off; badLength, and nothing sent, when it is too long for that. */
+  static Notifications buildAlert(const SnmpAlarm& alert);
+  static Notifications buildHeartbeat(const SnmpHeartbeat& heartbeat);
+  static Notifications buildAlarmListRebuilt(const std::string& text);
+
+  /** Each builds notifications and hands them to the agent library's send_v2trap. 0 on success; that the master agent
+      delivers is not part of it. */
+  static int sendAlarmTrap(const SnmpAlarm& alarm) { return send(buildAlarm(alarm)); }
+  static int sendAlertTrap(const SnmpAlarm& alert) { return send(buildAlert(alert)); }
+  static int sendHeartbeat(const SnmpHeartbeat& heartbeat) { return send(buildHeartbeat(heartbeat)); }
+  static int sendAlarmListRebuilt(const std::string& text) { return send(buildAlarmListRebuilt(text)); }
+  /** What was cut off; badLength, and nothing sent, when it is too long for that. */
   static int sendAlarmAppendInfo(const SnmpAlarm& alarm);
-  static int sendAlertAppendInfo(const SnmpAlarm& alarm);
-  static int sendHeartbeat(const SnmpHeartbeat& heartbeat);
-  static int sendAlarmListRebuilt(const std::string& text);
+  static int sendAlertAppendInfo(const SnmpAlarm& alert);
 
   /** The identifier under which an alarm or alert is notified; empty if it has none. */
   static SnmpOid getNotificationOid(const SnmpAlarm& alarm);
   /** The identifier of "alarm list rebuilt". */
   static const SnmpOid& getAlarmListRebuiltOid();
-
-  /** Takes a notification (snmpTrapOID.0 first); the list stays the caller's. */
-  using Sender = void (*)(netsnmp_variable_list*);
-  /** Replaces the last step (null: the agent library's send_v2trap). Returns the previous one. */
-  static Sender setSender(Sender sender);
 
   /** Makes the identifier of a row's column: a copy of the base whose last sub-identifier is the index. */
   template <std::size_t Length>
@@ -57,6 +64,9 @@ class TrapSender {
     buffer[Length - 1] = index;
     return buffer;
   }
+
+ private:
+  static int send(const Notifications& notifications);
 };
 
 }  // namespace VelaFmSnmp

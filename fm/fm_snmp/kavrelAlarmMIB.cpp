@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <exception>
 #include <iterator>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "LoggingWrapper.h"
 #include "SnmpAlarm.h"
@@ -19,6 +21,9 @@ namespace {
 constexpr unsigned int firstColumn = 2;
 constexpr unsigned int lastAlarmColumn = 15;
 constexpr unsigned int lastAlertColumn = 12;
+
+/** Octets of a value that a message still carries, of SNMP over UDP (65,507 octets) as well as of AgentX. */
+constexpr std::size_t maxCellLength = 65000;
 
 constexpr int mibIndeterminate = 2;
 
@@ -145,27 +150,48 @@ void handleGet(const Table& table, netsnmp_agent_request_info* reqinfo, netsnmp_
     table.answer(request, row, reqinfo, tableInfo);
 }
 
-/** Behind a column's last row comes the next column's first row; behind the last column the request is left as it is,
-    and the agent library takes it to the next object. */
-void handleGetNext(const Table& table, netsnmp_handler_registration* registration, netsnmp_agent_request_info* reqinfo,
-                   netsnmp_request_info* request, netsnmp_table_request_info* tableInfo) {
+/** Finds the row behind an index, or the next column's first row behind the last. */
+SnmpAlarm* findNext(const Table& table, netsnmp_table_request_info& place) {
   SnmpAlarmSnapshot& snapshot = SnmpAlarmSnapshot::getInstance();
-  SnmpAlarm* row = tableInfo->index_oid_len == 0
-                       ? (snapshot.*table.getFirst)()
-                       : (snapshot.*table.getNext)(static_cast<unsigned int>(tableInfo->index_oid[0]));
-  if (row == nullptr && tableInfo->colnum < table.lastColumn) {
-    ++tableInfo->colnum;
+  SnmpAlarm* row = place.index_oid_len == 0 ? (snapshot.*table.getFirst)()
+                                            : (snapshot.*table.getNext)(static_cast<unsigned int>(place.index_oid[0]));
+  if (row == nullptr && place.colnum < table.lastColumn) {
+    ++place.colnum;
     row = (snapshot.*table.getFirst)();
   }
-  if (row == nullptr) return;
+  return row;
+}
 
-  oid name[MAX_OID_LEN];
-  oid* end = std::copy_n(registration->rootoid, registration->rootoid_len, name);
-  *end++ = 1;  // the table's entry
-  *end++ = tableInfo->colnum;
-  *end++ = row->getIndex();
-  snmp_set_var_objid(request->requestvb, name, static_cast<std::size_t>(end - name));
-  table.answer(request, row, reqinfo, tableInfo);
+/** A manager may ask for the same cells again and again, so each is told once. */
+void tellLeftOut(unsigned int column, unsigned int index, std::size_t octets) {
+  constexpr std::size_t maxTold = 100;
+  static std::set<std::pair<unsigned int, unsigned int>> told;
+  if (told.size() == maxTold || !told.emplace(column, index).second) return;
+  VELA_LOG(Vela::LogWarning, "Column %u of alarm %u is left out of walks: no message can carry its %zu octets", column,
+           index, octets);
+}
+
+/** Behind the last row of the last column the request is left as it is, and the agent library takes it to the next
+    object. A cell that no message can carry is passed over, so that a walk does not end at it. */
+void handleGetNext(const Table& table, netsnmp_handler_registration* registration, netsnmp_agent_request_info* reqinfo,
+                   netsnmp_request_info* request, netsnmp_table_request_info* tableInfo) {
+  const unsigned char asked = request->requestvb->type;
+  while (SnmpAlarm* const row = findNext(table, *tableInfo)) {
+    table.answer(request, row, reqinfo, tableInfo);
+    if (request->requestvb->val_len <= maxCellLength) {
+      oid name[MAX_OID_LEN];
+      oid* end = std::copy_n(registration->rootoid, registration->rootoid_len, name);
+      *end++ = 1;  // the table's entry
+      *end++ = tableInfo->colnum;
+      *end++ = row->getIndex();
+      snmp_set_var_objid(request->requestvb, name, static_cast<std::size_t>(end - name));
+      return;
+    }
+    tellLeftOut(tableInfo->colnum, row->getIndex(), request->requestvb->val_len);
+    snmp_set_var_typed_value(request->requestvb, asked, nullptr, 0);
+    tableInfo->index_oid[0] = row->getIndex();
+    tableInfo->index_oid_len = 1;
+  }
 }
 
 /** The agent library is C: no exception may pass through it. */

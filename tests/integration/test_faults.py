@@ -2,13 +2,16 @@
 
 import re
 import signal
+import socket
 import subprocess
 import time
 
 import pytest
+from pyasn1.codec.ber import decoder, encoder
+from pysnmp.proto import api
 
 from faults import BABBLES, CRASHES, FAILS, HANGS, USER, fails_times, held_port
-from vela import BIN, SNMP, eventually, free_port, target_xml
+from vela import BIN, MIB_ROOT, SNMP, eventually, free_port, target_xml
 
 NMS = f"{SNMP},SnmpTargetV2C=nms"
 END_WITHIN = 20
@@ -49,6 +52,57 @@ def test_an_agent_that_dies_pauses_or_is_restarted_by_others(scenes):
     scene.recovered(time.monotonic())
     assert [i for i in scene.receiver.indexes() if first <= i <= last] == list(range(first, last + 1))
     assert scene.node.snmpd_pid() == third
+
+
+def get_request(oids):
+    """A v2c request for many objects in one datagram, more than the tools take."""
+    module = api.protoModules[api.protoVersion2c]
+    pdu = module.GetRequestPDU()
+    module.apiPDU.setDefaults(pdu)
+    module.apiPDU.setVarBinds(pdu, [(oid, module.Null("")) for oid in oids])
+    message = module.Message()
+    module.apiMessage.setDefaults(message)
+    module.apiMessage.setCommunity(message, "public")
+    module.apiMessage.setPDU(message, pdu)
+    return encoder.encode(message)
+
+
+def error_status(port, request):
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as manager:
+        manager.settimeout(10)
+        manager.sendto(request, ("127.0.0.1", port))
+        answer = decoder.decode(manager.recv(65535), asn1Spec=api.protoModules[api.protoVersion2c].Message())[0]
+    module = api.protoModules[api.protoVersion2c]
+    return str(module.apiPDU.getErrorStatus(module.apiMessage.getPDU(answer)).prettyPrint())
+
+
+def test_what_no_message_can_carry_costs_only_itself(scenes):
+    scene = scenes().start()
+    scene.settled()
+    agent = scene.node.snmpd_pid()
+    long = [scene.node.raise_alarm("x" * 3000, mo=f"ManagedElement=1,Long={i}") for i in range(30)]
+    huge = scene.node.raise_alarm("y" * 70000, mo="ManagedElement=1,Huge=1")
+    large = scene.node.raise_alarm("z" * 64000, mo="ManagedElement=1,Large=1")
+    scene.arrival("z" * 64000)
+    scene.node.logged(f"The notification of alarm {huge} of ManagedElement=1,Huge=1 ")
+    problem = f"{MIB_ROOT}.1.3.5.1.4"
+
+    # Too much for one answer, one request or one cell: the manager is told so, and can ask for less.
+    port = scene.node.agent_port
+    assert error_status(port, get_request([f"{problem}.{index}" for index in long])) == "tooBig"
+    assert error_status(port, get_request([f"{MIB_ROOT}.1.3.5.1.2.1"] * 1500)) == "tooBig"
+    assert error_status(port, get_request([f"{problem}.{huge}"])) == "tooBig"
+    assert len(scene.node.snmp("snmpget", f"{problem}.{large}").stdout) > 64000
+
+    # A walk passes over the cell that it cannot show, and ends.
+    walked = [int(oid.rsplit(".", 1)[1]) for oid, _ in scene.node.walk(problem)]
+    assert set(long) | {large} <= set(walked) and huge not in walked
+    assert huge in [int(oid.rsplit(".", 1)[1]) for oid, _ in scene.node.walk(f"{MIB_ROOT}.1.3.5.1.5")]
+    scene.node.logged(f"Column 4 of alarm {huge} is left out of walks")
+
+    scene.recovered(time.monotonic())
+    assert scene.node.snmpd_pid() == agent
+    assert "AgentX connection to the master agent is closed" not in scene.node.log()
 
 
 def test_an_agent_that_hangs_is_replaced(scenes):

@@ -88,21 +88,15 @@ class TestAdaptor : public SnmpAdaptorRunnable {
 class RunnableTest : public testing::Test {
  protected:
   RunnableTest() {
-    sent.clear();
     script = &states;
     adaptor = std::make_unique<TestAdaptor>(input);
     adaptor->setConfigurationHandler(&handler);
     current = adaptor.get();
-    TrapSender::setSender([](netsnmp_variable_list* list) {
-      sent.push_back(static_cast<int>(list->val.objid[list->val_len / sizeof(oid) - 1]));
-      ++current->subAgent->counts.sent;
-    });
     SnmpMaSession::setFactory([this] { return std::make_unique<StateTest::SessionStandIn>(agent, "adaptor"); });
   }
   ~RunnableTest() override {
     if (input.isRunning()) stopThread();
     adaptor.reset();
-    TrapSender::setSender(nullptr);
     SnmpMaSession::setFactory({});
   }
 
@@ -142,10 +136,10 @@ class RunnableTest : public testing::Test {
     messages.push_back(std::move(message));
     adaptor->handleMessages(std::move(messages));
   }
-  /** What the agent alarms that are due send: notification numbers. */
+  /** What is sent at the end of a pass: notification numbers. */
   std::vector<int> takeSent() {
-    adaptor->subAgent->runTimers();
-    return std::exchange(sent, {});
+    adaptor->pumpNotifications();
+    return std::exchange(adaptor->subAgent->sent, {});
   }
 
   void startThread() {
@@ -163,7 +157,6 @@ class RunnableTest : public testing::Test {
                          [](const std::string& line) { return line.find("queueing trap") != std::string::npos; });
   }
 
-  static inline std::vector<int> sent;
   static inline TestAdaptor* current = nullptr;
 
   CapturedLog log;
@@ -213,7 +206,7 @@ TEST_F(RunnableTest, NotificationsAreSentQueuedOrDroppedByState) {
     adaptor->changeState(item.state);
     const std::size_t warnings = log.lines(Vela::LogWarning).size();
     handle(make(item.type));
-    EXPECT_TRUE(sent.empty()) << "sending is left to the agent alarm";
+    EXPECT_TRUE(adaptor->subAgent->sent.empty()) << "sending is left to the end of the pass";
     EXPECT_EQ(takeSent(), item.outcome > 0 ? std::vector<int>{item.outcome} : std::vector<int>{});
     EXPECT_EQ(adaptor->hasQueuedAlarms(), item.outcome == Queued || item.isQueueFilled);
     const std::vector<std::string> lines = log.lines(Vela::LogWarning);
@@ -255,43 +248,6 @@ TEST_F(RunnableTest, QueuedNotificationsLeaveInOrderAndAtMostSoMany) {
   adaptor->sendQueuedAlarms(100);
   EXPECT_EQ(takeSent(), (std::vector<int>{Rebuilt}));
   EXPECT_FALSE(adaptor->hasQueuedAlarms());
-}
-
-TEST_F(RunnableTest, AProbeStaysQueuedAndWhatHasNoFormOnTheWireLeaves) {
-  configure();
-  handle(alarm(false, 0));
-  handle(alarm());
-  EXPECT_TRUE(adaptor->trySendOneQueuedAlarm());
-  EXPECT_EQ(std::exchange(sent, {}), (std::vector<int>{AlarmMajor}));
-  EXPECT_EQ(log.count(Vela::LogError, "What severity is set (0)?"), 1);
-  EXPECT_TRUE(adaptor->trySendOneQueuedAlarm());
-  EXPECT_EQ(log.count(Vela::LogInfo, "Trying to send one notification (1 in queue)..."), 2);
-  adaptor->subAgent->isConnected = false;
-  EXPECT_TRUE(adaptor->trySendOneQueuedAlarm());
-  EXPECT_TRUE(adaptor->hasQueuedAlarms());
-  adaptor->clearQueuedAlarms();
-  EXPECT_FALSE(adaptor->trySendOneQueuedAlarm());
-}
-
-TEST_F(RunnableTest, AProbeDoesNotOvertakeWhatTheLastMasterAgentLeftOver) {
-  configure();
-  handler.setSnmpMasterAgentAgentxSocket("socket");
-  adaptor->masterAgentStarted();
-  adaptor->changeState(FmStateIdIdleEnabled);
-  for (int i = 0; i < 40; ++i) handle(make(SnmpMessageAlarmListRebuilt));
-  takeSent();
-  adaptor->changeState(FmStateIdPostConfigure);
-  handle(alarm());
-  EXPECT_FALSE(adaptor->trySendOneQueuedAlarm()) << "eight are older and wait for their turn";
-  EXPECT_TRUE(sent.empty());
-  adaptor->clearQueuedAlarms();
-  EXPECT_FALSE(adaptor->hasQueuedAlarms());
-  EXPECT_EQ(log.count(Vela::LogWarning, "1 queued notifications are dropped"), 1);
-  adaptor->clearHandover();
-  EXPECT_EQ(log.count(Vela::LogWarning, "40 notifications that were not acknowledged are dropped"), 1);
-  handle(alarm());
-  EXPECT_TRUE(adaptor->trySendOneQueuedAlarm()) << "the older ones were dropped as well";
-  EXPECT_EQ(sent, (std::vector<int>{AlarmMajor}));
 }
 
 TEST_F(RunnableTest, StatefulAlarmsAndRebuiltListsInvalidateTheSnapshot) {
@@ -539,9 +495,8 @@ TEST_F(RunnableTest, AMasterAgentThatDoesNotAnswerIsNotAttachedToAgain) {
   EXPECT_EQ(states.events[SnmpEventBootCountMismatch], 0);
 }
 
-/** Sends what TrapSender makes of an alarm to a port, as the master agent would. */
+/** Sends an alarm's notification to a port, as the master agent would. */
 void sendDatagram(const SnmpAlarm& alarm, unsigned int port) {
-  static void* handle;
   netsnmp_session session;
   snmp_sess_init(&session);
   session.version = SNMP_VERSION_2c;
@@ -550,18 +505,14 @@ void sendDatagram(const SnmpAlarm& alarm, unsigned int port) {
   session.peername = peer.data();
   session.community = reinterpret_cast<unsigned char*>(community.data());
   session.community_len = community.size();
-  handle = snmp_sess_open(&session);
+  void* const handle = snmp_sess_open(&session);
   ASSERT_NE(handle, nullptr);
-  const TrapSender::Sender sender = TrapSender::setSender([](netsnmp_variable_list* list) {
-    netsnmp_pdu* pdu = snmp_pdu_create(SNMP_MSG_TRAP2);
-    const oid upTime[] = {1, 3, 6, 1, 2, 1, 1, 3, 0};
-    const long ticks = 1;
-    snmp_pdu_add_variable(pdu, upTime, 9, ASN_TIMETICKS, &ticks, sizeof ticks);
-    pdu->variables->next_variable = snmp_clone_varbind(list);
-    if (snmp_sess_send(handle, pdu) == 0) snmp_free_pdu(pdu);
-  });
-  TrapSender::sendAlarmTrap(alarm);
-  TrapSender::setSender(sender);
+  netsnmp_pdu* pdu = snmp_pdu_create(SNMP_MSG_TRAP2);
+  const oid upTime[] = {1, 3, 6, 1, 2, 1, 1, 3, 0};
+  const long ticks = 1;
+  snmp_pdu_add_variable(pdu, upTime, 9, ASN_TIMETICKS, &ticks, sizeof ticks);
+  pdu->variables->next_variable = snmp_clone_varbind(TrapSender::buildAlarm(alarm).front().list());
+  if (snmp_sess_send(handle, pdu) == 0) snmp_free_pdu(pdu);
   snmp_sess_close(handle);
 }
 

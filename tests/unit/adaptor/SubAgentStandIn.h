@@ -1,21 +1,26 @@
 #ifndef VELA_TESTS_SUB_AGENT_STAND_IN_H
 #define VELA_TESTS_SUB_AGENT_STAND_IN_H
 
+#include <algorithm>
+#include <deque>
 #include <functional>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "AgentXSubAgent.h"
 
 namespace AdaptorTest {
 
-/** A connection to a master agent that acknowledges when the test says so. */
+/** A connection to a master agent that answers when the test says so. */
 class SubAgentStandIn : public VelaFmSnmp::AgentXSubAgent {
  public:
   void presetLibrary() override {}
   bool attach(const Settings& settings, const std::function<void()>&) override {
     close();
     sockets.push_back(settings.socket);
-    counts = {};
+    unanswered.clear();
+    answers.clear();
     isConnected = canAttach;
     return isConnected;
   }
@@ -24,32 +29,63 @@ class SubAgentStandIn : public VelaFmSnmp::AgentXSubAgent {
     isConnected = false;
   }
   bool isAttached() const override { return isConnected; }
-  void addDescriptors(int& count, netsnmp_large_fd_set& descriptors, timeval& timeout) override {
+  void addDescriptors(int& count, netsnmp_large_fd_set& descriptors, timeval&) override {
     if (descriptor >= 0) {
       NETSNMP_LARGE_FD_SET(descriptor, &descriptors);
       count = std::max(count, descriptor + 1);
     }
-    if (!due.empty()) timeout = {0, 0};
   }
   void read(netsnmp_large_fd_set&) override { ++reads; }
-  void runTimers() override {
-    for (const auto& call : std::exchange(due, {})) call();
-  }
+  void runTimers() override {}
   void checkOutstandingRequests() override {}
-  void callSoon(SNMPAlarmCallback* callback, void* argument) override {
-    due.push_back([=] { callback(1, argument); });
+  Sent notify(const VelaFmSnmp::Varbinds& varbinds) override {
+    const netsnmp_variable_list& first = *varbinds.list();
+    const int notification = static_cast<int>(first.val.objid[first.val_len / sizeof(oid) - 1]);
+    const netsnmp_variable_list& second = *first.next_variable;
+    const int index = static_cast<int>(second.name[second.name_length - 1]);
+    if (!isConnected || breaking.count(index) != 0) return {};
+    if (tooLong.count(index) != 0) return {Outcome::TooLong, 0, 70000};
+    sent.push_back(notification);
+    indexes.push_back(index);
+    return request();
   }
-  void send(const std::function<void()>& sending) override { sending(); }
-  NotificationCounts getNotificationCounts() const override { return counts; }
+  Sent ping() override {
+    if (!isConnected) return {};
+    ++pings;
+    return request();
+  }
+  std::vector<Answer> takeAnswers() override { return std::exchange(answers, {}); }
+  bool hasUnread() const override { return isUnread; }
+
+  /** Answers one of the requests that are not answered yet, the oldest first. */
+  void answer(int error = 0, std::size_t place = 0) {
+    answers.push_back({unanswered.at(place), error});
+    unanswered.erase(unanswered.begin() + static_cast<std::ptrdiff_t>(place));
+  }
 
   bool isConnected = true;
   bool canAttach = true;
-  NotificationCounts counts;
-  std::vector<std::function<void()>> due;
+  std::vector<int> sent;    /**< the notifications' numbers */
+  std::vector<int> indexes; /**< the alarms' indexes in them */
+  int pings = 0;
+  std::set<int> tooLong;     /**< indexes */
+  std::set<int> breaking;    /**< indexes with which the connection turns out to be closed */
+  std::size_t octets = 1000; /**< of each message */
+  std::deque<Request> unanswered;
+  std::vector<Answer> answers;
+  bool isUnread = false;
   std::vector<std::string> sockets; /**< of the calls of attach */
   int closes = 0;
   int reads = 0;
   int descriptor = -1; /**< to be waited for */
+
+ private:
+  Sent request() {
+    unanswered.push_back(++_lastRequest);
+    return {Outcome::Sent, _lastRequest, octets};
+  }
+
+  Request _lastRequest = 100;
 };
 
 }  // namespace AdaptorTest

@@ -54,16 +54,27 @@ class Agent {
   }
   std::string get(const std::string& name) { return request(SNMP_MSG_GET, name).at(0); }
   std::string getNext(const std::string& name) { return request(SNMP_MSG_GETNEXT, name).at(0); }
-  /** The answer's error status. */
-  long set(const std::string& name, unsigned char type, long value) {
+  /** Sets objects to one value, a text if that is the type; the answer's error status. */
+  long set(const Lines& names, unsigned char type, long value) {
     netsnmp_pdu* const pdu = snmp_pdu_create(SNMP_MSG_SET);
-    const SnmpOid id = oidOf(name);
-    snmp_pdu_add_variable(pdu, id.getOidPtr(), id.length(), type, &value, sizeof value);
+    for (const std::string& name : names) {
+      const SnmpOid id = oidOf(name);
+      snmp_pdu_add_variable(pdu, id.getOidPtr(), id.length(), type, &value, type == ASN_OCTET_STR ? 4 : sizeof value);
+    }
     exchange(pdu);
     return _errorStatus;
   }
+  long set(const std::string& name, unsigned char type, long value) { return set(Lines{name}, type, value); }
+
+  static constexpr const char* failingObject = ".1.3.6.1.4.1.61234.999.1";
 
  private:
+  static int failToSet(netsnmp_mib_handler*, netsnmp_handler_registration*, netsnmp_agent_request_info* info,
+                       netsnmp_request_info* requests) {
+    if (info->mode == MODE_SET_ACTION) netsnmp_set_request_error(info, requests, SNMP_ERR_RESOURCEUNAVAILABLE);
+    return SNMP_ERR_NOERROR;
+  }
+
   Agent() {
     setenv("MIBS", "", 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, 1);
@@ -71,6 +82,10 @@ class Agent {
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE, 1);
     init_agent("unit_alarm");
+    // An object that accepts a value and then fails to take it.
+    const SnmpOid failing = oidOf(failingObject);
+    netsnmp_register_scalar(netsnmp_create_handler_registration("failing", &failToSet, failing.getOidPtr(),
+                                                                failing.length(), HANDLER_CAN_RWRITE));
     init_kavrelAlarmMIB();
     AlarmScalars::getInstance().initHandlers();
     _session = netsnmp_callback_open(callback_master_num, nullptr, nullptr, nullptr);
@@ -172,7 +187,8 @@ TEST_F(AlarmMibTest, OnlyTheHeartbeatIntervalIsWrittenAndThroughTheConnector) {
   EXPECT_EQ(agent.set(name, ASN_UNSIGNED, 4000000000L), SNMP_ERR_NOERROR);
   EXPECT_EQ(connector.heartbeatInterval, 4000000000U);
   EXPECT_EQ(agent.get(name), name + " u 4000000000");
-  EXPECT_EQ(agent.set(name, ASN_INTEGER, 5), SNMP_ERR_WRONGTYPE);
+  for (const unsigned char type : {ASN_INTEGER, ASN_OCTET_STR, ASN_COUNTER})
+    EXPECT_EQ(agent.set(name, type, 5), SNMP_ERR_WRONGTYPE) << int{type};
   EXPECT_EQ(connector.heartbeatInterval, 4000000000U);
   connector.isBroken = true;
   EXPECT_EQ(agent.set(name, ASN_UNSIGNED, 5), SNMP_ERR_GENERR);
@@ -183,6 +199,18 @@ TEST_F(AlarmMibTest, OnlyTheHeartbeatIntervalIsWrittenAndThroughTheConnector) {
   connector.alarms = {makeAlarm(4)};
   for (const std::string& other : {std::string("R.1.1.2.0"), std::string("R.1.3.3.0"), entry + ".2.4"})
     EXPECT_EQ(agent.set(other, ASN_UNSIGNED, 5), SNMP_ERR_NOTWRITABLE) << other;
+}
+
+TEST_F(AlarmMibTest, ASetThatIsRefusedForAnotherObjectChangesNothing) {
+  const std::string name = "R.1.5.1.0";
+  const std::string failing = std::string(Agent::failingObject) + ".0";
+  for (const Lines& names : {Lines{name, failing}, Lines{failing, name}, Lines{name, name, failing}}) {
+    EXPECT_EQ(agent.set(names, ASN_UNSIGNED, 5), SNMP_ERR_RESOURCEUNAVAILABLE);
+    EXPECT_EQ(connector.heartbeatInterval, 60U);
+  }
+  EXPECT_EQ(agent.set(name, ASN_UNSIGNED, 7), SNMP_ERR_NOERROR);
+  EXPECT_EQ(agent.set(Lines{name, failing}, ASN_UNSIGNED, 5), SNMP_ERR_RESOURCEUNAVAILABLE);
+  EXPECT_EQ(connector.heartbeatInterval, 7U);
 }
 
 TEST_F(AlarmMibTest, ScalarHandlersServeOnlyGet) {
@@ -265,6 +293,22 @@ TEST_F(AlarmMibTest, GetsOfWhatIsNotThere) {
   for (const std::string& name :
        {entry + ".1.4", entry + ".16.4", std::string("R.1.4.5.1.13.0"), std::string("R.1.9.0")})
     EXPECT_EQ(agent.get(name), name + " no object");
+}
+
+TEST_F(AlarmMibTest, WalksPassOverWhatNoMessageCanCarry) {
+  connector.alarms = {makeAlarm(4), makeAlarm(5), makeAlarm(6)};
+  connector.alarms[0].setAdditionalText(std::string(65001, 'x'));
+  connector.alarms[1].setAdditionalText(std::string(65000, 'x'));
+  connector.alarms[2].setFormattedAdditionalInfo(std::string(70000, 'x'));
+  for (int time = 1; time <= 2; ++time) {
+    EXPECT_EQ(nameIn(agent.getNext(entry + ".12")), entry + ".12.5");
+    EXPECT_EQ(nameIn(agent.getNext(entry + ".15.5")), "R.1.4.1.0") << "the last row of the last column";
+  }
+  EXPECT_EQ(walk(entry, 7).size(), 3U * 14 - 2);
+  EXPECT_EQ(agent.get(entry + ".12.4").size(), (entry + ".12.4 s ").size() + 65001);
+  EXPECT_EQ(log.lines(Vela::LogWarning),
+            (Lines{"Column 12 of alarm 4 is left out of walks: no message can carry its 65001 octets",
+                   "Column 15 of alarm 6 is left out of walks: no message can carry its 70000 octets"}));
 }
 
 TEST_F(AlarmMibTest, AnswersARequestForManyObjectsFromOnePull) {

@@ -106,6 +106,10 @@ inline VelaFmSnmp::SnmpAlarm makeAlarm(unsigned int index) {
   return alarm;
 }
 
+/** Takes what is handed to the agent library's send_v2trap, which this program has of its own. The list stays the
+    caller's. */
+extern void (*takeNotification)(netsnmp_variable_list*);
+
 /** The managed-object side: a list of alarms and the values of the scalars. */
 class ConnectorStandIn : public VelaFmSnmp::MoConnector {
  public:

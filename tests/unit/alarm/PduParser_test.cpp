@@ -48,9 +48,9 @@ netsnmp_variable_list* captured = nullptr;
 
 /** What a v2c target on the loopback interface receives when `send` hands a notification over. */
 Octets receiveNotification(const std::function<void()>& send, int command = SNMP_MSG_TRAP2) {
-  TrapSender::setSender([](netsnmp_variable_list* list) { captured = snmp_clone_varbind(list); });
+  takeNotification = [](netsnmp_variable_list* list) { captured = snmp_clone_varbind(list); };
   send();
-  TrapSender::setSender(nullptr);
+  takeNotification = nullptr;
 
   Listener listener;
   listener.open(AF_INET, 0);

@@ -1,3 +1,10 @@
+// The configuration header of net-snmp comes before its others.
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
 #include "TrapSender.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +15,11 @@
 #include "AlarmTestSupport.h"
 #include "adaptor/StateTestSupport.h"
 
+void send_v2trap(netsnmp_variable_list* list) { AlarmTest::takeNotification(list); }
+
 namespace AlarmTest {
+
+void (*takeNotification)(netsnmp_variable_list*) = nullptr;
 
 using namespace VelaFmSnmp;
 
@@ -21,9 +32,9 @@ class SentNotifications {
  public:
   SentNotifications() {
     _sent.clear();
-    TrapSender::setSender(&SentNotifications::take);
+    takeNotification = &SentNotifications::take;
   }
-  ~SentNotifications() { TrapSender::setSender(nullptr); }
+  ~SentNotifications() { takeNotification = nullptr; }
   SentNotifications(const SentNotifications&) = delete;
   SentNotifications& operator=(const SentNotifications&) = delete;
 
@@ -70,6 +81,7 @@ TEST_F(TrapSenderTest, EachSeverityHasItsNotification) {
     EXPECT_EQ(only().front(), trapOid + alarmOid);
     EXPECT_EQ(only().at(3), "R.1.3.5.1.3.1 u 4000000000");
     EXPECT_EQ(only().at(5), "R.1.3.3.0 u 17");
+    EXPECT_EQ(only().at(7), "R.1.3.5.1.7.1 t 07e1070e022800092b0000") << "the event's time, not the first raising's";
     EXPECT_TRUE(log.hasTrace(alarm.toString()));
     EXPECT_EQ(only().back().rfind("R.1.2.6.0", 0) == 0, severity != 0) << "record type, severity " << severity;
 
