@@ -49,29 +49,10 @@ void send(SnmpMaSession& session, const std::string& requestName, AddVarbinds&& 
   MasterAgentTables::send(session, requestName, pdu);
 }
 
-int securityLevelOf(const SnmpBaseTarget& target) {
-  if (target.getSecurityModel() == SecurityModelTls) return LevelAuthPriv;
-  const auto* usm = dynamic_cast<const SnmpTargetV3Usm*>(&target);
-  return usm ? usm->snmpSecurityLevel : LevelNoAuthNoPriv;
-}
-
 /** The levels that a group's rules can have, the highest first. */
 std::vector<int> possibleLevels(int securityModel) {
   if (securityModel == SecurityModelUsm) return {LevelAuthPriv, LevelAuthNoPriv, LevelNoAuthNoPriv};
   return {securityModel == SecurityModelTls ? LevelAuthPriv : LevelNoAuthNoPriv};
-}
-
-/** What becomes of a target whose rule the agent does not have, in words. */
-std::string failureOf(const SnmpBaseTarget& target) {
-  const std::string owner = ViewConfigurator::ownerOf(target).first;
-  switch (target.version()) {
-    case SnmpProtocolV1:
-      return "Failed to configure v1 access for community " + owner;
-    case SnmpProtocolV2c:
-      return "Failed to configure v2c access for community " + owner;
-    default:
-      return "Failed to configure Usm access for securityName " + owner;
-  }
 }
 
 }  // namespace
@@ -100,7 +81,7 @@ std::map<AccessConfigurator::Group, AccessConfigurator::WantedRules> AccessConfi
     const std::vector<const SnmpBaseTarget*>& targets) {
   std::map<Group, WantedRules> planned;
   for (const SnmpBaseTarget* target : targets) {
-    WantedRule& rule = planned[{target->getSecurityModel(), target->getSecurityName()}][securityLevelOf(*target)];
+    WantedRule& rule = planned[{target->getSecurityModel(), target->getSecurityName()}][target->securityLevel()];
     rule.isWritable = rule.isWritable || target->isMibWritable;
     rule.targets.push_back(target);
   }
@@ -116,7 +97,7 @@ bool AccessConfigurator::isNameable(const Group& group, const WantedRules& wante
       if (!isNew || told.count(*entry) != 0) continue;
       VELA_LOG(Vela::LogError, "security name must be between 1 and %zu octets in length", maxSecurityName);
       VELA_LOG(Vela::LogError, "Failed to configure snmp access for %s: %s", target->name.c_str(),
-               failureOf(*target).c_str());
+               target->accessFailure().c_str());
     }
   }
   return false;
@@ -126,7 +107,7 @@ void AccessConfigurator::findViews(WantedRules& wanted, const ViewConfigurator& 
   for (auto entry = wanted.begin(); entry != wanted.end();) {
     WantedRule& rule = entry->second;
     try {
-      rule.views = views.getAccessViews(ViewConfigurator::ownerOf(*rule.targets.front()), rule.isWritable);
+      rule.views = views.getAccessViews(rule.targets.front()->viewOwner(), rule.isWritable);
       ++entry;
     } catch (const ConfigurationFault& fault) {
       fail(rule, fault.what());
@@ -159,7 +140,7 @@ void AccessConfigurator::configureGroup(const ConfigurationPass& pass, const Gro
     // The group, or what is in its way, failed, and so nothing of it is known for sure.
     VELA_LOG(Vela::LogError, "%s", fault.what());
     _written[group].isMapped = false;
-    for (const auto& [level, rule] : wanted) fail(rule, failureOf(*rule.targets.front()));
+    for (const auto& [level, rule] : wanted) fail(rule, rule.targets.front()->accessFailure());
   }
 }
 
@@ -202,9 +183,9 @@ void AccessConfigurator::configureAccess(const ConfigurationPass& pass, const Gr
     _written[group].rules[level] = {rule.views, target.name, target.version()};
   } catch (const ConfigurationFault& fault) {
     VELA_LOG(Vela::LogError, "%s", fault.what());
-    fail(rule, failureOf(target));
+    fail(rule, target.accessFailure());
   } catch (const SnmpSessionException&) {
-    fail(rule, failureOf(target));
+    fail(rule, target.accessFailure());
     throw;
   }
 }

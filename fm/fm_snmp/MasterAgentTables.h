@@ -8,6 +8,7 @@
 
 #include "SnmpOid.h"
 #include "SnmpPdu.h"
+#include "TrapRows.h"
 
 namespace VelaFmSnmp {
 
@@ -21,11 +22,6 @@ enum RowStatus { RowActive = 1, RowCreateAndGo = 4, RowCreateAndWait = 5, RowDes
  * let the type of access rules be changed, so these are left as they are.)
  */
 enum StorageType { StorageVolatile = 2 };
-/** Values of snmpNotifyType (RFC 3413). */
-enum NotifyType { NotifyTrap = 1, NotifyInform = 2 };
-/** SnmpMessageProcessingModel (RFC 3411). */
-enum MessageProcessingModel { MpModelV1 = 0, MpModelV2c = 1, MpModelV3 = 3 };
-
 /** Where notifications of one target go. */
 struct TargetTransport {
   Poco::Net::IPAddress address;

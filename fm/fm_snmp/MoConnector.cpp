@@ -131,22 +131,12 @@ void readTargetsAndViews(Vela::MoAccessor& accessor, SnmpConfig& config) {
 
 /** Digest of everything configured in the DTLS targets; empty when there are none. */
 std::string digestOfTlsTargets(const SnmpConfig& config) {
+  std::string text;
+  for (const auto& [name, target] : config.getTargets()) text += target->digestText();
+  if (text.empty()) return {};
   Poco::SHA2Engine engine;
-  bool isAny = false;
-  const auto add = [&engine](const std::string& text) { engine.update(std::to_string(text.size()) + ":" + text); };
-  for (const auto& [name, target] : config.getTargets()) {
-    if (target->getSecurityModel() != SecurityModelTls) continue;
-    const auto& tls = static_cast<const SnmpTargetV3Tls&>(*target);
-    isAny = true;
-    for (const std::string& text : {tls.name, tls.moName, tls.address, tls.user}) add(text);
-    for (const std::uint32_t number :
-         {static_cast<std::uint32_t>(tls.administrativeState), tls.port, static_cast<std::uint32_t>(tls.isMibWritable),
-          static_cast<std::uint32_t>(tls.hasNameAttribute), tls.missingAttributes, tls.defaultedAttributes,
-          tls.informRetryCount, tls.informTimeout, static_cast<std::uint32_t>(tls.transportMethod)}) {
-      add(std::to_string(number));
-    }
-  }
-  return isAny ? Poco::DigestEngine::digestToHex(engine.digest()) : std::string();
+  engine.update(text);
+  return Poco::DigestEngine::digestToHex(engine.digest());
 }
 
 void readTls(Vela::MoAccessor& accessor, SnmpConfig::tlsOptions_t& options) {

@@ -22,48 +22,12 @@ namespace {
 
 /** Prefix of the names of notify, address and parameter rows. */
 const char* const notificationPrefix = "ntf";
-constexpr std::size_t maxCommunity = 32;
 /** Milliseconds at least between two starts of the agent for the sake of receivers that were found late. */
 constexpr unsigned long long sessionRestartInterval = 10ULL * 60 * 1000;
-constexpr std::size_t maxUser = 32;
-
-void requireCommunity(const std::string& community) {
-  if (community.empty() || community.size() > maxCommunity)
-    throw ConfigurationFault("target community must be between 1 and 32 characters in length");
-}
-
-NotifyType notifyTypeOf(int transportMethod) { return transportMethod == TransportTrap ? NotifyTrap : NotifyInform; }
-
-/** Authenticated informs are sent by a session of the master agent's own, from its configuration: through the tables
- *  they would not arrive, and hold everybody else's up. */
-bool isSentByAgentSession(const SnmpTargetV3Usm& target) {
-  return target.transportMethod == TransportInform &&
-         (target.getSecurityModel() == SecurityModelTls || target.snmpSecurityLevel != LevelNoAuthNoPriv);
-}
-
-/** Throws ConfigurationFault when the values of a target make no target. */
-void checkTarget(const SnmpBaseTarget& target) {
-  if (const auto* v1 = dynamic_cast<const SnmpTargetV1*>(&target)) return requireCommunity(v1->community);
-  if (const auto* v2 = dynamic_cast<const SnmpTargetV2C*>(&target)) return requireCommunity(v2->community);
-  const auto* v3 = dynamic_cast<const SnmpTargetV3Usm*>(&target);
-  if (v3 == nullptr) throw ConfigurationFault("unknown version %u", target.version());
-  if (v3->getSecurityModel() == SecurityModelUsm) {
-    UsmUserConfigurator::userOf(*v3);
-  } else if (v3->user.empty() || v3->user.size() > maxUser) {
-    throw ConfigurationFault("target user must be between 1 and 32 characters in length");
-  }
-}
 
 const char* stateName(bool isEnabled) { return isEnabled ? "ENABLED" : "DISABLED"; }
 
 }  // namespace
-
-struct SnmpMaConfigurator::TrapRows {
-  MessageProcessingModel mpModel;
-  int securityLevel;
-  std::optional<NotifyType> notifyType; /**< none: the notifications are not sent through the tables */
-  std::string tlsFingerprint;           /**< empty: no TLSTM rows */
-};
 
 void SnmpMaConfigurator::setCurrentConfig(const SnmpConfig& config) { _current = config; }
 
@@ -151,7 +115,7 @@ SnmpMaConfigurator::Faults SnmpMaConfigurator::findFaults(const SnmpConfig::Targ
     }
     if (!isConfigurable(*target)) continue;
     try {
-      checkTarget(*target);
+      target->check();
     } catch (const ConfigurationFault& fault) {
       faults.emplace(name, fault.what());
     }
@@ -163,18 +127,16 @@ std::map<std::string, UsmUser> SnmpMaConfigurator::planUsers(const SnmpConfig::T
                                                              Faults& faults) const {
   std::map<std::string, UsmUser> users;
   for (const auto& [name, target] : targets) {
-    const auto* usm = dynamic_cast<const SnmpTargetV3Usm*>(target.get());
-    if (usm == nullptr || usm->getSecurityModel() != SecurityModelUsm || !isConfigurable(*target) ||
-        faults.count(name) != 0)
-      continue;
-    UsmUser user = UsmUserConfigurator::userOf(*usm);
-    const auto [planned, isNew] = users.emplace(user.name, user);
-    if (isNew || planned->second.covers(user)) continue;
+    if (!isConfigurable(*target) || faults.count(name) != 0) continue;
+    std::optional<UsmUser> user = target->usmUser();
+    if (!user) continue;
+    const auto [planned, isNew] = users.emplace(user->name, *user);
+    if (isNew || planned->second.covers(*user)) continue;
     // The agent knows a user once, so targets that share one must agree on it.
-    if (user.covers(planned->second))
-      planned->second = std::move(user);
+    if (user->covers(planned->second))
+      planned->second = std::move(*user);
     else
-      faults.emplace(name, "another target has user " + user.name + " with other protocols or pass phrases");
+      faults.emplace(name, "another target has user " + user->name + " with other protocols or pass phrases");
   }
   return users;
 }
@@ -254,41 +216,13 @@ void SnmpMaConfigurator::configureTrapTarget(SnmpMaSession& session, const SnmpB
     deleteRows(session, rowName, isTls || (present != _rows.end() && present->second.isTls));
   }
   if (!add) return;
-  if (const auto* v1 = dynamic_cast<const SnmpTargetV1*>(&target)) return configureTrapTargetV1(session, *v1);
-  if (const auto* v2 = dynamic_cast<const SnmpTargetV2C*>(&target)) return configureTrapTargetV2(session, *v2);
-  const auto* v3 = dynamic_cast<const SnmpTargetV3Usm*>(&target);
-  if (v3 == nullptr) throw ConfigurationFault("unknown version %u", target.version());
-  if (v3->getSecurityModel() == SecurityModelTls)
-    configureTrapTargetV3Dtls(session, *v3);
-  else
-    configureTrapTargetV3(session, *v3);
+  const bool isTls = target.getSecurityModel() == SecurityModelTls;
+  createRows(session, target, target.trapRows(isTls ? _tls.getLocalFingerPrint() : std::string()));
 }
 
 bool SnmpMaConfigurator::hasRows(const SnmpBaseTarget& target) {
   const auto rows = _rows.find(_names.getUniqueName(notificationPrefix, target));
   return rows != _rows.end() && rows->second.holder && equalTarget(*rows->second.holder, target);
-}
-
-void SnmpMaConfigurator::configureTrapTargetV1(SnmpMaSession& session, const SnmpTargetV1& target) {
-  requireCommunity(target.community);
-  createRows(session, target, {MpModelV1, LevelNoAuthNoPriv, NotifyTrap, std::string()});
-}
-
-void SnmpMaConfigurator::configureTrapTargetV2(SnmpMaSession& session, const SnmpTargetV2C& target) {
-  requireCommunity(target.community);
-  createRows(session, target, {MpModelV2c, LevelNoAuthNoPriv, notifyTypeOf(target.transportMethod), std::string()});
-}
-
-void SnmpMaConfigurator::configureTrapTargetV3(SnmpMaSession& session, const SnmpTargetV3Usm& target) {
-  TrapRows rows{MpModelV3, target.snmpSecurityLevel, std::nullopt, std::string()};
-  if (!isSentByAgentSession(target)) rows.notifyType = notifyTypeOf(target.transportMethod);
-  createRows(session, target, rows);
-}
-
-void SnmpMaConfigurator::configureTrapTargetV3Dtls(SnmpMaSession& session, const SnmpTargetV3Usm& target) {
-  TrapRows rows{MpModelV3, LevelAuthPriv, std::nullopt, _tls.getLocalFingerPrint()};
-  if (!isSentByAgentSession(target)) rows.notifyType = notifyTypeOf(target.transportMethod);
-  createRows(session, target, rows);
 }
 
 void SnmpMaConfigurator::createRows(SnmpMaSession& session, const SnmpBaseTarget& target, const TrapRows& rows) {

@@ -95,8 +95,6 @@ class SnmpMaConfigurator {
  private:
   /** Targets that must not become operational, by name, with the reason. */
   using Faults = std::map<std::string, std::string>;
-  /** What the rows of one target hold besides its address. */
-  struct TrapRows;
 
   /** Rows that may stand in the master agent. */
   struct Rows {
@@ -118,10 +116,6 @@ class SnmpMaConfigurator {
   bool isConfigurable(const SnmpBaseTarget& target) const;
   bool hasRows(const SnmpBaseTarget& target);
 
-  void configureTrapTargetV1(SnmpMaSession& session, const SnmpTargetV1& target);
-  void configureTrapTargetV2(SnmpMaSession& session, const SnmpTargetV2C& target);
-  void configureTrapTargetV3(SnmpMaSession& session, const SnmpTargetV3Usm& target);
-  void configureTrapTargetV3Dtls(SnmpMaSession& session, const SnmpTargetV3Usm& target);
   void createRows(SnmpMaSession& session, const SnmpBaseTarget& target, const TrapRows& rows);
   Poco::Net::IPAddress resolve(const SnmpBaseTarget& target, bool isSentByAgent);
   void deleteRows(SnmpMaSession& session, const std::string& rowName, bool hasTlsRows);

@@ -6,9 +6,13 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "TrapRows.h"
+#include "UsmUser.h"
 
 namespace VelaFmSnmp {
 
@@ -26,6 +30,26 @@ enum SnmpSecurityLevelNumber { LevelNoAuthNoPriv = 1, LevelAuthNoPriv = 2, Level
 enum SnmpAuthProtocol { AuthNone = 0, AuthMd5 = 1, AuthSha = 2 };
 /** Values of the attribute privProtocol. */
 enum SnmpPrivProtocol { PrivNone = 0, PrivDes = 1, PrivAes = 2 };
+
+/** Whom views serve: a community or a user, and the version. */
+using ViewOwner = std::pair<std::string, SnmpProtocolVersion>;
+
+using SnmpAddress = std::pair<std::string, std::uint32_t>; /**< host text and port */
+using SnmpAddressList = std::vector<SnmpAddress>;
+
+/** The agent's DTLS settings. */
+struct SnmpTlsOptions {
+  std::string nodeCredential;               /**< fingerprint of the node's own certificate */
+  SnmpAddressList agentAddressDtls;         /**< where the agent listens for DTLS */
+  std::vector<std::string> trustCategories; /**< fingerprints of the certificates that are trusted */
+  std::string targetDigest; /**< digest of the DTLS targets, which the comparison of targets leaves out */
+  std::string cipherFilter; /**< OpenSSL cipher string */
+
+  /** Whether there is all that DTLS needs: node credential, address and trust. */
+  bool isEnabled() const { return !nodeCredential.empty() && !agentAddressDtls.empty() && !trustCategories.empty(); }
+  void clear();
+  bool operator==(const SnmpTlsOptions&) const = default;
+};
 
 /**
  * Base of the configuration objects. They are reference counted, held by Poco::AutoPtr only, and not changed any more
@@ -61,6 +85,32 @@ class SnmpBaseTarget : public SnmpBase {
   virtual std::string getSecurityName() const = 0;
   /** SnmpSecurityModelNumber; 4 is the only sign of a DTLS target. */
   virtual int getSecurityModel() const = 0;
+
+  /** A copy of the same kind that no configuration has yet. */
+  virtual Poco::AutoPtr<SnmpBaseTarget> clone() const = 0;
+  /** Whether another target is of the same kind and configured alike. */
+  virtual bool equals(const SnmpBaseTarget& other) const;
+  /** Throws ConfigurationFault when the values make no target. */
+  virtual void check() const = 0;
+  /** Whose views apply to what the target reads and writes. */
+  virtual ViewOwner viewOwner() const = 0;
+  /** SnmpSecurityLevelNumber of its notifications and requests. */
+  virtual int securityLevel() const { return LevelNoAuthNoPriv; }
+  /** What its rows in the master agent hold. @param nodeFingerprint  the node's certificate, for DTLS targets */
+  virtual TrapRows trapRows(const std::string& nodeFingerprint) const = 0;
+  /** The USM user that it needs in the master agent; none: it needs none. Throws as check. */
+  virtual std::optional<UsmUser> usmUser() const;
+  /** What to tell when the access of its community or user could not be configured. */
+  virtual std::string accessFailure() const = 0;
+  /** Community of a v1 or v2c target; null: it has none. */
+  virtual const std::string* getCommunity() const { return nullptr; }
+  /** Where requests with the community may come from: "address" or "address/prefix". */
+  virtual std::string getSource() const { return address; }
+  /** The `trapsess` line for informs that a session of the agent's own sends, with its pass phrases: never to be
+      logged. Empty: its notifications are sent through the tables, or the line cannot be written (logged). */
+  virtual std::string trapsess(const SnmpTlsOptions& tlsOptions) const;
+  /** All that is configured, as one text, of a target that configurations compare by its digest; else empty. */
+  virtual std::string digestText() const { return {}; }
 
   /** Installs the source of the inform time-out workaround's switch; null: off. Set before configurations are used. */
   static void setInformTimeoutWorkaround(bool (*isEnabled)());
@@ -102,6 +152,14 @@ class SnmpTargetV1 : public SnmpBaseTarget {
   int getSecurityModel() const override { return SecurityModelV1; }
   virtual bool operator==(const SnmpTargetV1& other) const;
   virtual SnmpTargetV1& operator=(const SnmpTargetV1& other) = default;
+  Poco::AutoPtr<SnmpBaseTarget> clone() const override;
+  bool equals(const SnmpBaseTarget& other) const override;
+  void check() const override;
+  ViewOwner viewOwner() const override { return {community, SnmpProtocolV1}; }
+  TrapRows trapRows(const std::string& nodeFingerprint) const override;
+  std::string accessFailure() const override;
+  const std::string* getCommunity() const override { return &community; }
+  std::string getSource() const override;
 
   std::string community;
   std::int32_t networkPrefixLength = 0; /**< -1: no prefix */
@@ -124,6 +182,14 @@ class SnmpTargetV2C : public SnmpBaseTarget {
   int getSecurityModel() const override { return SecurityModelV2c; }
   virtual bool operator==(const SnmpTargetV2C& other) const;
   virtual SnmpTargetV2C& operator=(const SnmpTargetV2C& other) = default;
+  Poco::AutoPtr<SnmpBaseTarget> clone() const override;
+  bool equals(const SnmpBaseTarget& other) const override;
+  void check() const override;
+  ViewOwner viewOwner() const override { return {community, SnmpProtocolV2c}; }
+  TrapRows trapRows(const std::string& nodeFingerprint) const override;
+  std::string accessFailure() const override;
+  const std::string* getCommunity() const override { return &community; }
+  std::string getSource() const override;
 
   std::string community;
   std::uint32_t informRetryCount = 0;
@@ -149,6 +215,15 @@ class SnmpTargetV3Usm : public SnmpBaseTarget {
   int getSecurityModel() const override { return SecurityModelUsm; }
   virtual bool operator==(const SnmpTargetV3Usm& other) const;
   virtual SnmpTargetV3Usm& operator=(const SnmpTargetV3Usm& other) = default;
+  Poco::AutoPtr<SnmpBaseTarget> clone() const override;
+  bool equals(const SnmpBaseTarget& other) const override;
+  void check() const override;
+  ViewOwner viewOwner() const override { return {getSecurityName(), SnmpProtocolV3}; }
+  int securityLevel() const override { return snmpSecurityLevel; }
+  TrapRows trapRows(const std::string& nodeFingerprint) const override;
+  std::optional<UsmUser> usmUser() const override;
+  std::string accessFailure() const override;
+  std::string trapsess(const SnmpTlsOptions& tlsOptions) const override;
 
   std::string user;
   std::string authKey; /**< pass phrase in clear text: never to be logged */
@@ -168,7 +243,17 @@ class SnmpTargetV3Usm : public SnmpBaseTarget {
 class SnmpTargetV3Tls : public SnmpTargetV3Usm {
  public:
   using SnmpTargetV3Usm::operator=;
+  SnmpTargetV3Tls() = default;
+  SnmpTargetV3Tls(const SnmpTargetV3Tls&) = default;
+
   int getSecurityModel() const override { return SecurityModelTls; }
+  Poco::AutoPtr<SnmpBaseTarget> clone() const override;
+  void check() const override;
+  int securityLevel() const override { return LevelAuthPriv; }
+  TrapRows trapRows(const std::string& nodeFingerprint) const override;
+  std::optional<UsmUser> usmUser() const override;
+  std::string trapsess(const SnmpTlsOptions& tlsOptions) const override;
+  std::string digestText() const override;
 
  protected:
   ~SnmpTargetV3Tls() override = default;
@@ -200,24 +285,12 @@ class SnmpBaseView : public SnmpBase {
 /** The SNMP service as the model describes it. Used on the adaptor thread. */
 class SnmpConfig {
  public:
-  using Address = std::pair<std::string, std::uint32_t>; /**< host text and port */
-  using AddressList = std::vector<Address>;
+  using Address = SnmpAddress;
+  using AddressList = SnmpAddressList;
   using TargetMap = std::map<std::string, Poco::AutoPtr<SnmpBaseTarget>>;
   using ViewMap = std::map<std::string, Poco::AutoPtr<SnmpBaseView>>;
 
-  /** The agent's DTLS settings. */
-  struct tlsOptions_t {
-    std::string nodeCredential;               /**< fingerprint of the node's own certificate */
-    AddressList agentAddressDtls;             /**< where the agent listens for DTLS */
-    std::vector<std::string> trustCategories; /**< fingerprints of the certificates that are trusted */
-    std::string targetDigest; /**< digest of the DTLS targets, which the comparison of targets leaves out */
-    std::string cipherFilter; /**< OpenSSL cipher string */
-
-    /** Whether there is all that DTLS needs: node credential, address and trust. */
-    bool isEnabled() const { return !nodeCredential.empty() && !agentAddressDtls.empty() && !trustCategories.empty(); }
-    void clear();
-    bool operator==(const tlsOptions_t&) const = default;
-  };
+  using tlsOptions_t = SnmpTlsOptions;
 
   /** Empties everything but the SNMP object's name and the flags. */
   void clear();

@@ -8,35 +8,10 @@ namespace VelaFmSnmp {
 
 namespace {
 
-/** Compares through the version's own comparison, which the base class' operator does not reach. */
-template <class Target>
-bool equalAs(const SnmpBaseTarget& left, const SnmpBaseTarget& right) {
-  const auto* typedLeft = dynamic_cast<const Target*>(&left);
-  const auto* typedRight = dynamic_cast<const Target*>(&right);
-  return typedLeft && typedRight && *typedLeft == *typedRight;
-}
-
-template <class Target>
-Poco::AutoPtr<SnmpBaseTarget> copyAs(const SnmpBaseTarget& target) {
-  return Poco::makeAuto<Target>(dynamic_cast<const Target&>(target));
-}
-
-Poco::AutoPtr<SnmpBaseTarget> copyOf(const SnmpBaseTarget& target) {
-  if (target.getSecurityModel() == SecurityModelTls) return copyAs<SnmpTargetV3Tls>(target);
-  switch (target.version()) {
-    case SnmpProtocolV1:
-      return copyAs<SnmpTargetV1>(target);
-    case SnmpProtocolV2c:
-      return copyAs<SnmpTargetV2C>(target);
-    default:
-      return copyAs<SnmpTargetV3Usm>(target);
-  }
-}
-
 bool differsInAdminStateOnly(const SnmpBaseTarget& left, const SnmpBaseTarget& right) {
   if (left.administrativeState == right.administrativeState || left.getSecurityModel() != right.getSecurityModel())
     return false;
-  Poco::AutoPtr<SnmpBaseTarget> aligned = copyOf(left);
+  Poco::AutoPtr<SnmpBaseTarget> aligned = left.clone();
   aligned->administrativeState = right.administrativeState;
   return equalTarget(*aligned, right);
 }
@@ -72,20 +47,7 @@ void compareMaps(const Map& oldMap, const Map& newMap, OnRemoved&& onRemoved, On
 
 }  // namespace
 
-bool equalTarget(const SnmpBaseTarget& left, const SnmpBaseTarget& right) {
-  if (left.version() != right.version() || left.getSecurityModel() != right.getSecurityModel()) return false;
-  switch (left.version()) {
-    case SnmpProtocolV1:
-      return equalAs<SnmpTargetV1>(left, right);
-    case SnmpProtocolV2c:
-      return equalAs<SnmpTargetV2C>(left, right);
-    case SnmpProtocolV3:
-      return equalAs<SnmpTargetV3Usm>(left, right);
-    default:
-      VELA_LOG(Vela::LogError, "unkown version %u in compare", left.version());
-      return false;
-  }
-}
+bool equalTarget(const SnmpBaseTarget& left, const SnmpBaseTarget& right) { return left.equals(right); }
 
 ConfigurationDiff calcDiffTargets(const SnmpConfig::TargetMap& oldTargets, const SnmpConfig::TargetMap& newTargets,
                                   bool force) {

@@ -14,6 +14,7 @@
 #include "SnmpMaSession.h"
 #include "SnmpOid.h"
 #include "SnmpPdu.h"
+#include "SnmpTypes.h"
 
 namespace VelaFmSnmp {
 
@@ -30,8 +31,6 @@ constexpr Column usmUserPrivProtocol = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 8};
 constexpr Column usmUserPrivKeyChange = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 9};
 constexpr Column usmUserStatus = {1, 3, 6, 1, 6, 3, 15, 1, 2, 2, 1, 13};
 
-constexpr std::size_t maxUserName = 32;
-constexpr std::size_t minPassPhrase = USM_LENGTH_P_MIN;
 /** DES (with its salt) and AES-128 take keys of 16 octets. */
 constexpr std::size_t privKeyLength = 16;
 
@@ -50,26 +49,6 @@ const TemplateUser* findTemplate(int authProtocol, int privProtocol) {
   return nullptr;
 }
 
-bool isTemplate(const std::string& name) {
-  return std::any_of(std::begin(TemplateUsers), std::end(TemplateUsers),
-                     [&](const TemplateUser& candidate) { return name == candidate.name; });
-}
-
-bool isKnownAuth(int protocol) { return protocol >= AuthNone && protocol <= AuthSha; }
-bool isKnownPriv(int protocol) { return protocol >= PrivNone && protocol <= PrivAes; }
-
-void requireProtocols(const SnmpTargetV3Usm& target) {
-  if (!isKnownAuth(target.authProtocol) && !isKnownPriv(target.privProtocol))
-    throw ConfigurationFault("unknown AuthProtocol or PrivProtocol");
-  if (!isKnownAuth(target.authProtocol)) throw ConfigurationFault("unknown authProtocol %d", target.authProtocol);
-  if (!isKnownPriv(target.privProtocol)) throw ConfigurationFault("unknown privProtocol %d", target.privProtocol);
-}
-
-void requirePassPhrase(const std::string& passPhrase, const char* which) {
-  if (passPhrase.size() < minPassPhrase)
-    throw ConfigurationFault("%s passphrase must be greater than %zu characters in length.", which, minPassPhrase - 1);
-}
-
 SnmpOid authProtocolOid(int protocol) {
   return protocol == AuthSha ? SnmpOid(usmHMACSHA1AuthProtocol, OID_LENGTH(usmHMACSHA1AuthProtocol))
                              : SnmpOid(usmHMACMD5AuthProtocol, OID_LENGTH(usmHMACMD5AuthProtocol));
@@ -86,47 +65,6 @@ SnmpOid row(Column& column, const std::string& engineId, const std::string& user
 }
 
 }  // namespace
-
-bool UsmUser::covers(const UsmUser& other) const {
-  if (name != other.name) return false;
-  const bool isAuthCovered =
-      other.authProtocol == AuthNone || (authProtocol == other.authProtocol && authKey == other.authKey);
-  const bool isPrivCovered =
-      other.privProtocol == PrivNone || (privProtocol == other.privProtocol && privKey == other.privKey);
-  return isAuthCovered && isPrivCovered;
-}
-
-UsmUser UsmUserConfigurator::userOf(const SnmpTargetV3Usm& target) {
-  if (target.user.empty() || target.user.size() > maxUserName)
-    throw ConfigurationFault("target user must be between 1 and 32 characters in length");
-  if (isTemplate(target.user))
-    throw ConfigurationFault("can not create v3 trap targets for built-in usm user (%s)!", target.user.c_str());
-  UsmUser user{target.user, AuthNone, PrivNone, std::string(), std::string()};
-  if (target.snmpSecurityLevel < LevelNoAuthNoPriv || target.snmpSecurityLevel > LevelAuthPriv)
-    throw ConfigurationFault("Unknown securityLevel :%d", target.snmpSecurityLevel);
-  requireProtocols(target);
-  switch (target.snmpSecurityLevel) {
-    case LevelNoAuthNoPriv:
-      return user;
-    case LevelAuthNoPriv:
-      if (target.authProtocol == AuthNone)
-        throw ConfigurationFault("SNMP_SEC_LEVEL_AUTHNOPRIV selected, but no AuthProtocol specified");
-      break;
-    case LevelAuthPriv:
-      if (target.authProtocol == AuthNone || target.privProtocol == PrivNone)
-        throw ConfigurationFault("SNMP_SEC_LEVEL_AUTHPRIV selected, but no Auth- or PrivProtocol specified");
-      requirePassPhrase(target.privKey, "New");
-      user.privProtocol = target.privProtocol;
-      user.privKey = target.privKey;
-      break;
-    default:
-      break;
-  }
-  requirePassPhrase(target.authKey, "New");
-  user.authProtocol = target.authProtocol;
-  user.authKey = target.authKey;
-  return user;
-}
 
 const char* UsmUserConfigurator::findSuitableUser(int authProtocol, int privProtocol) {
   const TemplateUser* found = findTemplate(authProtocol, privProtocol);

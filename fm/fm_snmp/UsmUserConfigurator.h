@@ -6,24 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "SnmpTypes.h"
+#include "UsmUser.h"
 
 namespace VelaFmSnmp {
 
 class SnmpMaSession;
-
-/** A USM user as the master agent shall know it: protocols that its security level does not use are none. */
-struct UsmUser {
-  std::string name;
-  int authProtocol = AuthNone;
-  int privProtocol = PrivNone;
-  std::string authKey; /**< pass phrase: never to be logged */
-  std::string privKey; /**< pass phrase: never to be logged */
-
-  bool operator==(const UsmUser&) const = default;
-  /** Whether requests of the other user's level can be made as this one, with the same pass phrases. */
-  bool covers(const UsmUser& other) const;
-};
 
 /**
  * The users in the master agent's usmUserTable (RFC 3414). A new one is cloned from a template user that the agent's
@@ -32,8 +19,6 @@ struct UsmUser {
  */
 class UsmUserConfigurator {
  public:
-  /** The user that a target needs; throws ConfigurationFault when its values make none. */
-  static UsmUser userOf(const SnmpTargetV3Usm& target);
   /** Name of the first template user with the protocols asked for (0: any); null, with a log line, when there is none.
    */
   static const char* findSuitableUser(int authProtocol, int privProtocol);

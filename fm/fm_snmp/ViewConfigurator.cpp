@@ -127,12 +127,6 @@ std::vector<ViewOwner> ViewConfigurator::ownersOf(const SnmpBaseView& view) {
   return {owners.begin(), owners.end()};
 }
 
-ViewOwner ViewConfigurator::ownerOf(const SnmpBaseTarget& target) {
-  if (const auto* v1 = dynamic_cast<const SnmpTargetV1*>(&target)) return {v1->community, SnmpProtocolV1};
-  if (const auto* v2 = dynamic_cast<const SnmpTargetV2C*>(&target)) return {v2->community, SnmpProtocolV2c};
-  return {target.getSecurityName(), SnmpProtocolV3};
-}
-
 bool ViewConfigurator::parseEntry(const std::string& text, ViewEntry& entry) {
   const std::size_t begin = !text.empty() && text.front() == '!' ? 1 : 0;
   const std::size_t slash = text.find('/');

@@ -13,9 +13,6 @@
 
 namespace VelaFmSnmp {
 
-/** Whom views serve: a community or a user, and the version. */
-using ViewOwner = std::pair<std::string, SnmpProtocolVersion>;
-
 /** Names of the views that a community or user gets; an empty name means no access. */
 struct AccessViews {
   std::string readView;
@@ -47,8 +44,6 @@ class ViewConfigurator {
  public:
   /** The owners that a view object serves, each once; none, with a log line, when its version is unknown. */
   static std::vector<ViewOwner> ownersOf(const SnmpBaseView& view);
-  /** Whom a target's views belong to. */
-  static ViewOwner ownerOf(const SnmpBaseTarget& target);
   /** Reads an entry: a dotted OID, "!" in front to exclude, "/" and a mask behind; false if it is none. */
   static bool parseEntry(const std::string& text, ViewEntry& entry);
   /** Reads the entries of a list; each that cannot be read is logged with the view's name. */

@@ -22,7 +22,7 @@ TEST(UsmUser, clonedUsersAuthenticateWithTheirOwnPassPhrases) {
                     ".1.3.6.1.6.3.10.2.1.2.0"})
         .output;
   };
-  const UsmUser user = UsmUserConfigurator::userOf(*target);
+  const UsmUser user = UsmUser::of(*target);
   users.usmCreateUser(session, user);
   EXPECT_TRUE(users.isWritten(user));
   // VACM comes behind USM: the agent knows the user and its keys, who has no access yet.
@@ -32,7 +32,7 @@ TEST(UsmUser, clonedUsersAuthenticateWithTheirOwnPassPhrases) {
 
   // Written once more, with another pass phrase, as after a change.
   target->authKey = "changedSecret";
-  users.usmCreateUser(session, UsmUserConfigurator::userOf(*target));
+  users.usmCreateUser(session, UsmUser::of(*target));
   EXPECT_THAT(readAs("changedSecret", "privSecret"), HasSubstr("authorizationError"));
   users.usmDeleteUser(session, target->user);
   EXPECT_THAT(readAs("changedSecret", "privSecret"), HasSubstr("Unknown user name"));
