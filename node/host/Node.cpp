@@ -3,13 +3,13 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <iterator>
 
 #include "LoggingWrapper.h"
 #include "ScriptWrapper.h"
 #include "SecApi.h"
 #include "VelaException.h"
+#include "files/AgentRecord.h"
 #include "model/MoAttribute.h"
 
 namespace VelaNode {
@@ -20,7 +20,6 @@ constexpr const char* hostName = "vela-node";
 constexpr const char* managementTool = "tarn";
 /** Time-out of the tool's stop, which itself goes from asking to killing. */
 constexpr int agentStopTimeoutMs = 15000;
-constexpr const char* agentProgram = "snmpd";
 constexpr const char* fmClassPath = "ManagedElement,SystemFunctions,Fm";
 constexpr const char* snmpClassPath = "ManagedElement,SystemFunctions,SysM,Snmp";
 
@@ -30,15 +29,6 @@ constexpr std::pair<const char*, const char*> alarmSums[] = {{"total", "totalAct
                                                              {"major", "sumMajor"},
                                                              {"minor", "sumMinor"},
                                                              {"warning", "sumWarning"}};
-
-/** Process id of the running master agent, or 0. A process id that is not an agent's any more does not count. */
-pid_t findAgent(const std::filesystem::path& pidFile) {
-  pid_t pid = 0;
-  if (!(std::ifstream(pidFile) >> pid) || pid <= 0) return 0;
-  std::string program;
-  std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/comm"), program);
-  return program == agentProgram ? pid : 0;
-}
 
 std::string enumName(const MoObject& object, const char* attribute) {
   const int index = object.getClass().findAttribute(attribute);
@@ -108,7 +98,7 @@ void Node::cleanUp() {
 
 Poco::JSON::Object::Ptr Node::getStatus() {
   const AdaptorStateWatch::State adaptor = _adaptorState.getState();
-  const pid_t agent = findAgent(_folder.agentPidFile());
+  const auto agent = NodeFiles::AgentRecord::find(_folder.path());
   const MoTree tree = _services.getStore().getTree();
   const MoObjectPtr fm = tree.findFirst(fmClassPath);
   const MoObjectPtr snmp = tree.findFirst(snmpClassPath);
@@ -122,8 +112,8 @@ Poco::JSON::Object::Ptr Node::getStatus() {
   status->set("snmpAdministrativeState", snmp ? enumName(*snmp, "administrativeState") : "");
   status->set("snmpOperationalState", snmp ? enumName(*snmp, "operationalState") : "");
   Poco::JSON::Object snmpd(Poco::JSON_PRESERVE_KEY_ORDER);
-  snmpd.set("running", agent != 0);
-  if (agent != 0) snmpd.set("pid", agent);
+  snmpd.set("running", agent.has_value());
+  if (agent) snmpd.set("pid", agent->pid);
   status->set("snmpd", snmpd);
   Poco::JSON::Object alarms(Poco::JSON_PRESERVE_KEY_ORDER);
   for (const auto& [name, attribute] : alarmSums) {

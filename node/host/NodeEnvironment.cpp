@@ -57,6 +57,8 @@ void NodeEnvironment::set(const ComponentPaths& paths) {
   setVariable("VELA_SNMP_PWD_FILE", paths.passwordFile);
 }
 
+void NodeEnvironment::setAgentUser(const std::string& name) { setVariable("VELA_AGENT_USER", name); }
+
 void NodeEnvironment::requireProgram(const std::string& program, const std::string& package) {
   Poco::Path found;
   const char* path = std::getenv("PATH");

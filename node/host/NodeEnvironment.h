@@ -20,6 +20,8 @@ class NodeEnvironment {
   void set(const std::filesystem::path& nodeFolder) const;
   /** Sets what the component configuration tells. Before other threads run. */
   static void set(const ComponentPaths& paths);
+  /** Sets who the master agent runs as when the caller is root. Before other threads run. */
+  static void setAgentUser(const std::string& name);
   /** Throws Vela::VelaException that names the Debian package when a program is not found in PATH. */
   static void requireProgram(const std::string& program, const std::string& package);
 

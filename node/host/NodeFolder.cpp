@@ -10,6 +10,7 @@
 
 #include "VelaException.h"
 #include "control/ControlProtocol.h"
+#include "files/Trust.h"
 
 namespace VelaNode {
 
@@ -18,15 +19,19 @@ namespace {
 constexpr mode_t folderMode = S_IRWXU;
 constexpr mode_t fileMode = S_IRUSR | S_IWUSR;
 
+// Files of the master agent, which may run as a user of its own.
+constexpr const char* persistent = "persist";
+constexpr const char* credentials = "no-backup/etc/snmp/tls";
+
 constexpr const char* folders[] = {"run",
                                    "log",
-                                   "persist",
+                                   persistent,
                                    "sec_trove",
                                    "no-backup",
                                    "no-backup/etc",
                                    "no-backup/etc/snmp",
                                    "no-backup/etc/snmp/parts",
-                                   "no-backup/etc/snmp/tls",
+                                   credentials,
                                    "no-backup/etc/snmp/tls/certs",
                                    "no-backup/etc/snmp/tls/private"};
 
@@ -45,19 +50,17 @@ void makeFolder(const std::filesystem::path& path) {
 }  // namespace
 
 NodeFolder::NodeFolder(const std::filesystem::path& path) {
+  _path = NodeFiles::followSafely(path);
   std::error_code error;
-  _path = std::filesystem::weakly_canonical(std::filesystem::absolute(path, error), error);
-  if (error) throw Vela::VelaException("%s: %s", path.c_str(), error.message().c_str());
-  if (!_path.has_filename()) _path = _path.parent_path();
   std::filesystem::create_directories(_path.parent_path(), error);
   makeFolder(_path);
+  NodeFiles::checkOwnTree(_path, {persistent, credentials}, NodeFiles::AgentUser::find().uid);
   lock();
 }
 
 void NodeFolder::lock() {
   const std::filesystem::path file = _path / "lock";
-  FileDescriptor lock(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, fileMode));
-  if (!lock.isOpen()) fail(file);
+  FileDescriptor lock(NodeFiles::openOwn(file, O_RDWR | O_CREAT, fileMode, ::geteuid()));
   if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK) fail(file);
     throw Vela::VelaException("%s: a node is running on this folder already", _path.c_str());

@@ -10,8 +10,8 @@ namespace VelaNode {
 /** The folder that holds everything of a node. Failures are Vela::VelaException that names the file. */
 class NodeFolder {
  public:
-  /** Makes the folder (mode 700) when it is missing and locks it until destruction. A second one on the same folder
-      throws and has touched nothing. */
+  /** Makes the folder (mode 700) when it is missing, checks that nobody else has a hand in it (NodeFiles::FileFault),
+      and locks it until destruction. A second one on the same folder throws and has touched nothing. */
   explicit NodeFolder(const std::filesystem::path& path);
 
   /** Makes what belongs into the folder and is missing (mode 700). */
@@ -22,7 +22,6 @@ class NodeFolder {
   std::filesystem::path configuration() const { return _path / "config.xml"; }
   std::filesystem::path log() const { return _path / "log" / "node.log"; }
   std::filesystem::path controlSocket() const;
-  std::filesystem::path agentPidFile() const { return _path / "run" / "snmpd.pid"; }
 
  private:
   void lock();

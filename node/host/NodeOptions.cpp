@@ -10,12 +10,13 @@ namespace VelaNode {
 
 namespace {
 
-enum Code { Dir = 1, Model, Config, LogLevel, Verbose, Help = 'h' };
+enum Code { Dir = 1, Model, Config, AgentUser, LogLevel, Verbose, Help = 'h' };
 
 constexpr option longOptions[] = {
     {"dir", required_argument, nullptr, Dir},
     {"model", required_argument, nullptr, Model},
     {"config", required_argument, nullptr, Config},
+    {"agent-user", required_argument, nullptr, AgentUser},
     {"log-level", required_argument, nullptr, LogLevel},
     {"verbose", no_argument, nullptr, Verbose},
     {"help", no_argument, nullptr, Help},
@@ -48,6 +49,9 @@ NodeOptions NodeOptions::parse(int argc, char** argv) {
       case Config:
         options.configurationFile = optarg;
         break;
+      case AgentUser:
+        options.agentUser = optarg;
+        break;
       case LogLevel:
         options.logLevel = parseLogLevel(optarg);
         break;
@@ -75,11 +79,14 @@ Runs a node: a managed-object model, fault management, and the SNMP adaptor with
 foreground until SIGINT, SIGTERM or "vela-nodectl --dir DIR stop".
 
   --dir DIR        folder that holds everything of this node; made when missing. One node at a time runs on a folder.
+                   Folder, files and the folders above must be such that nobody but the caller and root can change them.
   --model FILE     model to begin with. It is copied to DIR/model.xml, which all later starts use and in which the node
                    keeps every change. Given again, it REPLACES DIR/model.xml, changes and all. Without it the first
                    start makes a default model.
   --config FILE    configuration of the SNMP component, copied to DIR/config.xml. Without it, DIR/config.xml is used as
                    it is, or made with defaults.
+  --agent-user U   for a node that root runs: the user that snmpd becomes once it has bound its ports (the same as the
+                   environment variable VELA_AGENT_USER). Default Debian-snmp, which the package snmpd brings.
   --log-level N    0 to 9: log lines up to this severity (3 errors, 4 warnings, 5 notices, 6 information, 7 debug; above
                    7 traces too). Default 6.
   --verbose        log to standard error too, besides DIR/log/node.log.

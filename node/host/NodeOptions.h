@@ -10,6 +10,7 @@ struct NodeOptions {
   std::string directory;
   std::string modelFile;         /**< empty: the folder's own, or the default */
   std::string configurationFile; /**< empty: the folder's own, or the default */
+  std::string agentUser;         /**< empty: VELA_AGENT_USER, or the default */
   int logLevel;
   bool isVerbose = false;
   bool isHelpWanted = false;

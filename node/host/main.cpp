@@ -1,5 +1,6 @@
 #include <pthread.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -103,6 +104,7 @@ void installInputs(const Inputs& inputs, const NodeFolder& folder) {
 int run(const NodeOptions& options, const sigset_t& stopSignals) {
   int failure = exitUsage;
   try {
+    if (!options.agentUser.empty()) NodeEnvironment::setAgentUser(options.agentUser);
     const NodeFolder folder(options.directory);
     const NodeEnvironment environment;
     environment.set(folder.path());
@@ -127,6 +129,7 @@ int run(const NodeOptions& options, const sigset_t& stopSignals) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  ::umask(S_IRWXG | S_IRWXO);
   NodeOptions options;
   try {
     options = NodeOptions::parse(argc, argv);

@@ -1,6 +1,7 @@
 #include "AgentConfiguration.h"
 
 #include <openssl/rand.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
@@ -8,6 +9,7 @@
 
 #include "Failure.h"
 #include "Files.h"
+#include "PersistentState.h"
 #include "ReceiverNames.h"
 #include "Revision.h"
 #include "TarnSpi.h"
@@ -130,18 +132,14 @@ std::vector<std::string> AgentConfiguration::configure(const std::vector<std::st
   return warnings;
 }
 
-std::vector<ListenAddress> AgentConfiguration::listenAddresses() const {
-  return parseAddresses(partValue(AddressesPart));
-}
-
 std::string AgentConfiguration::engineId() const {
   const std::string configured = partValue(EngineIdPart);
   return configured.empty() ? ownEngineId() : configured;
 }
 
 std::string AgentConfiguration::ownEngineId() const {
-  const auto file = _folder.persistent() / "engine_id";
-  std::string id = readFile(file).value_or("");
+  const auto file = _folder.persistent() / PersistentState::engineIdFile;
+  std::string id = readOwnFile(file, _folder.agentUser().uid).value_or("");
   if (!id.empty() && id.back() == '\n') id.pop_back();
   if (id.empty()) {
     id = OwnEngineIdPrefix + randomHex(OwnEngineIdOctets);
@@ -153,7 +151,7 @@ std::string AgentConfiguration::ownEngineId() const {
 
 std::string AgentConfiguration::passPhrase() const {
   const auto& file = _folder.passwordFile();
-  auto content = readFile(file);
+  auto content = readOwnFile(file, geteuid());
   // An empty one is what a full disk or a lost write leaves behind; it would keep the agent from ever starting again.
   if (!content || content->find_first_not_of(" \t\r\n") == std::string::npos) {
     content = randomHex(PassPhraseOctets) + "\n";
@@ -203,6 +201,12 @@ std::string AgentConfiguration::render() const {
 void AgentConfiguration::generate() const { writePrivateFile(_folder.agentConfiguration(), render()); }
 
 std::vector<std::string> AgentConfiguration::generateForStart() const {
+  // snmpd reads them besides its own file, and what they say may load code.
+  for (const char* name : {"snmp.conf", "snmp.local.conf", "snmpd.local.conf"}) {
+    const auto file = _folder.configuration() / name;
+    if (std::filesystem::exists(std::filesystem::symlink_status(file)))
+      throw Failure(file.string() + " is none of the node's files, and snmpd would read it: remove it");
+  }
   std::vector<std::string> leftOut;
   writePrivateFile(_folder.agentConfiguration(), resolveReceivers(render(), leftOut));
   return leftOut;

@@ -32,9 +32,6 @@ class AgentConfiguration {
   /** The same, with addresses in the place of names; yields the names of the receivers that were left out. */
   std::vector<std::string> generateForStart() const;
 
-  /** The addresses that the stored configuration makes the agent listen on. */
-  std::vector<ListenAddress> listenAddresses() const;
-
   /** The engine id that the generated configuration gives the agent: "0x" and hexadecimal digits. */
   std::string engineId() const;
 

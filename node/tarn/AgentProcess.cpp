@@ -19,17 +19,16 @@ extern "C" {
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <set>
 #include <sstream>
 #include <string_view>
 #include <thread>
 
 #include "Failure.h"
 #include "Files.h"
+#include "files/AgentRecord.h"
 
 namespace Tarn {
 
@@ -47,6 +46,19 @@ constexpr std::uintmax_t MaxLogSize = std::uintmax_t{4} * 1024 * 1024;
 constexpr const char* AgentName = "snmpd";
 constexpr const char* SystemFolders = ":/usr/local/sbin:/usr/sbin:/sbin";
 constexpr int ExecFailed = 127;
+constexpr const char* OwnFolder = "/proc/self/cwd";
+/**
+ * Modules of snmpd that the node's agent does without: what shows processes and their arguments, installed software and
+ * the agent's own inside; what runs commands or speaks for others; DISMAN, with which a manager makes the agent ask and
+ * set by itself; and "smux", which would listen on a privileged TCP port of its own.
+ */
+constexpr const char* LeftOutModules =
+    "-smux,hrSWRunTable,hrSWRunPerfTable,swrun,hrSWInstalledTable,swinst,proc,"
+    "versioninfo,pass,pass_persist,extend,errormib,file,logmatch,mta_sendmail,proxy,override,nsTransactionTable,"
+    "nsModuleTable,nsDebug,nsCache,nsLogging,nsVacmAccessTable,mteScalars,mteTrigger,mteTriggerTable,"
+    "mteTriggerDeltaTable,mteTriggerExistenceTable,mteTriggerBooleanTable,mteTriggerThresholdTable,mteTriggerConf,"
+    "mteEvent,mteEventTable,mteEventSetTable,mteEventNotificationTable,mteEventConf,mteObjects,mteObjectsTable,"
+    "mteObjectsConf,schedCore,schedConf,schedTable";
 // snmpd's last line whatever it failed of; the line before has the reason.
 constexpr std::string_view ExitLine = "Server Exiting";
 
@@ -62,46 +74,6 @@ std::string findExecutable() {
   throw Failure("snmpd is not installed: the Debian package 'snmpd' provides it");
 }
 
-std::vector<std::string> commandLine(pid_t pid) {
-  std::vector<std::string> words;
-  std::istringstream in(readFile("/proc/" + std::to_string(pid) + "/cmdline").value_or(""));
-  for (std::string word; std::getline(in, word, '\0');) words.push_back(word);
-  return words;
-}
-
-std::optional<pid_t> toPid(const std::string& text) {
-  pid_t pid = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), pid);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return pid;
-}
-
-/** Inodes of the sockets that a process has open. */
-std::set<unsigned long> socketInodes(pid_t pid) {
-  std::set<unsigned long> inodes;
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error)) {
-    unsigned long inode = 0;
-    if (std::sscanf(std::filesystem::read_symlink(entry, error).c_str(), "socket:[%lu]", &inode) == 1)
-      inodes.insert(inode);
-  }
-  return inodes;
-}
-
-/** Ports of the process's UDP sockets of one address family, from the kernel's table. */
-std::set<unsigned> boundPorts(const std::set<unsigned long>& inodes, bool isIpv6) {
-  std::set<unsigned> ports;
-  std::istringstream table(readFile(isIpv6 ? "/proc/net/udp6" : "/proc/net/udp").value_or(""));
-  for (std::string line; std::getline(table, line);) {
-    unsigned port = 0;
-    unsigned long inode = 0;
-    if (std::sscanf(line.c_str(), " %*d: %*[0-9A-Fa-f]:%x %*s %*s %*s %*s %*s %*s %*s %lu", &port, &inode) == 2 &&
-        inodes.count(inode) != 0)
-      ports.insert(port);
-  }
-  return ports;
-}
-
 bool waitForEnd(const Descriptor& process, milliseconds timeout) {
   pollfd waited{process.get(), POLLIN, 0};
   const auto end = Clock::now() + timeout;
@@ -113,34 +85,17 @@ bool waitForEnd(const Descriptor& process, milliseconds timeout) {
   }
 }
 
-/** Ends a process for sure; it may be stopped, busy or deaf. */
-void endProcess(pid_t pid) {
-  const Descriptor process(pidfd_open(pid, 0));
-  if (!process.isOpen()) {
-    if (errno == ESRCH) return;
-    throw Failure("cannot reach snmpd (pid " + std::to_string(pid) + "): " + systemError(errno));
-  }
-  const auto send = [&](int signal) {
-    if (pidfd_send_signal(process.get(), signal, nullptr, 0) != 0 && errno != ESRCH)
-      throw Failure("cannot signal snmpd (pid " + std::to_string(pid) + "): " + systemError(errno));
-  };
-  send(SIGTERM);
-  send(SIGCONT);
-  if (waitForEnd(process, TerminateTimeout)) return;
-  send(SIGKILL);
-  if (!waitForEnd(process, KillTimeout)) throw Failure("snmpd (pid " + std::to_string(pid) + ") does not end");
-}
-
 /** Standard input from nothing, both outputs to the log, and not a descriptor more. */
-void detach(const std::string& log) {
+void detach(const NodeFolder& folder) {
   setsid();
   const int null = open("/dev/null", O_RDONLY);
-  const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, S_IRUSR | S_IWUSR);
+  const int out = open(folder.log().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW, S_IRUSR | S_IWUSR);
   dup2(null, STDIN_FILENO);
   dup2(out, STDOUT_FILENO);
   dup2(out, STDERR_FILENO);
   close_range(STDERR_FILENO + 1, ~0U, 0);
   umask(S_IRWXG | S_IRWXO);
+  if (chdir(folder.root().c_str()) != 0) _exit(ExecFailed);
 }
 
 std::vector<char*> pointers(std::vector<std::string>& words) {
@@ -154,41 +109,47 @@ std::vector<char*> pointers(std::vector<std::string>& words) {
 }  // namespace
 
 std::optional<pid_t> AgentProcess::find() const {
-  const std::string marker = _folder.pidFile();
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    const auto pid = toPid(entry.path().filename().string());
-    if (!pid) continue;
-    try {
-      const auto words = commandLine(*pid);
-      if (!words.empty() && std::filesystem::path(words.front()).filename() == AgentName &&
-          std::find(words.begin(), words.end(), marker) != words.end())
-        return pid;
-    } catch (const Failure&) {
-      continue;  // it ended while it was looked at, or belongs to somebody else
-    }
-  }
-  return std::nullopt;
+  const auto record = NodeFiles::AgentRecord::find(_folder.root());
+  return record ? std::optional(record->pid) : std::nullopt;
 }
 
 pid_t AgentProcess::spawn() const {
-  // Without the module "smux", which would listen on a privileged TCP port of its own.
-  std::vector<std::string> arguments = {
-      findExecutable(), "-f", "-I", "-smux", "-A", "-Lf", _folder.log().string(), "-p", _folder.pidFile().string()};
+  std::vector<std::string> arguments = {findExecutable(),       "-f", "-I",
+                                        LeftOutModules,         "-A", "-Lf",
+                                        _folder.log().string(), "-p", _folder.pidFile().string()};
+  const NodeFiles::AgentUser& user = _folder.agentUser();
+  if (user.isOther())
+    arguments.insert(arguments.end(), {"-u", std::to_string(user.uid), "-g", std::to_string(user.gid)});
+  // Once it has given up root it may not be able to come through to the node's folder, but it stands in it.
+  const std::string root = user.isOther() ? OwnFolder : _folder.root().string();
+  const auto below = [&](const std::filesystem::path& path) {
+    return root + "/" + path.lexically_relative(_folder.root()).string();
+  };
   // The persistent folder has to be on the configuration path: the boot count is only read back from there.
   std::vector<std::string> environment = {
-      "SNMPCONFPATH=" + _folder.configuration().string() + ":" + _folder.persistent().string(),
-      "SNMP_PERSISTENT_DIR=" + _folder.persistent().string(), "MIBS=", "PATH=/usr/sbin:/usr/bin:/sbin:/bin",
-      "HOME=" + _folder.configuration().string()};
+      "SNMPCONFPATH=" + below(_folder.configuration()) + ":" + below(_folder.persistent()),
+      "SNMP_PERSISTENT_DIR=" + below(_folder.persistent()), "MIBS=", "PATH=/usr/sbin:/usr/bin:/sbin:/bin",
+      "HOME=" + below(_folder.configuration())};
   const auto argv = pointers(arguments);
   const auto envp = pointers(environment);
-  const std::string log = _folder.log();
+  int gate[2];
+  if (pipe2(gate, O_CLOEXEC) != 0) throw Failure("cannot start snmpd: " + systemError(errno));
+  const Descriptor closed(gate[0]);
+  const Descriptor opening(gate[1]);
   const pid_t pid = fork();
   if (pid < 0) throw Failure("cannot start snmpd: " + systemError(errno));
   if (pid == 0) {
-    detach(log);
+    // An agent that nobody has recorded would be found by nobody.
+    char recorded = 0;
+    close(gate[1]);
+    if (read(gate[0], &recorded, 1) != 1) _exit(ExecFailed);
+    detach(_folder);
     execve(argv[0], argv.data(), envp.data());
     _exit(ExecFailed);
   }
+  const auto record = NodeFiles::AgentRecord::of(pid);
+  if (record) writePrivateFile(_folder.agentRecord(), record->toText());
+  if (!record || write(gate[1], "", 1) != 1) throw Failure("cannot start snmpd: it cannot be recorded");
   return pid;
 }
 
@@ -200,12 +161,9 @@ bool AgentProcess::acceptsAgentX() const {
   return fd.isOpen() && connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
-bool AgentProcess::isReady(pid_t pid, const std::vector<ListenAddress>& addresses) const {
-  const auto inodes = socketInodes(pid);
-  const std::set<unsigned> ports[] = {boundPorts(inodes, false), boundPorts(inodes, true)};
-  return std::all_of(addresses.begin(), addresses.end(),
-                     [&](const ListenAddress& address) { return ports[address.isIpv6()].count(address.port) != 0; }) &&
-         acceptsAgentX();
+bool AgentProcess::isReady(pid_t pid) const {
+  // It writes the file when it has bound its ports; what it cannot bind ends it before.
+  return readFile(_folder.pidFile()).value_or("") == std::to_string(pid) + "\n" && acceptsAgentX();
 }
 
 void AgentProcess::rotateLog() const {
@@ -223,25 +181,49 @@ std::string AgentProcess::lastLogLine(size_t offset) const {
   return last.empty() ? "it has written nothing to " + _folder.log().string() : last;
 }
 
-void AgentProcess::start(const std::vector<ListenAddress>& addresses) const {
+void AgentProcess::start() const {
   rotateLog();
   const size_t logOffset = readFile(_folder.log()).value_or("").size();
   // A socket that a killed agent left behind would look like one that is not accepting yet.
   std::error_code error;
   std::filesystem::remove(_folder.agentXSocket(), error);
+  std::filesystem::remove(_folder.pidFile(), error);
   const pid_t pid = spawn();
   for (const auto end = Clock::now() + StartTimeout; Clock::now() < end; std::this_thread::sleep_for(PollInterval)) {
     if (waitpid(pid, nullptr, WNOHANG) == pid) throw Failure("snmpd did not start: " + lastLogLine(logOffset));
-    if (isReady(pid, addresses)) return;
+    if (isReady(pid)) return;
   }
-  endProcess(pid);
+  endProcess();
   throw Failure("snmpd was not ready within " + std::to_string(StartTimeout.count()) +
                 " seconds: " + lastLogLine(logOffset));
 }
 
+void AgentProcess::endProcess() const {
+  const auto recorded = find();
+  if (!recorded) return;
+  const std::string name = "snmpd (pid " + std::to_string(*recorded) + ")";
+  const Descriptor process(pidfd_open(*recorded, 0));
+  if (!process.isOpen()) {
+    if (errno == ESRCH) return;
+    throw Failure("cannot reach " + name + ": " + systemError(errno));
+  }
+  // From here on the descriptor stands for one process; that it is the recorded one is seen once more.
+  if (find() != recorded) return;
+  const auto send = [&](int signal) {
+    if (pidfd_send_signal(process.get(), signal, nullptr, 0) != 0 && errno != ESRCH)
+      throw Failure("cannot signal " + name + ": " + systemError(errno));
+  };
+  send(SIGTERM);
+  send(SIGCONT);
+  if (waitForEnd(process, TerminateTimeout)) return;
+  send(SIGKILL);
+  if (!waitForEnd(process, KillTimeout)) throw Failure(name + " does not end");
+}
+
 void AgentProcess::stop() const {
-  while (const auto pid = find()) endProcess(*pid);
+  endProcess();
   std::error_code error;
+  std::filesystem::remove(_folder.agentRecord(), error);
   std::filesystem::remove(_folder.pidFile(), error);
   std::filesystem::remove(_folder.agentXSocket(), error);
 }

@@ -5,16 +5,15 @@
 
 #include <optional>
 #include <string>
-#include <vector>
 
-#include "Directives.h"
 #include "NodeFolder.h"
 
 namespace Tarn {
 
 /**
- * The node's snmpd process. It is recognised by the pid file path on its command line, so that neither a stale pid file
- * nor the agent of another node on the machine is ever taken for it.
+ * The node's snmpd process. It is the one that was recorded when it was started (NodeFiles::AgentRecord), so that
+ * neither a stale process id, nor another user's process of that name, nor the agent of another node is ever taken for
+ * it.
  */
 class AgentProcess {
  public:
@@ -23,10 +22,10 @@ class AgentProcess {
   std::optional<pid_t> find() const;
 
   /**
-   * Starts snmpd, detached, and returns when it listens on every address and accepts AgentX connections. Throws Failure
+   * Starts snmpd, detached, and returns when it has bound every address and accepts AgentX connections. Throws Failure
    * with its last log line when it ends before, or does not get there within 20 seconds (then it is ended).
    */
-  void start(const std::vector<ListenAddress>& addresses) const;
+  void start() const;
 
   /** Ends snmpd if it runs: SIGTERM, after 4 seconds SIGKILL. Returns when the process is gone, its sockets with it. */
   void stop() const;
@@ -36,7 +35,9 @@ class AgentProcess {
 
  private:
   pid_t spawn() const;
-  bool isReady(pid_t pid, const std::vector<ListenAddress>& addresses) const;
+  /** Ends it for sure; it may be stopped, busy or deaf. */
+  void endProcess() const;
+  bool isReady(pid_t pid) const;
   bool acceptsAgentX() const;
   void rotateLog() const;
   std::string lastLogLine(size_t offset) const;

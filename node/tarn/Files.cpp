@@ -4,12 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <fstream>
 #include <iterator>
 #include <system_error>
 
 #include "Failure.h"
+#include "files/Trust.h"
 
 namespace Tarn {
 
@@ -29,6 +31,20 @@ std::optional<std::string> readFile(const std::filesystem::path& file) {
     return std::string{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   } catch (const std::ios_base::failure& error) {
     throw Failure("cannot read " + file.string() + ": " + error.code().message());
+  }
+}
+
+std::optional<std::string> readOwnFile(const std::filesystem::path& file, uid_t user) {
+  const Descriptor fd(NodeFiles::openOwn(file, O_RDONLY, 0, user));
+  if (!fd.isOpen()) return std::nullopt;
+  std::string content;
+  std::array<char, 4096> buffer;
+  for (;;) {
+    const ssize_t n = read(fd.get(), buffer.data(), buffer.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw Failure("cannot read " + file.string() + ": " + systemError(errno));
+    if (n == 0) return content;
+    content.append(buffer.data(), static_cast<size_t>(n));
   }
 }
 

@@ -1,6 +1,8 @@
 #ifndef TARN_FILES_H
 #define TARN_FILES_H
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -24,6 +26,10 @@ class Descriptor {
 
 /** The file's content; nothing when there is no such file. Throws Failure when it cannot be read. */
 std::optional<std::string> readFile(const std::filesystem::path& file);
+
+/** The same of a file that is the caller's or that user's own, in a folder where that user may put anything. Throws
+    NodeFiles::FileFault. */
+std::optional<std::string> readOwnFile(const std::filesystem::path& file, uid_t user);
 
 /** Replaces the file as a whole (a reader sees the old or the new content); mode 600. Throws Failure. */
 void writePrivateFile(const std::filesystem::path& file, const std::string& content);

@@ -1,10 +1,16 @@
 #include "NodeFolder.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 
 #include "Failure.h"
 #include "Files.h"
+#include "files/AgentRecord.h"
 
 namespace Tarn {
 
@@ -12,6 +18,9 @@ namespace {
 
 // struct sockaddr_un holds no more, its terminating zero included.
 constexpr size_t MaxSocketPathLength = 107;
+/** Folders whose files may be the agent's own. */
+constexpr const char* PersistentFolder = "persist";
+constexpr const char* TlsFolder = "no-backup/etc/snmp/tls";
 
 std::filesystem::path pathFromEnvironment(const char* name, const std::filesystem::path& otherwise) {
   const char* value = std::getenv(name);
@@ -24,14 +33,27 @@ std::filesystem::path pathFromEnvironment(const char* name, const std::filesyste
   return text;
 }
 
+/** Changes owner, group and mode of what is no link and has no other name. */
+void change(const std::filesystem::path& path, uid_t owner, gid_t group, mode_t mode) {
+  const Descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  struct stat status {};
+  if (!fd.isOpen() || fstat(fd.get(), &status) != 0)
+    throw Failure("cannot look at " + path.string() + ": " + systemError(errno));
+  if (!S_ISDIR(status.st_mode) && (!S_ISREG(status.st_mode) || status.st_nlink != 1))
+    throw Failure(path.string() + " is neither a folder nor a file of one name");
+  if (fchown(fd.get(), owner, group) != 0 || fchmod(fd.get(), mode) != 0)
+    throw Failure("cannot change the owner of " + path.string() + ": " + systemError(errno));
+}
+
 }  // namespace
 
 NodeFolder NodeFolder::fromEnvironment() {
   NodeFolder folder;
   const std::filesystem::path root = pathFromEnvironment("VELA_NODE_DIR", {});
   if (root.empty()) throw Failure("VELA_NODE_DIR is not set: it must name the node's folder");
-  makePrivateFolder(root);
-  folder._root = std::filesystem::canonical(root);
+  folder._root = NodeFiles::followSafely(root);
+  makePrivateFolder(folder._root);
+  NodeFiles::checkOwnTree(folder._root, {PersistentFolder, TlsFolder}, folder._agentUser.uid);
   // It would end the folder's name in snmpd's search path.
   if (folder._root.string().find(':') != std::string::npos)
     throw Failure("the name of the node's folder holds a colon: " + folder._root.string());
@@ -44,13 +66,35 @@ NodeFolder NodeFolder::fromEnvironment() {
   if (folder._agentXSocket.string().size() > MaxSocketPathLength)
     throw Failure("the path of the AgentX socket is longer than " + std::to_string(MaxSocketPathLength) +
                   " characters: " + folder._agentXSocket.string());
+  NodeFiles::followSafely(folder._agentXSocket);
+  NodeFiles::followSafely(folder._passwordFile);
   return folder;
 }
+
+std::filesystem::path NodeFolder::pidFile() const { return NodeFiles::AgentRecord::pidFileIn(_root); }
+
+std::filesystem::path NodeFolder::agentRecord() const { return NodeFiles::AgentRecord::fileIn(_root); }
 
 void NodeFolder::make() const {
   for (const auto& folder : {parts(), certificates(), privateKeys(), persistent(), run(), log().parent_path(),
                              agentXSocket().parent_path(), passwordFile().parent_path()})
     makePrivateFolder(folder);
+}
+
+void NodeFolder::handOverCredentials() const {
+  if (!_agentUser.isOther()) return;
+  constexpr mode_t Passage = S_IRWXU | S_IXGRP;
+  for (std::filesystem::path folder = tls(); folder != _root.parent_path(); folder = folder.parent_path())
+    change(folder, geteuid(), _agentUser.gid, Passage);
+  for (const auto& folder : {certificates(), privateKeys()}) {
+    change(folder, _agentUser.uid, _agentUser.gid, S_IRWXU);
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+      change(entry.path(), _agentUser.uid, _agentUser.gid, entry.is_directory() ? S_IRWXU : S_IRUSR | S_IWUSR);
+  }
+}
+
+void NodeFolder::takeBackPersistent() const {
+  if (_agentUser.isOther()) change(persistent(), geteuid(), getegid(), S_IRWXU);
 }
 
 }  // namespace Tarn

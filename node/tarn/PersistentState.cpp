@@ -27,9 +27,9 @@ std::vector<std::filesystem::path> stateFiles(const std::filesystem::path& folde
   return files;
 }
 
-long highestBootCount(const std::filesystem::path& file) {
+long highestBootCount(const std::filesystem::path& file, uid_t agent) {
   long boots = 0;
-  std::istringstream in(readFile(file).value_or(""));
+  std::istringstream in(readOwnFile(file, agent).value_or(""));
   for (std::string line; std::getline(in, line);) {
     std::istringstream words(line);
     std::string word;
@@ -42,14 +42,15 @@ long highestBootCount(const std::filesystem::path& file) {
 }  // namespace
 
 void PersistentState::prepareStart(const std::string& engineId) const {
-  const auto files = stateFiles(_folder);
   long boots = 0;
-  for (const auto& file : files) boots = std::max(boots, highestBootCount(file));
+  for (const auto& file : stateFiles(_folder)) boots = std::max(boots, highestBootCount(file, _agent));
   boots = std::min(boots, MaxBoots - 1);
   writePrivateFile(_folder / AgentFile,
                    std::string(BootsDirective) + " " + std::to_string(boots) + "\noldEngineID " + engineId + "\n");
-  for (const auto& file : files)
-    if (file.filename() != AgentFile) std::filesystem::remove(file);
+  std::vector<std::filesystem::path> others;
+  for (const auto& entry : std::filesystem::directory_iterator(_folder))
+    if (entry.path().filename() != AgentFile && entry.path().filename() != engineIdFile) others.push_back(entry.path());
+  for (const auto& path : others) std::filesystem::remove_all(path);
 }
 
 }  // namespace Tarn

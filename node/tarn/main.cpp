@@ -4,6 +4,7 @@
  */
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -52,8 +53,7 @@ constexpr const char* Usage =
 class NodeLock {
  public:
   explicit NodeLock(const NodeFolder& folder)
-      : _fd(open(folder.lockFile().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR)) {
-    if (!_fd.isOpen()) throw Failure("cannot open " + folder.lockFile().string() + ": " + systemError(errno));
+      : _fd(NodeFiles::openOwn(folder.lockFile(), O_RDWR | O_CREAT, S_IRUSR | S_IWUSR, geteuid())) {
     while (flock(_fd.get(), LOCK_EX) != 0)
       if (errno != EINTR) throw Failure("cannot lock " + folder.lockFile().string() + ": " + systemError(errno));
   }
@@ -70,10 +70,12 @@ void start(const NodeFolder& folder) {
     std::cout << Vela::TarnSpi::ReceiverLeftOut << ' ' << receiver << '\n';
     std::cerr << "the inform receiver " << receiver << " is left out, its name has no address\n";
   }
-  PersistentState(folder.persistent()).prepareStart(configuration.engineId());
+  folder.takeBackPersistent();
+  PersistentState(folder.persistent(), folder.agentUser().uid).prepareStart(configuration.engineId());
+  folder.handOverCredentials();
   if (!std::filesystem::exists(folder.plugin()))
     std::cerr << "VELA_SNMPD_PLUGIN names no file: snmpd runs without the node's plugin\n";
-  process.start(configuration.listenAddresses());
+  process.start();
 }
 
 void configure(const NodeFolder& folder, const Arguments& arguments) {
@@ -159,6 +161,7 @@ void runTls(const Arguments& arguments) {
   folder.make();
   const NodeLock lock(folder);
   std::cout << (word == "init" ? credentials.init() : credentials.add(arguments.back())) << '\n';
+  folder.handOverCredentials();
 }
 
 void run(const Arguments& arguments) {
@@ -180,6 +183,7 @@ void run(const Arguments& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  umask(S_IRWXG | S_IRWXO);
   try {
     run(Arguments(argv + 1, argv + argc));
     std::cout.flush();
