@@ -19,7 +19,7 @@ def test_the_commands_of_a_page(folder, page):
         own = str(free_port())
         script, model = (re.sub(rf"\b{port}\b", own, text) for text in (script, model))
     (folder / "model.xml").write_text(model)
-    for written, own in (("/tmp/", f"{folder}/"), ("build/release/bin", str(BIN)),
+    for written, own in (("~/", f"{folder}/"), ("build/release/bin", str(BIN)),
                          ("etc/model.xml", str(folder / "model.xml"))):
         assert written in script
         script = script.replace(written, own)

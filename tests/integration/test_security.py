@@ -1,10 +1,207 @@
-"""What those who are not meant to can do to a node: attacks, each of which has no effect."""
+"""Attacks on a node, each by somebody who may reach what it begins with. docs/security.md tells who reaches what."""
+
+import os
+import pathlib
+import pwd
+import shutil
+import subprocess
+import sys
 
 import pytest
 
 from dtls import ANY, SHA1, addr_row, params_row, trust_row
-from tarn_node import CREATE_AND_GO, NOTIFY, TARGET_ADDR, TARGET_PARAMS, oid_index, row
-from vela import free_port, target_xml
+from tarn_node import CREATE_AND_GO, NOTIFY, TARGET_ADDR, TARGET_PARAMS, TarnNode, oid_index, row
+from vela import Node, TOOL_ENVIRONMENT, eventually, free_port, target_xml
+
+NOBODY = 65534
+AS_ROOT = os.geteuid() == 0
+needs_root = pytest.mark.skipif(not AS_ROOT, reason="needs other users")
+IF_ADMIN_STATUS, IP_DEFAULT_TTL, SYS_CONTACT = "1.3.6.1.2.1.2.2.1.7", "1.3.6.1.2.1.4.2.0", "1.3.6.1.2.1.1.4.0"
+
+
+# --- Another user of the machine: what lies in the node's folder, or in its place
+
+
+@pytest.fixture
+def refused(folder):
+    """Starts a node on the folder "n0" (or another), which it must not run on, and yields what it says."""
+    nodes = []
+
+    def start(name="n0"):
+        nodes.append(Node(folder / name).start(wait=False))
+        assert nodes[-1].process.wait(20) == 2
+        return nodes[-1].output_text()
+
+    yield start
+    for node in nodes:
+        node.kill()
+
+
+def make_private(folder, *names):
+    for name in ("", *names):
+        (folder / name).mkdir(mode=0o700, exist_ok=True)
+
+
+def prepared_folders(folder, victim):
+    """What somebody may have put in the place of a node's folder before it is first used: (what, path told, maker)."""
+    dir = folder / "n0"
+
+    def with_link(name, *above):
+        make_private(dir, *above)
+        (dir / name).symlink_to(victim)
+
+    def with_folder_link():
+        make_private(dir)
+        (dir / "run").symlink_to(folder)
+
+    def foreign(name, content="", *above):
+        make_private(dir, *above)
+        (dir / name).write_text(content)
+        os.chown(dir / name, NOBODY, NOBODY)
+
+    def open_folder():
+        make_private(dir)
+        dir.chmod(0o777)
+
+    def open_file():
+        make_private(dir)
+        (dir / "model.xml").write_text("<model/>")
+        (dir / "model.xml").chmod(0o666)
+
+    cases = [("a link for the lock", "n0/lock", lambda: with_link("lock")),
+             ("a link for the log", "n0/log/node.log", lambda: with_link("log/node.log", "log")),
+             ("a link for a folder", "n0/run", with_folder_link),
+             ("a folder that others may write", "n0", open_folder),
+             ("a file that others may write", "n0/model.xml", open_file)]
+    if AS_ROOT:
+        cases += [("a folder of another user", "n0", lambda: (make_private(dir), os.chown(dir, NOBODY, NOBODY))),
+                  ("a file of another user", "n0/config.xml", lambda: foreign("config.xml", "<VelaFmSnmp/>")),
+                  ("a local configuration", "n0/no-backup/etc/snmp/snmpd.local.conf",
+                   lambda: foreign("no-backup/etc/snmp/snmpd.local.conf", "dlmod evil /tmp/evil.so\n", "no-backup",
+                                   "no-backup/etc", "no-backup/etc/snmp"))]
+    return cases
+
+
+def test_a_folder_that_somebody_prepared_is_refused_and_nothing_in_it_followed(folder, refused):
+    victim = folder / "victim"
+    for what, told, make in prepared_folders(folder, victim):
+        victim.write_text("precious")
+        make()
+        output = refused()
+        assert f"{folder}/{told}: " in output, (what, output)
+        assert victim.read_text() == "precious", what
+        node = TarnNode(folder, plugin=False)
+        node.env["VELA_NODE_DIR"] = str(folder / "n0")
+        result = node.run("snmp", "start")
+        assert result.returncode == 1 and f"{folder}/{told}: " in result.stderr, what
+        shutil.rmtree(folder / "n0")
+
+
+def test_a_folder_that_others_can_replace_is_refused(folder, refused):
+    folder.chmod(0o777)
+    assert f"{folder}: others may write into it" in refused()
+    folder.chmod(0o1777)
+    if AS_ROOT:
+        (folder / "n1").symlink_to(folder / "victim")
+        os.lchown(folder / "n1", NOBODY, NOBODY)
+        assert f"{folder}/n1: belongs to" in refused("n1")
+
+
+def test_a_local_configuration_is_not_read(folder, stopping):
+    node = stopping(TarnNode(folder))
+    node.start()
+    node.tarn("snmp", "stop")
+    # Whoever took the agent over can write its persistent folder, which the next agent reads as root.
+    (node.folder / "persist/snmpd.local.conf").write_text("rwcommunity evil\n")
+    (node.folder / "persist/snmp.conf").write_text("defCommunity evil\n")
+    node.tarn("snmp", "start")
+    result = subprocess.run(["snmpget", "-v2c", "-c", "evil", "-t", "0.5", "-r", "0", f"127.0.0.1:{node.port}",
+                             SYS_CONTACT], env=TOOL_ENVIRONMENT, capture_output=True, text=True, check=False)
+    assert result.returncode == 1 and "Timeout" in result.stderr
+    node.tarn("snmp", "stop")
+    local = node.folder / "no-backup/etc/snmp/snmpd.local.conf"
+    local.write_text("rwcommunity evil\n")
+    result = node.run("snmp", "start")
+    assert result.returncode == 1 and f"{local} is none of the node's files" in result.stderr
+
+
+def test_a_process_that_looks_like_the_agent_is_not_taken_for_it(folder, stopping):
+    node = stopping(TarnNode(folder))
+    node.configure(f"ipAddress=udp:127.0.0.1:{node.port}")
+    pid_file = node.folder / "run/snmpd.pid"
+    options = {"user": NOBODY, "group": NOBODY} if AS_ROOT else {}
+    with subprocess.Popen(["snmpd", "-c", "import time; time.sleep(600)", "-p", str(pid_file)],
+                          executable=sys.executable, cwd="/", **options) as stranger:
+        try:
+            eventually(lambda: str(pid_file) in pathlib.Path(f"/proc/{stranger.pid}/cmdline").read_text())
+            pid_file.write_text(f"{stranger.pid}\n")
+            assert not node.pid()
+            node.tarn("snmp", "start")
+            assert node.pid() not in (None, stranger.pid)
+            node.tarn("snmp", "stop")
+            assert not node.pid() and stranger.poll() is None
+        finally:
+            stranger.kill()
+
+
+# --- Another user of the machine, the agent's own user, and the holder of a community, on a running node
+
+
+def reachable(node, user, group):
+    """The files of a node that a user may read, and its sockets that he may connect to."""
+    script = ("import pathlib, socket, stat, sys\n"
+              "for path in map(pathlib.Path, sys.argv[1:]):\n"
+              "    try:\n"
+              "        if stat.S_ISSOCK(path.stat().st_mode): socket.socket(socket.AF_UNIX).connect(str(path))\n"
+              "        else: path.read_bytes()\n"
+              "        print(path)\n"
+              "    except OSError: pass\n")
+    files = [str(path.relative_to(node.dir)) for path in node.dir.rglob("*") if not path.is_dir()]
+    result = subprocess.run([sys.executable, "-c", script, *files], cwd=node.dir, capture_output=True, text=True,
+                            user=user, group=group, extra_groups=[], check=True)
+    return set(result.stdout.split())
+
+
+def process_user(pid):
+    status = dict(line.split(":\t", 1) for line in open(f"/proc/{pid}/status") if ":\t" in line)
+    return {int(uid) for uid in status["Uid"].split()}, int(status["CapEff"], 16)
+
+
+@needs_root
+def test_the_agent_gives_up_root_and_reaches_its_own_files_only(nodes, receivers):
+    user = pwd.getpwnam("Debian-snmp")
+    node = nodes(target_xml("SnmpTargetV2C", "nms", receivers().port, community="public")).start()
+    fingerprint = subprocess.run([str(node.programs / "tarn"), "tls", "init"], capture_output=True, text=True,
+                                 env=dict(node.environment, VELA_NODE_DIR=str(node.dir)), check=True).stdout.strip()
+    assert len(fingerprint) == 40
+    node.operational()
+    assert process_user(node.snmpd_pid()) == ({user.pw_uid}, 0)
+    agents = reachable(node, user.pw_uid, user.pw_gid)
+    assert {"persist/snmpd.conf", "no-backup/etc/snmp/tls/private/node.key"} <= agents
+    assert all(path.startswith(("persist/", "no-backup/etc/snmp/tls/")) for path in agents), agents
+    assert reachable(node, NOBODY, NOBODY) == set()
+    assert "run/agentx" in reachable(node, 0, 0)
+
+
+def test_a_community_reads_no_processes_or_software_and_sets_nothing_of_the_machine(nodes, receivers):
+    node = nodes(target_xml("SnmpTargetV2C", "nms", receivers().port, community="wrcomm", isMibWritable="true")).start()
+    node.operational()
+    community = {"community": "wrcomm"}
+    for what, root in (("processes", "1.3.6.1.2.1.25.4"), ("their performance", "1.3.6.1.2.1.25.5"),
+                       ("software", "1.3.6.1.2.1.25.6"), ("DISMAN", "1.3.6.1.2.1.88"), ("schedules", "1.3.6.1.2.1.63"),
+                       ("users", "1.3.6.1.6.3.15"), ("access rules", "1.3.6.1.6.3.16"), ("targets", "1.3.6.1.6.3.12")):
+        assert node.walk(root, **community) == [], what
+    for user in (None, node.config_user()):
+        for root in ("1.3.6.1.2.1.25.4", "1.3.6.1.2.1.25.6", "1.3.6.1.2.1.88", "1.3.6.1.4.1.8072.1.3"):
+            assert node.walk(root, user=user, **community) == [], root
+    # As it is already: nobody's interface goes down when this fails.
+    interface, status = node.walk(IF_ADMIN_STATUS, **community)[0]
+    ttl = node.walk(IP_DEFAULT_TTL[:-2], **community)[0][1].split()[-1]
+    for name, value in ((interface, "1" if "1" in status.split()[-1] else "2"), (IP_DEFAULT_TTL, ttl)):
+        refused = node.snmp("snmpset", name, "i", value, check=False, **community)
+        assert refused.returncode == 2 and "noAccess" in refused.stderr, refused.stderr
+    node.snmp("snmpset", SYS_CONTACT, "s", "operator", **community)
+
 
 # --- Holders of a community or a user that may write
 
