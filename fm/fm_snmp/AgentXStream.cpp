@@ -10,6 +10,7 @@
 #include <cstring>
 #include <limits>
 
+#include "AgentXTransport.h"
 #include "LoggingWrapper.h"
 
 namespace VelaFmSnmp {
@@ -108,10 +109,7 @@ bool AgentXStream::hasUnread() const {
 int AgentXStream::receive(unsigned char* buffer, std::size_t size) {
   const std::size_t kept = _incomplete.size();
   std::copy(_incomplete.begin(), _incomplete.end(), buffer);
-  ssize_t received;
-  do {
-    received = ::recv(_socket, buffer + kept, size - kept, 0);
-  } while (received < 0 && errno == EINTR);
+  const ssize_t received = AgentXTransport::receive(_socket, buffer + kept, size - kept);
   if (received <= 0) {
     _socket = -1;
     return static_cast<int>(received);
@@ -180,8 +178,7 @@ bool AgentXStream::sendTooBig(const unsigned char* header) const {
 
 bool AgentXStream::sendAll(const unsigned char* message, std::size_t length) const {
   while (length > 0) {
-    const ssize_t sent = ::send(_socket, message, length, MSG_NOSIGNAL);
-    if (sent < 0 && errno == EINTR) continue;
+    const ssize_t sent = AgentXTransport::send(_socket, message, length);
     if (sent < 0) return false;
     message += sent;
     length -= static_cast<std::size_t>(sent);

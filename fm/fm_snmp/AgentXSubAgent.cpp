@@ -5,7 +5,6 @@
 #include <net-snmp/agent/ds_agent.h>
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +13,7 @@
 #include <iterator>
 #include <string>
 
+#include "AgentXTransport.h"
 #include "LoggingWrapper.h"
 
 // Exported by the agent library, but declared in none of its installed headers.
@@ -31,8 +31,13 @@ namespace {
 
 constexpr const char* ApplicationName = "fm_snmp";
 constexpr long MicrosecondsPerSecond = 1000000;
+constexpr unsigned long long MicrosecondsPerMillisecond = 1000;
 /** Seconds; the library's own default. */
 constexpr int DefaultPingInterval = 15;
+/** Seconds that the master agent shall wait for the sub-agent: one octet of the Open PDU (RFC 2741, 6.2.1). */
+constexpr int MaxOpenTimeout = 255;
+/** A hundred years: more is no different, and less than what the library can reckon with. */
+constexpr long MaxAnswerTimeout = 100L * 365 * 24 * 3600 * MicrosecondsPerSecond;
 /** RFC 2741, 6.1 and 6.2.16. */
 constexpr unsigned char TypeNotify = 12;
 constexpr unsigned char TypePing = 13;
@@ -56,7 +61,7 @@ bool logIsMuted = false;
 
 int onLibraryLog(int, int, void* message, void*) {
   const auto* line = static_cast<const snmp_log_message*>(message);
-  if (!line || !line->msg || logIsMuted) return 0;
+  if (!line || !line->msg || logIsMuted || AgentXTransport::isInterrupted()) return 0;
   std::string text = line->msg;
   text.erase(text.find_last_not_of("\r\n") + 1);
   // The library's numbers of priority are the host's.
@@ -74,28 +79,13 @@ bool isReset(netsnmp_session& session) {
   return ::recv(transport->sock, &octet, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == ECONNRESET;
 }
 
-/** Whether somebody listens at a path. The library loses memory with each attempt that nobody answers. */
-bool isListenedAt(const std::string& path) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
-    VELA_LOG(Vela::LogError, "agentx socket path is too long: %s", path.c_str());
-    return false;
-  }
-  path.copy(address.sun_path, path.size());
-  const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (descriptor < 0) return false;
-  const bool isListening = ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  ::close(descriptor);
-  return isListening;
-}
-
 /**
  * A stream loses nothing, so repeating a request there only multiplies it (a notification too). The time that the
  * repetitions would have taken is waited for the one answer instead.
  */
 void endRepetitions(netsnmp_session& session) {
-  session.timeout *= session.retries + 1;
+  const long attempts = session.retries + 1L;
+  session.timeout = session.timeout > MaxAnswerTimeout / attempts ? MaxAnswerTimeout : session.timeout * attempts;
   session.retries = 0;
 }
 
@@ -157,7 +147,8 @@ void AgentXSubAgent::presetLibrary() {
 bool AgentXSubAgent::attach(const Settings& settings, const std::function<void()>& registerHandlers) {
   close();
   _isMute = false;
-  if (!isListenedAt(settings.socket)) return false;
+  // The library loses memory with each attempt that nobody answers, so it gets a connection that stands.
+  if (!AgentXTransport::connect(settings.socket)) return false;
   _answers.clear();
   _pingInterval = settings.pingInterval > 0 ? settings.pingInterval : DefaultPingInterval;
   if (libraryInitialised) {
@@ -171,6 +162,10 @@ bool AgentXSubAgent::attach(const Settings& settings, const std::function<void()
     if (isAttached() && !watch.isAnswered()) giveUp();
   }
   if (!isAttached()) return false;
+  if (AgentXTransport::isInterrupted()) {
+    close();
+    return false;
+  }
   startPings();
   return true;
 }
@@ -191,14 +186,14 @@ bool AgentXSubAgent::initLibrary(const Settings& settings) {
 }
 
 void AgentXSubAgent::applySettings(const Settings& settings) {
-  netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET, settings.socket.c_str());
+  netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET, AgentXTransport::getAddress());
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);
   // With an interval of its own the library would also open the connection again, behind the adaptor's back and with
   // alarms that never end; the pings are sent from here.
   netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, 0);
   if (settings.timeout > 0) {
     netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_TIMEOUT,
-                       static_cast<int>(settings.timeout * MicrosecondsPerSecond));
+                       static_cast<int>(std::min(settings.timeout, MaxOpenTimeout) * MicrosecondsPerSecond));
     netsnmp_ds_set_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_TIMEOUT, settings.timeout);
   }
   if (settings.retries > 0) {
@@ -266,6 +261,14 @@ void AgentXSubAgent::close() {
   main_session = nullptr;
   snmp_close(session);
 }
+
+unsigned long long AgentXSubAgent::getAnswerTimeout() const {
+  return isAttached() ? static_cast<unsigned long long>(main_session->timeout) / MicrosecondsPerMillisecond : 0;
+}
+
+void AgentXSubAgent::interrupt() { AgentXTransport::interrupt(); }
+
+void AgentXSubAgent::resume() { AgentXTransport::resume(); }
 
 bool AgentXSubAgent::isAttached() const { return main_session != nullptr; }
 

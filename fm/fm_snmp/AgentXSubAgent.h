@@ -67,6 +67,9 @@ class AgentXSubAgent {
    * Waits for a master agent that does not answer, for the time-out times the retries per request.
    */
   virtual bool attach(const Settings& settings, const std::function<void()>& registerHandlers);
+  /** Ends whatever waits for the master agent, and makes attach fail until resume. Any thread. */
+  virtual void interrupt();
+  virtual void resume();
   /** Drops the connection without asking the master agent, which notices by itself. */
   virtual void close();
   /** Closes because the master agent does not answer. */
@@ -93,6 +96,8 @@ class AgentXSubAgent {
   virtual std::vector<Answer> takeAnswers() { return std::exchange(_answers, {}); }
   /** Whether something of the master agent waits to be read. */
   virtual bool hasUnread() const { return isAttached() && _stream.hasUnread(); }
+  /** Milliseconds that the master agent is given for an answer, 0 while there is no connection. */
+  virtual unsigned long long getAnswerTimeout() const;
 
  private:
   static bool initLibrary(const Settings& settings);

@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "LoggingWrapper.h"
+#include "NetSnmpLock.h"
 
 namespace VelaFmSnmp {
 
@@ -51,7 +52,11 @@ void FmStateThread::stopThread() {
   if (_writeFd == -1) return;
   while (write(_writeFd, "x", 1) == -1 && errno == EINTR) {
   }
-  _thread.join();
+  {
+    // The thread may be waiting for it.
+    const NetSnmpUnlock unlock;
+    _thread.join();
+  }
   closePipe();
 }
 

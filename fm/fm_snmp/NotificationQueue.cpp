@@ -204,13 +204,14 @@ void NotificationQueue::judge() {
   const unsigned long long now = SnmpUtil::getNow();
   const unsigned long long waited = now - oldest->sentAt;
   const unsigned long long silent = std::min(waited, now - _lastAnswerAt);
+  const unsigned long long timeout = std::max(acknowledgementTimeout, _subAgent.getAnswerTimeout());
   // What was not read yet is no silence, however long the adaptor was busy.
-  if (waited <= acknowledgementTimeout / 2 || _subAgent.hasUnread()) return;
+  if (waited <= timeout / 2 || _subAgent.hasUnread()) return;
   if (_lastAnswered > oldest->number) {
-    if (waited > acknowledgementTimeout) giveUp(*oldest, "the master agent answers, but not to it");
-  } else if (silent > acknowledgementTimeout / 2 && (_ping.number < oldest->number || _ping.sentAt < _lastAnswerAt)) {
+    if (waited > timeout) giveUp(*oldest, "the master agent answers, but not to it");
+  } else if (silent > timeout / 2 && (_ping.number < oldest->number || _ping.sentAt < _lastAnswerAt)) {
     askForLife(now);
-  } else if (silent > acknowledgementTimeout && now - _ping.sentAt >= acknowledgementTimeout / 2) {
+  } else if (silent > timeout && now - _ping.sentAt >= timeout / 2) {
     VELA_LOG(Vela::LogWarning, "The master agent does not acknowledge notifications (%u on their way)", _pdusOnWay);
     _subAgent.giveUp();
     onConnectionLost();

@@ -30,7 +30,8 @@ class NotificationQueue {
   static constexpr unsigned int window = 32;
   /** Octets that may be on their way; one message may exceed it. */
   static constexpr std::size_t maxOctetsOnWay = 65536;
-  /** Milliseconds until a master agent that does not acknowledge counts as gone. */
+  /** Milliseconds until a master agent that does not acknowledge counts as gone; more when it is given more for every
+      answer. */
   static constexpr unsigned long long acknowledgementTimeout = 10000;
   /** A notification during which the connection ended, with no other on its way, is given up after so many times. */
   static constexpr unsigned int maxFailures = 3;

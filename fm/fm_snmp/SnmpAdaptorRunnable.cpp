@@ -15,6 +15,7 @@
 
 #include "AlarmScalars.h"
 #include "LoggingWrapper.h"
+#include "NetSnmpLock.h"
 #include "SecApi.h"
 #include "SnmpAlarmSnapshot.h"
 #include "SnmpConfigHandler.h"
@@ -118,6 +119,7 @@ void SnmpAdaptorRunnable::prepareForStart(VelaMgmtSpiInterfacePortal_1T* portal)
     if (_inLoop) throw Vela::VelaException("the adaptor thread of the previous run has not ended");
     if (!_configurationHandler) throw Vela::VelaException("there is no component configuration");
     _portal = portal;
+    const NetSnmpLock lock;
     SnmpAlarmSnapshot::getInstance().setDataProvider(&getMoConnector());
     _isSnapshotProvider = true;
     AlarmScalars::getInstance().init(&getMoConnector());
@@ -128,6 +130,7 @@ void SnmpAdaptorRunnable::prepareForStart(VelaMgmtSpiInterfacePortal_1T* portal)
     // A stop that met the end of the previous run left its event behind.
     discardEvents();
     _toolCancellation.reset();
+    _subAgent->resume();
     std::uint64_t wakeUps = 0;
     static_cast<void>(!::read(_wakeFD, &wakeUps, sizeof wakeUps));
     _stopping = false;
@@ -142,6 +145,7 @@ void SnmpAdaptorRunnable::prepareForStart(VelaMgmtSpiInterfacePortal_1T* portal)
 
 void SnmpAdaptorRunnable::run() {
   blockBrokenPipeSignal();
+  const NetSnmpLock lock;
   try {
     _inLoop = true;
     selectLoop(_input.getInputReadFD());
@@ -199,6 +203,7 @@ void SnmpAdaptorRunnable::runPass(int pipeFD, Descriptors& descriptors, unsigned
   if (_stopping) {
     leaveSnapshot();
   } else {
+    const NetSnmpUnlock unlock;
     ready = netsnmp_large_fd_set_select(descriptors.count, &descriptors.set, nullptr, nullptr, &timeout);
     if (ready < 0) {
       VELA_LOG(Vela::LogError, "select() returned an error: %s", std::strerror(errno));
@@ -275,6 +280,7 @@ void SnmpAdaptorRunnable::stop() {
   // Before the event, because the state that it leads to lets tools run again.
   _toolCancellation.cancel();
   replaceEvents(SnmpEventTerminate);
+  _subAgent->interrupt();
   const std::uint64_t wakeUp = 1;
   static_cast<void>(!::write(_wakeFD, &wakeUp, sizeof wakeUp));
 }
@@ -467,7 +473,10 @@ SnmpTarnWrapper& SnmpAdaptorRunnable::getTarnWrapper() {
 }
 
 SnmpMaSession& SnmpAdaptorRunnable::getMaSession() {
-  if (!_session) _session = SnmpMaSession::create();
+  if (!_session) {
+    _session = SnmpMaSession::create();
+    _session->setInterrupt(_wakeFD);
+  }
   return *_session;
 }
 

@@ -58,7 +58,7 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
   bool isRunning() const { return _running; }
   virtual void setRunning(bool running) { _running = running; }
   bool isStopping() const { return _stopping; }
-  /** Asks the adaptor to shut down and ends a tool that it is running; returns at once. */
+  /** Asks the adaptor to shut down and ends what it is waiting for: a tool, or the master agent. Returns at once. */
   void stop();
 
   /** Each posts "the configuration changed". */

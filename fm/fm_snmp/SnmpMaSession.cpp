@@ -12,7 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <mutex>
+#include <utility>
+
+#include "NetSnmpLock.h"
+#include "SnmpExchange.h"
 
 namespace VelaFmSnmp {
 
@@ -26,16 +29,8 @@ const char* const localAddress = "127.0.0.1:0";
 
 using Lock = Poco::ScopedLock<Poco::Mutex>;
 
-/** What the sessions of this process share. The library's lists of users and engines have no lock of their own. */
-struct OpenSessions {
-  std::mutex mutex;
-  int count = 0;
-};
-
-OpenSessions& openSessions() {
-  static OpenSessions sessions;
-  return sessions;
-}
+/** Sessions of this process that are open; guarded by NetSnmpLock. */
+int openSessions = 0;
 
 void wipe(std::string& secret) {
   explicit_bzero(secret.data(), secret.capacity());
@@ -69,7 +64,9 @@ SnmpMaSession::Factory& sessionFactory() {
   return factory;
 }
 
-const netsnmp_session* sessionOf(void* handle) { return handle ? snmp_sess_session(handle) : nullptr; }
+const netsnmp_session* sessionOf(const std::unique_ptr<SnmpExchange>& handle) {
+  return handle ? handle->getSession() : nullptr;
+}
 
 std::string libraryError(netsnmp_session* session, int* libErr, int* sysErr) {
   char* text = nullptr;
@@ -100,21 +97,13 @@ void deriveKey(const oid* authProtocol, std::size_t protocolLength, const std::s
   throw Vela::VelaException("Error generating SNMPv3 Ku from %s pass phrase.", kind);
 }
 
-struct CloseHandle {
-  void operator()(void* handle) const { snmp_sess_close(handle); }
-};
-using SessionHandle = std::unique_ptr<void, CloseHandle>;
-
-/** Exchanges one request and its response. */
-bool isAnswered(void* handle) {
+/** Finds the agent's engine out and exchanges one request. */
+bool isAnswered(SnmpExchange& session) {
   const SnmpOid probedObject(".1.3.6.1.6.3.10.2.1.2.0");  // snmpEngineBoots.0
   SnmpPdu request(SNMP_MSG_GET);
   request.addNullVarbind(probedObject);
-  snmp_pdu* answer = nullptr;
-  const int status = snmp_sess_synch_response(handle, request.release(), &answer);
-  SnmpPdu owner;
-  owner.set(answer);
-  return status == STAT_SUCCESS && answer != nullptr;
+  SnmpPdu response;
+  return session.discoverEngine() && session.perform(request, response) == STAT_SUCCESS && response.get() != nullptr;
 }
 
 [[noreturn]] void throwOpenFailure(const std::string& host, netsnmp_session* session) {
@@ -156,23 +145,23 @@ bool hasOwnKey(const netsnmp_session& opened, const netsnmp_session& wanted) {
 }
 
 /** Counts as an open session when it returns. */
-SessionHandle openHandle(const std::string& host, netsnmp_session& session) {
+std::unique_ptr<SnmpExchange> openHandle(const std::string& host, netsnmp_session& session, int interrupt) {
   const std::string user(session.securityName, session.securityNameLen);
-  OpenSessions& others = openSessions();
-  std::lock_guard<std::mutex> opening(others.mutex);
-  if (others.count == 0) forgetUser(user);
-  SessionHandle handle(snmp_sess_open(&session));
-  // The library finds the engine out at the first request only; without an answer to that the session is worth nothing.
-  if (handle && isAnswered(handle.get())) {
-    netsnmp_session& opened = *snmp_sess_session(handle.get());
+  const NetSnmpLock lock;
+  if (openSessions == 0) forgetUser(user);
+  std::unique_ptr<SnmpExchange> handle;
+  if (void* opened = snmp_sess_open(&session)) handle = std::make_unique<SnmpExchange>(opened, interrupt);
+  // Without an answer the session is worth nothing.
+  if (handle && isAnswered(*handle)) {
+    netsnmp_session& opened = *handle->getSession();
     if (hasOwnKey(opened, session)) {
-      ++others.count;
+      ++openSessions;
       return handle;
     }
     opened.s_snmp_errno = SNMPERR_AUTHENTICATION_FAILURE;
   }
-  if (others.count == 0) forgetUser(user);
-  throwOpenFailure(host, handle ? snmp_sess_session(handle.get()) : &session);
+  if (openSessions == 0) forgetUser(user);
+  throwOpenFailure(host, handle ? handle->getSession() : &session);
 }
 
 /** Whether a failed request tells that the agent and the library no longer agree on the user. */
@@ -215,6 +204,8 @@ std::unique_ptr<SnmpMaSession> SnmpMaSession::create() {
 
 void SnmpMaSession::setFactory(Factory factory) { sessionFactory() = std::move(factory); }
 
+SnmpMaSession::SnmpMaSession() = default;
+
 SnmpMaSession::~SnmpMaSession() {  // NOLINT(bugprone-exception-escape): a mutex that fails is the end anyway
   // A derived transport is gone here already, so this is the plain close.
   SnmpMaSession::close();
@@ -248,6 +239,7 @@ void SnmpMaSession::initSession(const std::string& host, int port, const std::st
   session.contextNameLen = 0;
   session.securityModel = SNMP_SEC_MODEL_USM;
   session.securityLevel = SNMP_SEC_LEVEL_AUTHPRIV;
+  session.flags |= SNMP_FLAGS_DONT_PROBE;
   oid authProtocol[] = {NETSNMP_USMAUTH_BASE_OID, NETSNMP_USMAUTH_HMACMD5};
   oid privProtocol[] = {1, 3, 6, 1, 6, 3, 10, 1, 2, 2};
   session.securityAuthProto = authProtocol;
@@ -259,9 +251,9 @@ void SnmpMaSession::initSession(const std::string& host, int port, const std::st
   deriveKey(authProtocol, OID_LENGTH(authProtocol), privPass, session.securityPrivKey, &session.securityPrivKeyLen,
             "privacy");
 
-  SessionHandle handle = openHandle(host, session);
+  std::unique_ptr<SnmpExchange> handle = openHandle(host, session, _interrupt);
   Lock lock(_mutex);
-  _handle = handle.release();
+  _handle = std::move(handle);
   _remotePort = port;
   _rootAuthPwd = authPass;
   _rootPrivPwd = privPass;
@@ -289,14 +281,12 @@ void SnmpMaSession::close() {
 
 void SnmpMaSession::closeHandle() const {
   if (_handle == nullptr) return;
-  OpenSessions& others = openSessions();
-  std::lock_guard<std::mutex> closing(others.mutex);
-  netsnmp_session& session = *snmp_sess_session(_handle);
+  const NetSnmpLock lock;
+  netsnmp_session& session = *_handle->getSession();
   const std::string user(session.securityName, session.securityNameLen);
   Wiped::wipeKeys(session);
-  snmp_sess_close(_handle);
-  _handle = nullptr;
-  if (--others.count == 0) forgetUser(user);
+  _handle.reset();
+  if (--openSessions == 0) forgetUser(user);
 }
 
 bool SnmpMaSession::isOpen() const {
@@ -343,12 +333,9 @@ std::string SnmpMaSession::securityEngineID() const {
 }
 
 int SnmpMaSession::snmp_synch_response(SnmpPdu& request, SnmpPdu* response) const {
-  snmp_pdu* answer = nullptr;
-  // The library frees the request in every case.
-  const int status = snmp_sess_synch_response(_handle, request.release(), &answer);
-  SnmpPdu owner;
-  owner.set(answer);
-  if (response) response->set(owner.release());
+  SnmpPdu answer;
+  const int status = _handle->perform(request, answer);
+  if (response) response->set(answer.release());
   return status;
 }
 
@@ -358,7 +345,7 @@ std::string SnmpMaSession::snmp_error(int* libErr, int* sysErr) const {
     VELA_LOG(Vela::LogError, "snmp_error called with no session!?");
     return "Session is null";
   }
-  return libraryError(snmp_sess_session(_handle), libErr, sysErr);
+  return libraryError(_handle->getSession(), libErr, sysErr);
 }
 
 bool SnmpMaSession::sendPdu(const std::string& requestName, SnmpPdu& request, SnmpPdu* response) const {

@@ -15,6 +15,8 @@ struct variable_list;
 
 namespace VelaFmSnmp {
 
+class SnmpExchange;
+
 /**
  * One SNMPv3 session (USM, authPriv) to the local master agent. All requests go through sendPdu, one at a time.
  *
@@ -26,7 +28,7 @@ class SnmpMaSession {
  public:
   using Factory = std::function<std::unique_ptr<SnmpMaSession>()>;
 
-  SnmpMaSession() = default;
+  SnmpMaSession();
   virtual ~SnmpMaSession();  // NOLINT(bugprone-exception-escape): as at its definition
   SnmpMaSession(const SnmpMaSession&) = delete;
   SnmpMaSession& operator=(const SnmpMaSession&) = delete;
@@ -35,6 +37,10 @@ class SnmpMaSession {
   static std::unique_ptr<SnmpMaSession> create();
   /** Replaces what create() makes (empty: real sessions again). For tests; not while sessions are made. */
   static void setFactory(Factory factory);
+
+  /** A descriptor that ends all waiting for the agent while it is readable: opening and requests fail then. Before the
+      session is opened; outlives it. */
+  void setInterrupt(int descriptor) { _interrupt = descriptor; }
 
   /**
    * Opens the session and finds out the agent's engine id; blocks for up to 11 times 200 ms.
@@ -99,7 +105,9 @@ class SnmpMaSession {
   void closeHandle() const;
 
   mutable Poco::Mutex _mutex;
-  mutable void* _handle = nullptr; /**< closed by the request that shows that it is worth nothing any more */
+  /** Null while closed. A request that shows that it is worth nothing any more closes it. */
+  mutable std::unique_ptr<SnmpExchange> _handle;
+  int _interrupt = -1;
   int _remotePort = 0;
   std::string _rootAuthPwd;
   std::string _rootPrivPwd;

@@ -6,9 +6,14 @@
 
 #include <VelaException.h>
 
+#include "NetSnmpLock.h"
+
 namespace VelaFmSnmp {
 
-SnmpPdu::SnmpPdu(int command) : _pdu(snmp_pdu_create(command)) {
+SnmpPdu::SnmpPdu(int command) {
+  // The library counts its messages.
+  const NetSnmpLock lock;
+  _pdu = snmp_pdu_create(command);
   if (_pdu == nullptr) throw Vela::VelaException("Failed to create a pdu, out of memory");
 }
 

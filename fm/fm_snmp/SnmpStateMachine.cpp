@@ -539,6 +539,7 @@ StateTransition FmStateIdleEnabled::onUpdate(SnmpAdaptorRunnable& owner) {
 
 void FmStateIdleEnabled::run() {
   const std::unique_ptr<SnmpMaSession> session = SnmpMaSession::create();
+  session->setInterrupt(getReadFD());
   if (!createSession(*session)) return;
   bool hasFailed = false;
   while (!checkIfSocketClosed(_pollInterval)) {

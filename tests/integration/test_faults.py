@@ -15,6 +15,9 @@ from vela import BIN, MIB_ROOT, SNMP, eventually, free_port, target_xml
 
 NMS = f"{SNMP},SnmpTargetV2C=nms"
 END_WITHIN = 20
+# The adaptor waits this long for each answer of the agent; a stop does not.
+PATIENCE = ("<agentxTimeout>3000</agentxTimeout><agentxRetries>9</agentxRetries>"
+            "<agentxPingInterval>1</agentxPingInterval>")
 
 
 def test_an_agent_that_dies_pauses_or_is_restarted_by_others(scenes):
@@ -353,6 +356,13 @@ def with_the_agent_hanging(scene):
     scene.node.raise_alarm("on its way")
 
 
+def in_a_ping(scene):
+    is_operational(scene)
+    scene.settled()
+    stopped = scene.signal_agent(signal.SIGSTOP)
+    eventually(lambda: time.monotonic() - stopped > 3, what="a ping, and a look at the boot count")
+
+
 STOPS = {
     "OneTimeInit": (None, lambda scene: eventually(lambda: scene.programs.calls("spi-revision"), interval=0.002)),
     "OneTimeInit, tool hangs": hangs_in("OneTimeInit", "spi-revision"),
@@ -368,8 +378,10 @@ STOPS = {
     "ConfigureTargets, agent hangs": (None, with_agent_stopped_in("ConfigureTargets")),
     "RetryConfigureTargets, agent hangs": (None, with_agent_stopped_in("RetryConfigureTargets")),
     "PostConfigure": (None, enters("PostConfigure")),
+    "PostConfigure, agent hangs": (None, with_agent_stopped_in("PostConfigure")),
     "IdleEnabled": (None, is_operational),
     "IdleEnabled, agent hangs": (None, with_the_agent_hanging),
+    "IdleEnabled, agent hangs in a ping": (None, in_a_ping),
     "IdleEnabled, storm": (None, in_the_middle_of_a_storm),
     "IdleDisabled": (None, enters("IdleDisabled")),
     "IdleError": (None, enters("IdleError")),
@@ -380,7 +392,9 @@ STOPS = {
 def test_a_stop_in_any_state_ends_the_node_cleanly(scenes, state):
     hanging, wait = STOPS[state]
     broken = target_xml("SnmpTargetV2C", "broken", 162, community="x" * 40) if state.startswith("Retry") else ""
-    scene = scenes(broken, tools=True)
+    scene = scenes(broken, tools=True, settings=PATIENCE)
+    for command, script in (("enabled", ""), ("iptables-list", ""), ("iptables-remove", 'echo "$2" >>"$here/removed"')):
+        scene.programs.replace("dscp-" + command, script)
     if hanging:
         scene.programs.fail(hanging, HANGS)
     if state == "IdleError":
@@ -399,4 +413,7 @@ def test_a_stop_in_any_state_ends_the_node_cleanly(scenes, state):
         scene.node.logged("notifications that were not sent", 1)
     assert scene.node.snmpd_pid() is None
     assert not scene.programs.is_hanging()
+    if "marking" not in state:
+        assert (scene.programs.folder / "removed").read_text().split()[-2:] == ["'^vela-snmp-response'",
+                                                                               "'^vela-snmp-alarm'"]
     assert not scene.agentx_socket.exists() and not (scene.node.dir / "run/node.sock").exists()

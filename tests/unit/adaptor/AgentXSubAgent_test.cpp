@@ -12,7 +12,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
@@ -23,6 +25,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <net-snmp/agent/ds_agent.h>
 
 #include "AlarmScalars.h"
 #include "NotificationQueue.h"
@@ -178,13 +182,14 @@ TEST_F(AgentXSubAgentTest, ClosingTowardsAStoppedMasterAgentDoesNotWait) {
 /** A master agent that answers so many requests of a connection and then no more. */
 class HangingMaster {
  public:
-  HangingMaster(const std::string& path, int answers) : _fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  HangingMaster(const std::string& path, int answersPerConnection)
+      : answers(answersPerConnection), _fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     bind(_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     listen(_fd, 5);
-    _thread = std::thread([this, answers] { serve(answers); });
+    _thread = std::thread([this] { serve(); });
   }
   ~HangingMaster() {
     shutdown(_fd, SHUT_RDWR);
@@ -194,16 +199,19 @@ class HangingMaster {
   HangingMaster(const HangingMaster&) = delete;
   HangingMaster& operator=(const HangingMaster&) = delete;
 
+  std::atomic<int> answers;    /**< so many requests of a connection are answered */
+  std::atomic<int> ignored{0}; /**< requests that were not answered */
+
  private:
-  void serve(int answers) const {
+  void serve() {
     for (int connection; (connection = accept(_fd, nullptr, nullptr)) >= 0; close(connection)) {
-      for (int left = answers; answer(connection, left > 0); --left) {
+      for (int given = 0; answer(connection, given < answers); ++given) {
       }
     }
   }
 
   /** RFC 2741, 6.1 and 6.2.16: the header of the request comes back as a response's, without an error. */
-  static bool answer(int connection, bool isWanted) {
+  bool answer(int connection, bool isWanted) {
     unsigned char header[20];
     if (recv(connection, header, sizeof header, MSG_WAITALL) != sizeof header) return false;
     const bool isNetworkOrder = (header[2] & 0x10) != 0;
@@ -211,7 +219,10 @@ class HangingMaster {
     std::memcpy(&length, header + 16, sizeof length);
     std::vector<unsigned char> payload(isNetworkOrder ? ntohl(length) : length);
     if (!payload.empty()) recv(connection, payload.data(), payload.size(), MSG_WAITALL);
-    if (!isWanted) return true;
+    if (!isWanted) {
+      ++ignored;
+      return true;
+    }
     constexpr unsigned char ResponseType = 18;
     const unsigned char noError[8] = {};
     header[1] = ResponseType;
@@ -236,6 +247,51 @@ TEST_F(AgentXSubAgentTest, AMasterAgentThatHangsWhileTheMibIsRegisteredIsGivenUp
         << "as long as one answer is waited for, not one per region";
     EXPECT_FALSE(subAgent.isAttached());
     EXPECT_TRUE(subAgent.takeMute());
+    std::filesystem::remove(settings.socket);
+  }
+}
+
+TEST_F(AgentXSubAgentTest, AnInterruptEndsEveryWaitHoweverLongItIsConfigured) {
+  settings = {settings.socket, 1, INT_MAX, INT_MAX};
+  for (const int answers : {0, 1, 3, 1000}) {
+    const bool isForAPing = answers == 1000;
+    HangingMaster hanging(settings.socket, answers);
+    std::thread stopping([&] {
+      EXPECT_TRUE(StateTest::eventually([&] { return hanging.ignored > 0; }));
+      subAgent.interrupt();
+    });
+    EXPECT_EQ(subAgent.attach(settings, handlers), isForAPing) << answers;
+    hanging.answers = 0;
+    EXPECT_TRUE(spin([&] { return !subAgent.isAttached(); })) << answers;
+    stopping.join();
+    EXPECT_FALSE(subAgent.attach(settings, handlers)) << "until it is allowed again";
+    subAgent.resume();
+    std::filesystem::remove(settings.socket);
+  }
+}
+
+TEST_F(AgentXSubAgentTest, TheLibraryIsGivenTheSettings) {
+  const auto number = [](int store, int which) { return netsnmp_ds_get_int(store, which); };
+  constexpr unsigned long long Seconds = 1000;
+  const struct {
+    int timeout, retries;
+    int openTimeout; /**< seconds, which the master agent is told */
+    unsigned long long answerTimeout;
+  } cases[] = {{4, 2, 4, 12 * Seconds},
+               {3000, 9, 255, 30000 * Seconds},
+               {INT_MAX, INT_MAX, 255, 100ULL * 365 * 24 * 3600 * Seconds}};
+  for (const auto& item : cases) {
+    const HangingMaster master(settings.socket, 1000);
+    settings.timeout = item.timeout;
+    settings.retries = item.retries;
+    ASSERT_TRUE(subAgent.attach(settings, handlers));
+    EXPECT_EQ(subAgent.getAnswerTimeout(), item.answerTimeout);
+    EXPECT_EQ(number(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_TIMEOUT), item.openTimeout * 1000000);
+    EXPECT_EQ(number(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_TIMEOUT), item.timeout);
+    EXPECT_EQ(number(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_RETRIES), item.retries);
+    EXPECT_EQ(number(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_RETRIES), item.retries);
+    subAgent.close();
+    EXPECT_EQ(subAgent.getAnswerTimeout(), 0U);
     std::filesystem::remove(settings.socket);
   }
 }

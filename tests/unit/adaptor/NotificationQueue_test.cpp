@@ -209,6 +209,14 @@ TEST_F(NotificationQueueTest, AMasterAgentThatDoesNotAnswerAPingEitherCountsAsGo
   acknowledgeAll();
   wait(10 * Timeout);
   EXPECT_TRUE(subAgent.isConnected) << "nothing is waited for";
+
+  subAgent.answerTimeout = 3 * Timeout;
+  add(3, 3);
+  queue.pump();
+  wait(3 * Timeout);
+  EXPECT_TRUE(subAgent.isConnected) << "a master agent that is given more time has it here, too";
+  wait(500);
+  EXPECT_FALSE(subAgent.isConnected);
 }
 
 TEST_F(NotificationQueueTest, ABusyAdaptorAndAClockSetForwardJudgeNobody) {

@@ -349,9 +349,11 @@ TEST_F(RunnableTest, AStopEndsTheThreadAtOnceAndAnotherRunFollows) {
     startThread();
     ASSERT_TRUE(eventually([&] { return states.updates > updates; }));
     EXPECT_TRUE(adaptor->isRunning());
+    EXPECT_FALSE(adaptor->subAgent->isInterrupted);
     EXPECT_THROW(adaptor->prepareForStart(nullptr), Vela::VelaException) << "the thread still runs";
     stopThread();
     EXPECT_FALSE(adaptor->isRunning());
+    EXPECT_TRUE(adaptor->subAgent->isInterrupted);
     EXPECT_EQ(states.entries, entries + 1) << "it begins in the first state";
     EXPECT_FALSE(SnmpAlarmSnapshot::getInstance().syncWithSource()) << "there is no provider any more";
     adaptor->stop();  // too late for this run, and without a meaning for the next

@@ -28,6 +28,8 @@ class SubAgentStandIn : public VelaFmSnmp::AgentXSubAgent {
     if (isConnected) ++closes;
     isConnected = false;
   }
+  void interrupt() override { isInterrupted = true; }
+  void resume() override { isInterrupted = false; }
   bool isAttached() const override { return isConnected; }
   void addDescriptors(int& count, netsnmp_large_fd_set& descriptors, timeval&) override {
     if (descriptor >= 0) {
@@ -56,6 +58,7 @@ class SubAgentStandIn : public VelaFmSnmp::AgentXSubAgent {
   }
   std::vector<Answer> takeAnswers() override { return std::exchange(answers, {}); }
   bool hasUnread() const override { return isUnread; }
+  unsigned long long getAnswerTimeout() const override { return answerTimeout; }
 
   /** Answers one of the requests that are not answered yet, the oldest first. */
   void answer(int error = 0, std::size_t place = 0) {
@@ -64,6 +67,8 @@ class SubAgentStandIn : public VelaFmSnmp::AgentXSubAgent {
   }
 
   bool isConnected = true;
+  bool isInterrupted = false;
+  unsigned long long answerTimeout = 6000;
   bool canAttach = true;
   std::vector<int> sent;    /**< the notifications' numbers */
   std::vector<int> indexes; /**< the alarms' indexes in them */

@@ -3,11 +3,14 @@
 #include <net-snmp/net-snmp-includes.h>
 
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <functional>
@@ -16,6 +19,7 @@
 #include <thread>
 
 #include "MasterAgentFixture.h"
+#include "NetSnmpLock.h"
 #include "adaptor/StateTestSupport.h"
 
 using namespace VelaFmSnmp;
@@ -132,6 +136,9 @@ usmUser* findConfigUser() {
   return user;
 }
 
+std::atomic<int> requestsSent = 0;
+std::atomic<int> callsWithoutLock = 0;
+
 bool sendSet(const SnmpMaSession& session) {
   SnmpPdu request(SNMP_MSG_SET);
   request.addVarbind(sysDescr, "text");
@@ -140,6 +147,14 @@ bool sendSet(const SnmpMaSession& session) {
 }
 
 }  // namespace
+
+/** What the library calls for every message; it counts in the process. */
+extern "C" __attribute__((visibility("default"))) long snmp_get_next_msgid(void) {
+  static const auto next = reinterpret_cast<long (*)()>(dlsym(RTLD_NEXT, "snmp_get_next_msgid"));
+  ++requestsSent;
+  if (!NetSnmpLock::isHeld()) ++callsWithoutLock;
+  return next();
+}
 
 TEST(SnmpMaSession, judgesAnswersByTheirStatus) {
   AnsweringSession session;
@@ -343,6 +358,35 @@ TEST(SnmpMaSession, closesWhenItsUserIsUnknown) {
   EXPECT_FALSE(session.isOpen());
   agent.open(session);
   EXPECT_TRUE(session.getInt(engineBoots, &boots, "boots"));
+}
+
+TEST(SnmpMaSession, aRequestThatWaitsLeavesTheLibraryToOthersAndCanBeInterrupted) {
+  const MasterAgent agent;
+  const int interrupt = eventfd(0, EFD_CLOEXEC);
+  SnmpMaSession session;
+  session.setInterrupt(interrupt);
+  agent.open(session);
+  agent.setStopped(true);
+  const int sentBefore = requestsSent;
+  std::string failure;
+  std::thread asking([&] {
+    long long number = 0;
+    failure = failureOf([&] { session.getInt(engineBoots, &number, "boots"); });
+  });
+  while (requestsSent == sentBefore) std::this_thread::yield();
+  const auto begin = std::chrono::steady_clock::now();
+  { const NetSnmpLock lock; }
+  eventfd_write(interrupt, 1);
+  asking.join();
+  EXPECT_THAT(failure, StartsWith("Failed to send boots"));
+  const auto open = [&] {
+    session.initSession("127.0.0.1", agent.getPort(), MasterAgent::user, "password", "password");
+  };
+  EXPECT_THAT(failureOf(open), StartsWith("Failed to open snmp session")) << "opening waits as little";
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+  EXPECT_EQ(callsWithoutLock, 0);
+  agent.setStopped(false);
+  close(interrupt);
 }
 
 TEST(SnmpMaSession, meetsAnAgentThatHasAnotherPassPhraseAndLostItsBootCount) {
