@@ -432,4 +432,28 @@ void MoConnector::setTargetOperationalState(const char* dn, bool enabled) const 
   writeAttribute(dn, OperationalState, Vela::MoEnum{enabled ? Enabled : Disabled});
 }
 
+std::vector<std::string> MoConnector::setOperationalStates(const std::map<std::string, bool>& targets,
+                                                           bool service) const {
+  Vela::MoAccessor accessor(LockPolicy, LockTimeoutSeconds);
+  std::vector<std::string> failures;
+  bool isChanged = false;
+  const auto write = [&](const std::string& dn, bool enabled) {
+    const Vela::MoEnum value{enabled ? Enabled : Disabled};
+    try {
+      if (hasValue(accessor, dn, OperationalState, value)) return;
+      accessor.setAttr(dn, OperationalState, value);
+      isChanged = true;
+    } catch (const Vela::VelaException& ex) {
+      VELA_LOG(Vela::LogError, "Failed to set attribute :'%s' in MO :%s, reason (%d )!", OperationalState, dn.c_str(),
+               ex.getCode());
+      if (ex.getCode() == VELA_TIMEOUT) throw;  // of the lock, which is waited for once
+      failures.emplace_back(ex.what());
+    }
+  };
+  for (const auto& [dn, enabled] : targets) write(dn, enabled);
+  write(findBase(accessor, _snmpBaseDn, SnmpPath), service);
+  if (isChanged) accessor.commit();
+  return failures;
+}
+
 }  // namespace VelaFmSnmp

@@ -3,7 +3,9 @@
 
 #include <cstdint>
 #include <list>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "MoAccessor.h"
 #include "SnmpTypes.h"
@@ -111,6 +113,13 @@ class MoConnector {
   /** These two write ENABLED (true) or DISABLED where the model has another value. Throw Vela::VelaException. */
   virtual void setSnmpOperationalState(bool enabled) const;
   virtual void setTargetOperationalState(const char* dn, bool enabled) const;
+  /**
+   * Writes the states of targets, by distinguished name, and of the service in one transaction, where the model has
+   * another value. What cannot be written by itself is logged and left out.
+   * @return what failed, one text each; empty: the model has all states
+   * @throws Vela::VelaException when nothing was written
+   */
+  virtual std::vector<std::string> setOperationalStates(const std::map<std::string, bool>& targets, bool service) const;
 
   /** The component's subscriptions on address objects (null: none); not owned. */
   void setSubscriptions(OamAccessPointHandler::Subscriptions* subscriptions);

@@ -240,6 +240,7 @@ void SnmpAdaptorRunnable::handleSelectTimeout(unsigned long long& lastUpdate, in
   if (!isStepDue(lastUpdate, stepTimeout)) return;
   lastUpdate = now;
   stepTimeout = updateStateMachine();
+  if (!_stopping && _configurator.areStatesOverdue()) _configurator.updateAllOperationalStates(getMoConnector());
 }
 
 void SnmpAdaptorRunnable::noticeStateChange() {

@@ -6,13 +6,14 @@
 
 #include <LoggingWrapper.h>
 
+#include <set>
+#include <utility>
+
+#include "AddressResolver.h"
 #include "ConfigurationFault.h"
 #include "HexMask.h"
-#include "MoConnector.h"
-#include "SnmpConfigHandler.h"
+#include "MasterAgentTables.h"
 #include "SnmpMaSession.h"
-#include "SnmpPdu.h"
-#include "SnmpTarnWrapper.h"
 #include "SnmpUtil.h"
 #include "TargetDiff.h"
 
@@ -20,16 +21,16 @@ namespace VelaFmSnmp {
 
 namespace {
 
-/** Prefix of the names of notify, address and parameter rows. */
-const char* const notificationPrefix = "ntf";
-/** Milliseconds at least between two starts of the agent for the sake of receivers that were found late. */
-constexpr unsigned long long sessionRestartInterval = 10ULL * 60 * 1000;
-
-const char* stateName(bool isEnabled) { return isEnabled ? "ENABLED" : "DISABLED"; }
+/** A configuration whose targets no other one shares. */
+SnmpConfig copyOf(const SnmpConfig& config) {
+  SnmpConfig copy = config;
+  for (auto& [name, target] : copy.targets) target = target->clone();
+  return copy;
+}
 
 }  // namespace
 
-void SnmpMaConfigurator::setCurrentConfig(const SnmpConfig& config) { _current = config; }
+void SnmpMaConfigurator::setCurrentConfig(const SnmpConfig& config) { _current = copyOf(config); }
 
 void SnmpMaConfigurator::clear() {
   _current = SnmpConfig();
@@ -38,65 +39,66 @@ void SnmpMaConfigurator::clear() {
   _access.clear();
   _users.clear();
   _tls.clear();
-  _names.clear();
-  _writtenTargets.clear();
   _rows.clear();
-  _operational.clear();
+  _states.clear();
+  _writtenTargets.clear();
 }
 
 void SnmpMaConfigurator::reconfigure(SnmpMaSession& session, const SnmpConfig& config) {
-  const SnmpConfig next = config;  // which may be the current one
-  _isReversedPort.reset();
-  _resolver.forget();
+  SnmpConfig next = copyOf(config);
   try {
-    VELA_TRACE("securityEngineID: 0x%s", SnmpUtil::toHex(session.securityEngineID()).c_str());
-    VELA_TRACE("contextEngineID: 0x%s", SnmpUtil::toHex(session.contextEngineID()).c_str());
-    const int boots = getEngineBoots(session);
-    const bool isRestarted = boots != _engineBoots;
-    if (isRestarted) _unresolvedSessions.clear();
-    _knowsRows = _configured || isRestarted;
-    const ConfigurationPass pass{session, !_configured || isRestarted, _knowsRows};
-    _engineBoots = boots;
+    const ConfigurationPass pass = beginPass(session);
     _tls.setOptions(next.tlsOptions);
     _views.reconfigureViews(pass, next.getViews());
-    _tls.reconfigureTrustCategory(session, pass.writesAnew);
+    _tls.reconfigureTrustCategory(pass);
     reconfigureTargets(pass, next);
   } catch (...) {
-    finish(next, false);
+    finish(std::move(next), false);
     throw;
   }
-  finish(next, true);
+  finish(std::move(next), true);
 }
 
-void SnmpMaConfigurator::finish(const SnmpConfig& config, bool isConfigured) {
+ConfigurationPass SnmpMaConfigurator::beginPass(SnmpMaSession& session) {
+  VELA_TRACE("securityEngineID: 0x%s", SnmpUtil::toHex(session.securityEngineID()).c_str());
+  VELA_TRACE("contextEngineID: 0x%s", SnmpUtil::toHex(session.contextEngineID()).c_str());
+  const int boots = getEngineBoots(session);
+  const bool isRestarted = boots != _engineBoots;
+  _engineBoots = boots;
+  _knowsRows = _configured || isRestarted;
+  if (isRestarted) _rows.getLateReceivers().onAgentStarted();
+  _rows.beginPass();
+  return {session, !_configured || isRestarted, _knowsRows};
+}
+
+void SnmpMaConfigurator::finish(SnmpConfig&& config, bool isConfigured) {
   _configured = isConfigured;
-  _users.forgetKeys();
-  _current = config;
+  _users.endPass();
+  _current = std::move(config);
   setOperationalStates();
 }
 
 void SnmpMaConfigurator::reconfigureTargets(const ConfigurationPass& pass, const SnmpConfig& config) {
   static const SnmpConfig::TargetMap none;
-  SnmpMaSession& session = pass.session;
   const SnmpConfig::TargetMap& targets = config.isEnabled() ? config.getTargets() : none;
-  if (_handler) _resolver.setIpVersion(_handler->getIpVersion());
-  const ConfigurationDiff diff = calcDiffTargets(_writtenTargets, targets, pass.writesAnew);
+  const ConfigurationDiff diff = calcDiffTargets(_writtenTargets, targets, _states.getOperational(), pass.writesAnew);
+  std::vector<Poco::AutoPtr<SnmpBaseTarget>> toWrite;
   for (const std::vector<std::string>* names : {&diff.added, &diff.changed}) {
-    for (const std::string& name : *names) _resolver.prepare(targets.at(name)->address);
+    for (const std::string& name : *names) toWrite.push_back(targets.at(name));
   }
-  Faults faults = findFaults(targets);
-  const std::map<std::string, UsmUser> users = planUsers(targets, faults);
-  createUsers(session, users, pass.writesAnew, targets, faults);
-  const std::set<std::string> withoutAccess = configureEffectiveAccess(pass, targets, faults);
+  for (const auto& target : toWrite) _rows.prepare(*target);
+  TargetFaults faults = findFaults(targets);
+  _users.planUsers(findAdmitted(targets, faults), faults);
+  _users.createUsers(pass, findAdmitted(targets, faults), faults);
+  const std::set<std::string> withoutAccess =
+      _access.configureEffectiveAccess(pass, findAdmitted(targets, faults), _views);
 
-  for (const std::string& name : diff.removed) removeTarget(session, name);
-  for (const std::vector<std::string>* names : {&diff.added, &diff.changed}) {
-    for (const std::string& name : *names) applyTarget(pass, targets.at(name), faults);
-  }
+  for (const std::string& name : diff.removed) removeTarget(pass, name);
+  for (const auto& target : toWrite) applyTarget(pass, target, faults);
   // What did not change may have got into conflict with what did.
-  for (const auto& fault : faults) updateTargetOperationalState(fault.first, false);
-  for (const std::string& name : withoutAccess) updateTargetOperationalState(name, false);
-  deleteUnusedUsers(session, users);
+  for (const auto& fault : faults) _states.set(fault.first, false);
+  for (const std::string& name : withoutAccess) _states.set(name, false);
+  _users.deleteUnusedUsers(pass);
   _writtenTargets = targets;
 }
 
@@ -105,8 +107,8 @@ bool SnmpMaConfigurator::isConfigurable(const SnmpBaseTarget& target) const {
          (target.getSecurityModel() != SecurityModelTls || _tls.isEnabled());
 }
 
-SnmpMaConfigurator::Faults SnmpMaConfigurator::findFaults(const SnmpConfig::TargetMap& targets) const {
-  Faults faults;
+TargetFaults SnmpMaConfigurator::findFaults(const SnmpConfig::TargetMap& targets) const {
+  TargetFaults faults;
   for (const auto& [name, target] : targets) {
     if (!target->administrativeState) continue;
     if (!target->isComplete) {
@@ -123,182 +125,51 @@ SnmpMaConfigurator::Faults SnmpMaConfigurator::findFaults(const SnmpConfig::Targ
   return faults;
 }
 
-std::map<std::string, UsmUser> SnmpMaConfigurator::planUsers(const SnmpConfig::TargetMap& targets,
-                                                             Faults& faults) const {
-  std::map<std::string, UsmUser> users;
-  for (const auto& [name, target] : targets) {
-    if (!isConfigurable(*target) || faults.count(name) != 0) continue;
-    std::optional<UsmUser> user = target->usmUser();
-    if (!user) continue;
-    const auto [planned, isNew] = users.emplace(user->name, *user);
-    if (isNew || planned->second.covers(*user)) continue;
-    // The agent knows a user once, so targets that share one must agree on it.
-    if (user->covers(planned->second))
-      planned->second = std::move(*user);
-    else
-      faults.emplace(name, "another target has user " + user->name + " with other protocols or pass phrases");
-  }
-  return users;
-}
-
-void SnmpMaConfigurator::createUsers(SnmpMaSession& session, const std::map<std::string, UsmUser>& users, bool force,
-                                     const SnmpConfig::TargetMap& targets, Faults& faults) {
-  std::map<std::string, std::string> failed;
-  for (const auto& [userName, user] : users) {
-    if (!force && _users.isWritten(user)) continue;
-    try {
-      _users.usmCreateUser(session, user);
-    } catch (const ConfigurationFault& fault) {
-      failed.emplace(userName, fault.what());
-    }
-  }
-  if (failed.empty()) return;
-  for (const auto& [name, target] : targets) {
-    const auto fault = failed.find(target->getSecurityName());
-    if (fault != failed.end() && target->getSecurityModel() == SecurityModelUsm) faults.emplace(name, fault->second);
-  }
-}
-
-void SnmpMaConfigurator::deleteUnusedUsers(SnmpMaSession& session, const std::map<std::string, UsmUser>& users) {
-  for (const std::string& name : _users.getWrittenNames()) {
-    if (users.count(name) != 0) continue;
-    try {
-      _users.usmDeleteUser(session, name);
-    } catch (const ConfigurationFault& fault) {
-      VELA_LOG(Vela::LogError, "Failed to delete USM user %s: %s", name.c_str(), fault.what());
-    }
-  }
-}
-
-std::set<std::string> SnmpMaConfigurator::configureEffectiveAccess(const ConfigurationPass& pass,
-                                                                   const SnmpConfig::TargetMap& targets,
-                                                                   const Faults& faults) {
+std::vector<const SnmpBaseTarget*> SnmpMaConfigurator::findAdmitted(const SnmpConfig::TargetMap& targets,
+                                                                    const TargetFaults& faults) const {
   std::vector<const SnmpBaseTarget*> admitted;
   for (const auto& [name, target] : targets) {
     if (isConfigurable(*target) && faults.count(name) == 0) admitted.push_back(target.get());
   }
-  return _access.configureEffectiveAccess(pass, admitted, _views);
+  return admitted;
 }
 
-void SnmpMaConfigurator::removeTarget(SnmpMaSession& session, const std::string& name) {
+void SnmpMaConfigurator::removeTarget(const ConfigurationPass& pass, const std::string& name) {
   const Poco::AutoPtr<SnmpBaseTarget> target = _writtenTargets.at(name);
-  updateTargetOperationalState(name, false);
+  _states.set(name, false);
   try {
-    configureTrapTarget(session, *target, false);
+    _rows.configureTrapTarget(pass, *target, false);
   } catch (const ConfigurationFault& fault) {
     VELA_LOG(Vela::LogError, "Failed to configure snmp target %s: %s", name.c_str(), fault.what());
   }
-  _names.eraseNotificationNames(*target);
+  _rows.eraseNotificationNames(*target);
   _writtenTargets.erase(name);
 }
 
 void SnmpMaConfigurator::applyTarget(const ConfigurationPass& pass, const Poco::AutoPtr<SnmpBaseTarget>& target,
-                                     const Faults& faults) {
+                                     const TargetFaults& faults) {
   const std::string& name = target->name;
-  updateTargetOperationalState(name, false);
+  _states.set(name, false);
   _writtenTargets[name] = target;
   try {
     const auto fault = faults.find(name);
     const bool add = isConfigurable(*target) && fault == faults.end();
-    if (pass.writesAnew || !add || !hasRows(*target)) configureTrapTarget(pass.session, *target, add);
+    if (pass.writesAnew || !add || !_rows.isWritten(*target)) _rows.configureTrapTarget(pass, *target, add);
     if (fault != faults.end()) throw ConfigurationFault("%s", fault->second.c_str());
-    updateTargetOperationalState(name, add);
+    _states.set(name, add);
   } catch (const ConfigurationFault& fault) {
     VELA_LOG(Vela::LogError, "Failed to configure snmp target %s: %s", name.c_str(), fault.what());
   }
 }
 
 void SnmpMaConfigurator::configureTrapTarget(SnmpMaSession& session, const SnmpBaseTarget& target, bool add) {
-  const std::string rowName = _names.getUniqueName(notificationPrefix, target);
-  const auto present = _rows.find(rowName);
-  if (present != _rows.end() || !_knowsRows) {
-    const bool isTls = target.getSecurityModel() == SecurityModelTls && _tls.isEnabled();
-    deleteRows(session, rowName, isTls || (present != _rows.end() && present->second.isTls));
-  }
-  if (!add) return;
-  const bool isTls = target.getSecurityModel() == SecurityModelTls;
-  createRows(session, target, target.trapRows(isTls ? _tls.getLocalFingerPrint() : std::string()));
+  _rows.configureTrapTarget({session, false, _knowsRows}, target, add);
 }
 
-bool SnmpMaConfigurator::hasRows(const SnmpBaseTarget& target) {
-  const auto rows = _rows.find(_names.getUniqueName(notificationPrefix, target));
-  return rows != _rows.end() && rows->second.holder && equalTarget(*rows->second.holder, target);
-}
+void SnmpMaConfigurator::setOperationalStates() { _states.setOperationalStates(_current); }
 
-void SnmpMaConfigurator::createRows(SnmpMaSession& session, const SnmpBaseTarget& target, const TrapRows& rows) {
-  const std::string name = _names.getUniqueName(notificationPrefix, target);
-  const bool isTls = !rows.tlsFingerprint.empty();
-  TargetTransport transport{resolve(target, !rows.notifyType), target.port, isTls, false};
-  if (transport.address.family() == Poco::Net::IPAddress::IPv6) transport.isReversedPort = isReversedIpv6Port();
-
-  SnmpPdu pdu(SNMP_MSG_SET);
-  MasterAgentTables::addSpinLock(session, pdu, MasterAgentTables::snmpTargetSpinLock);
-  if (rows.notifyType) MasterAgentTables::createNotify(pdu, name, name, *rows.notifyType);
-  MasterAgentTables::createTargetAddr(pdu, name, transport, name, name, target.getInformTimeout(),
-                                      target.getInformRetryCount());
-  MasterAgentTables::createTargetParams(pdu, name, rows.mpModel, static_cast<unsigned>(target.getSecurityModel()),
-                                        target.getSecurityName(), static_cast<unsigned>(rows.securityLevel));
-  if (isTls) {
-    TlsConfigurator::tlsCreateParamsEntry(pdu, name, rows.tlsFingerprint);
-    TlsConfigurator::tlsCreateAddrEntry(pdu, name);
-  }
-  Rows& written = _rows[name];
-  written.isTls = isTls;
-  MasterAgentTables::send(session, "configureTrapTarget(" + target.name + ")", pdu);
-  const auto holder = _writtenTargets.find(target.name);
-  if (holder != _writtenTargets.end() && holder->second.get() == &target) written.holder = holder->second;
-}
-
-Poco::Net::IPAddress SnmpMaConfigurator::resolve(const SnmpBaseTarget& target, bool isSentByAgent) {
-  Poco::Net::IPAddress address;
-  try {
-    address = _resolver.resolve(target.address);
-  } catch (const ConfigurationFault&) {
-    if (isSentByAgent) _unresolvedSessions.insert(target.name);
-    throw;
-  }
-  if (isSentByAgent && _handler && _handler->getTarnWrapper().isReceiverLeftOut(target.address))
-    _unresolvedSessions.insert(target.name);
-  if (_unresolvedSessions.count(target.name) == 0) return address;
-  // The names of the agent's own sessions are looked up when it starts, and only then.
-  const unsigned long long now = SnmpUtil::getNow();
-  if (!_isRestartWanted && _lastSessionRestart != 0 && now - _lastSessionRestart < sessionRestartInterval)
-    throw ConfigurationFault("The master agent was started when %s had no address", target.address.c_str());
-  _unresolvedSessions.erase(target.name);
-  _isRestartWanted = true;
-  _lastSessionRestart = now;
-  return address;
-}
-
-void SnmpMaConfigurator::deleteRows(SnmpMaSession& session, const std::string& rowName, bool hasTlsRows) {
-  SnmpPdu pdu(SNMP_MSG_SET);
-  MasterAgentTables::addSpinLock(session, pdu, MasterAgentTables::snmpTargetSpinLock);
-  MasterAgentTables::deleteNotify(pdu, rowName);
-  MasterAgentTables::deleteTargetAddr(pdu, rowName);
-  MasterAgentTables::deleteTargetParams(pdu, rowName);
-  if (hasTlsRows) {
-    TlsConfigurator::tlsDeleteParamsEntry(pdu, rowName);
-    TlsConfigurator::tlsDeleteAddrEntry(pdu, rowName);
-  }
-  const auto written = _rows.find(rowName);
-  if (written != _rows.end()) written->second.holder.reset();
-  MasterAgentTables::send(session, "deleteTrapTarget(" + rowName + ")", pdu);
-  _rows.erase(rowName);
-}
-
-bool SnmpMaConfigurator::isReversedIpv6Port() {
-  if (_handler == nullptr || !_handler->isIpv6PortWorkaroudEnabled()) return false;
-  if (!_isReversedPort) {
-    try {
-      bool isReversed = false;
-      const bool isAnswered = _handler->getTarnWrapper().isIpv6PortReverseByteOrder(isReversed);
-      _isReversedPort = !isAnswered || isReversed;
-    } catch (const Vela::VelaException& ex) {
-      VELA_LOG(Vela::LogError, "exception while checking ipv6PortReverseByteOrder support: %s", ex.what());
-      _isReversedPort = true;
-    }
-  }
-  return *_isReversedPort;
+void SnmpMaConfigurator::updateAllOperationalStates(const MoConnector& connector) {
+  _states.updateAllOperationalStates(connector, _current, _configured && _current.isEnabled());
 }
 
 bool SnmpMaConfigurator::checkEngineBootCount(SnmpMaSession& session) const {
@@ -320,49 +191,6 @@ std::string SnmpMaConfigurator::getEngineId(SnmpMaSession& session) {
   std::string engineId;
   session.getString(MasterAgentTables::snmpEngineId, engineId);
   return engineId;
-}
-
-void SnmpMaConfigurator::updateTargetOperationalState(const std::string& name, bool isOperational) {
-  if (isOperational)
-    _operational.insert(name);
-  else
-    _operational.erase(name);
-}
-
-void SnmpMaConfigurator::setOperationalStates() {
-  int enabled = 0;
-  int operational = 0;
-  for (auto& [name, target] : _current.targets) {
-    target->operational = _operational.count(name) != 0;
-    // A DTLS target cannot be operational without DTLS, which is not held against the service.
-    if (!target->administrativeState || (target->getSecurityModel() == SecurityModelTls && !_tls.isEnabled())) continue;
-    ++enabled;
-    if (target->operational) ++operational;
-  }
-  VELA_LOG(Vela::LogInfo, "Number of operational targets %d of %d enabled", operational, enabled);
-  _isServiceOperational = enabled == 0 || operational > 0;
-}
-
-void SnmpMaConfigurator::updateAllOperationalStates(const MoConnector& connector) const {
-  const bool isActive = _configured && _current.isEnabled();
-  const auto write = [](const auto& request) {
-    try {
-      request();
-    } catch (const Vela::VelaException& ex) {
-      VELA_LOG(Vela::LogError, "Failed to set operationalState! (%s)", ex.what());
-    }
-  };
-  for (const auto& [name, target] : _current.getTargets()) {
-    const bool isOperational = isActive && target->operational;
-    VELA_LOG(Vela::LogInfo, "Setting target %s operationalState=%s", name.c_str(), stateName(isOperational));
-    write([&, &dn = target->moName] { connector.setTargetOperationalState(dn.c_str(), isOperational); });
-  }
-  for (const std::string& dn : _current.leftOut) {
-    write([&] { connector.setTargetOperationalState(dn.c_str(), false); });
-  }
-  const bool isServiceOperational = isActive && _isServiceOperational;
-  VELA_LOG(Vela::LogInfo, "Setting FmSnmp operationalState=%s", stateName(isServiceOperational));
-  write([&] { connector.setSnmpOperationalState(isServiceOperational); });
 }
 
 bool SnmpMaConfigurator::parseTargetAddrUDP(Poco::Net::IPAddress& result, const std::string& host) {

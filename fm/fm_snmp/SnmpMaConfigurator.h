@@ -2,18 +2,14 @@
 #define VELA_FM_SNMP_MA_CONFIGURATOR_H
 
 #include <atomic>
-#include <map>
-#include <optional>
-#include <set>
 #include <string>
-#include <utility>
+#include <vector>
 
 #include "AccessConfigurator.h"
-#include "AddressResolver.h"
 #include "ConfigurationPass.h"
-#include "MasterAgentTables.h"
+#include "OperationalStates.h"
 #include "SnmpTypes.h"
-#include "TargetNames.h"
+#include "TargetRows.h"
 #include "TlsConfigurator.h"
 #include "UsmUserConfigurator.h"
 #include "ViewConfigurator.h"
@@ -26,7 +22,8 @@ class SnmpMaSession;
 
 /**
  * Brings the master agent's tables (USM, VACM, targets, notifications, TLSTM) in line with a configuration by SNMP
- * SETs, and remembers what it wrote, so that a changed configuration costs the requests of what changed.
+ * SETs: it decides the order, and which target is concerned by what failed, while each group of tables has a class that
+ * writes it and remembers what it wrote, so that a changed configuration costs the requests of what changed.
  *
  * A fault in one target is logged, leaves that target not operational and concerns no other one. A failure of the
  * session (SnmpSessionException, Vela::VelaException; a row that the agent refuses as inconsistent is one, too) leaves
@@ -41,11 +38,11 @@ class SnmpMaConfigurator {
   SnmpMaConfigurator& operator=(const SnmpMaConfigurator&) = delete;
 
   /** The static settings; not owned. Null: names resolve to either family, port octets are in network order. */
-  void setConfigurationHandler(SnmpConfigHandler* handler) { _handler = handler; }
+  void setConfigurationHandler(SnmpConfigHandler* handler) { _rows.setConfigurationHandler(handler); }
 
   /** The configuration applied last, or set. */
   const SnmpConfig& getCurrentConfig() const { return _current; }
-  /** Makes a configuration the current one without touching the master agent. */
+  /** Makes a copy of a configuration the current one without touching the master agent. */
   void setCurrentConfig(const SnmpConfig& config);
   /** Whether the master agent is known to be in line with what was applied last. */
   bool isConfigured() const { return _configured; }
@@ -53,13 +50,14 @@ class SnmpMaConfigurator {
   void invalidate() { _configured = false; }
   /** Whether the master agent has to be started again, for the sake of a target that it could not reach when it was
       started; true once. */
-  bool takeRestartWanted() { return std::exchange(_isRestartWanted, false); }
+  bool takeRestartWanted() { return _rows.getLateReceivers().takeRestartWanted(); }
   /** Forgets the current configuration and all that was written. */
   void clear();
 
   /**
-   * Applies a configuration (which may be the current one) and makes it the current one. The targets' operational
-   * states are set also when a failure leaves this call. Of a configuration that is not enabled no target is written.
+   * Applies a configuration (which may be the current one) and makes a copy of it the current one, whose targets have
+   * the established operational states, also when a failure leaves this call. Of a configuration that is not enabled no
+   * target is written.
    */
   void reconfigure(SnmpMaSession& session, const SnmpConfig& config);
 
@@ -85,7 +83,9 @@ class SnmpMaConfigurator {
   void setOperationalStates();
   /** Writes the states of all targets and of the service to the model; a failed write is logged. While the master agent
    *  is not configured, or the service is not enabled, all of them are DISABLED. */
-  void updateAllOperationalStates(const MoConnector& connector) const;
+  void updateAllOperationalStates(const MoConnector& connector);
+  /** Whether states could not be written to the model, and it is time to try again. */
+  bool areStatesOverdue() const { return _states.areOverdue(); }
 
   /** Parses a literal IPv4 or IPv6 address; false when the text is none. Names are not resolved. */
   static bool parseTargetAddrUDP(Poco::Net::IPAddress& result, const std::string& host);
@@ -93,58 +93,30 @@ class SnmpMaConfigurator {
   static bool convertHexMask(unsigned char* buffer, int* length, int size, const char* text);
 
  private:
-  /** Targets that must not become operational, by name, with the reason. */
-  using Faults = std::map<std::string, std::string>;
-
-  /** Rows that may stand in the master agent. */
-  struct Rows {
-    bool isTls = false;                     /**< whether TLSTM rows, too */
-    Poco::AutoPtr<SnmpBaseTarget> holder{}; /**< the target as it was written; null while it is not for sure */
-  };
-
+  ConfigurationPass beginPass(SnmpMaSession& session);
+  void finish(SnmpConfig&& config, bool isConfigured);
   void reconfigureTargets(const ConfigurationPass& pass, const SnmpConfig& config);
-  Faults findFaults(const SnmpConfig::TargetMap& targets) const;
-  std::map<std::string, UsmUser> planUsers(const SnmpConfig::TargetMap& targets, Faults& faults) const;
-  void createUsers(SnmpMaSession& session, const std::map<std::string, UsmUser>& users, bool force,
-                   const SnmpConfig::TargetMap& targets, Faults& faults);
-  void deleteUnusedUsers(SnmpMaSession& session, const std::map<std::string, UsmUser>& users);
-  /** Returns the targets whose access failed; their notifications may still be sent. */
-  std::set<std::string> configureEffectiveAccess(const ConfigurationPass& pass, const SnmpConfig::TargetMap& targets,
-                                                 const Faults& faults);
-  void removeTarget(SnmpMaSession& session, const std::string& name);
-  void applyTarget(const ConfigurationPass& pass, const Poco::AutoPtr<SnmpBaseTarget>& target, const Faults& faults);
+  TargetFaults findFaults(const SnmpConfig::TargetMap& targets) const;
+  /** The targets that the agent is to know. */
+  std::vector<const SnmpBaseTarget*> findAdmitted(const SnmpConfig::TargetMap& targets,
+                                                  const TargetFaults& faults) const;
   bool isConfigurable(const SnmpBaseTarget& target) const;
-  bool hasRows(const SnmpBaseTarget& target);
+  void removeTarget(const ConfigurationPass& pass, const std::string& name);
+  void applyTarget(const ConfigurationPass& pass, const Poco::AutoPtr<SnmpBaseTarget>& target,
+                   const TargetFaults& faults);
 
-  void createRows(SnmpMaSession& session, const SnmpBaseTarget& target, const TrapRows& rows);
-  Poco::Net::IPAddress resolve(const SnmpBaseTarget& target, bool isSentByAgent);
-  void deleteRows(SnmpMaSession& session, const std::string& rowName, bool hasTlsRows);
-  bool isReversedIpv6Port();
-
-  void updateTargetOperationalState(const std::string& name, bool isOperational);
-  void finish(const SnmpConfig& config, bool isConfigured);
-
-  SnmpConfigHandler* _handler = nullptr;
-  SnmpConfig _current;
+  SnmpConfig _current; /**< its targets are copies of its own, with the established states */
   bool _configured = false;
   bool _knowsRows = false; /**< no row of ours stands in the master agent but those known here */
   std::atomic<int> _engineBoots{-1};
-  bool _isServiceOperational = false;
 
   ViewConfigurator _views;
   AccessConfigurator _access;
   UsmUserConfigurator _users;
   TlsConfigurator _tls;
-  AddressResolver _resolver;
-  TargetNames _names;
-
-  SnmpConfig::TargetMap _writtenTargets;
-  std::map<std::string, Rows> _rows;         /**< by their name */
-  std::set<std::string> _operational;        /**< names of the targets established as operational */
-  std::optional<bool> _isReversedPort;       /**< the tool's answer, in this pass */
-  std::set<std::string> _unresolvedSessions; /**< targets of the agent's own sessions whose names had no address */
-  bool _isRestartWanted = false;
-  unsigned long long _lastSessionRestart = 0; /**< when a restart was last wanted for such a target; 0: never */
+  TargetRows _rows{_tls};
+  OperationalStates _states;
+  SnmpConfig::TargetMap _writtenTargets; /**< as of the last pass */
 };
 
 }  // namespace VelaFmSnmp

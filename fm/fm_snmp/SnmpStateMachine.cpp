@@ -22,6 +22,7 @@
 #include "SnmpTarnWrapper.h"
 #include "SnmpTypes.h"
 #include "SnmpUtil.h"
+#include "TargetDiff.h"
 #include "TarnSpi.h"
 #include "VelaException.h"
 
@@ -117,46 +118,6 @@ bool isDeliveryVerified(SnmpAdaptorRunnable& owner, const SnmpConfig& config) {
 void addInternalTarget(SnmpAdaptorRunnable& owner, const SnmpConfig& config) {
   owner.getConfigurator().configureTrapTarget(owner.getMaSession(), owner.getInternalTrapTarget(getIpFamily(config)),
                                               true);
-}
-
-bool hasNewCommunity(const SnmpConfig& current, const SnmpConfig& next) {
-  const std::vector<std::string> list = current.getV1AndV2communities();
-  const std::set<std::string> known(list.begin(), list.end());
-  for (const std::string& community : next.getV1AndV2communities()) {
-    if (known.count(community) != 0) continue;
-    VELA_TRACE("Community '%s' is not in the old config", community.c_str());
-    return true;
-  }
-  return false;
-}
-
-bool hasNewSource(const SnmpConfig& current, const SnmpConfig& next) {
-  const auto entries = current.getV1V2communitiesAndAddrWithPrefixLength();
-  const std::set<std::pair<std::string, std::string>> known(entries.begin(), entries.end());
-  for (const auto& entry : next.getV1V2communitiesAndAddrWithPrefixLength()) {
-    if (known.count(entry) != 0) continue;
-    VELA_TRACE("Address with networkprefixlength %s is not in the old config", entry.second.c_str());
-    return true;
-  }
-  return false;
-}
-
-bool haveTlsOptionsChanged(const SnmpConfig::tlsOptions_t& current, const SnmpConfig::tlsOptions_t& next) {
-  if (!current.isEnabled() && !next.isEnabled()) return false;
-  return current.agentAddressDtls != next.agentAddressDtls || current.nodeCredential != next.nodeCredential ||
-         current.trustCategories != next.trustCategories;
-}
-
-bool haveInformTargetsChanged(const SnmpConfig& current, const SnmpConfig& next) {
-  if (current.getInformTrapsessConfig() != next.getInformTrapsessConfig()) {
-    VELA_TRACE("target with inform transport method has changed - restart needed");
-    return true;
-  }
-  if (current.getInformDtlsTrapsessConfig() != next.getInformDtlsTrapsessConfig()) {
-    VELA_TRACE("dtls target with inform transport method has changed - restart needed");
-    return true;
-  }
-  return false;
 }
 
 }  // namespace
@@ -267,11 +228,7 @@ StateTransition FmStateLoadConfigurationData::decide(SnmpAdaptorRunnable& owner)
 }
 
 bool FmStateLoadConfigurationData::isMasterAgentRestartNeeded(const SnmpConfig& current, const SnmpConfig& next) {
-  return current.agentAddress != next.agentAddress || current.snmpId != next.snmpId ||
-         haveTlsOptionsChanged(current.tlsOptions, next.tlsOptions) ||
-         current.enableSourceCheckForV1V2C != next.enableSourceCheckForV1V2C || current.engineId != next.engineId ||
-         hasNewCommunity(current, next) || (next.enableSourceCheckForV1V2C && hasNewSource(current, next)) ||
-         haveInformTargetsChanged(current, next);
+  return VelaFmSnmp::isMasterAgentRestartNeeded(current, next);
 }
 
 FmStateStartMasterAgent::FmStateStartMasterAgent(SnmpAdaptorRunnable& owner) : _entered(SnmpUtil::getNow()) {

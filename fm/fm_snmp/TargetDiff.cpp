@@ -17,12 +17,12 @@ bool differsInAdminStateOnly(const SnmpBaseTarget& left, const SnmpBaseTarget& r
 }
 
 /** What becomes of a target that both configurations have; null when it need not be written again. */
-const char* reasonToWrite(const SnmpBaseTarget& old, const SnmpBaseTarget& next, bool force) {
+const char* reasonToWrite(const SnmpBaseTarget& old, const SnmpBaseTarget& next, bool wasOperational, bool force) {
   if (!equalTarget(old, next)) {
     return differsInAdminStateOnly(old, next) ? "not changed, but adminState changed" : "changed";
   }
   if (force) return "not changed, but forcing reconfiguration";
-  if (next.administrativeState && !old.operational)
+  if (next.administrativeState && !wasOperational)
     return "not changed, but operationalState is DISABLED, so try to reconfigure";
   return nullptr;
 }
@@ -45,12 +45,52 @@ void compareMaps(const Map& oldMap, const Map& newMap, OnRemoved&& onRemoved, On
   }
 }
 
+bool hasNewCommunity(const SnmpConfig& current, const SnmpConfig& next) {
+  const std::vector<std::string> list = current.getV1AndV2communities();
+  const std::set<std::string> known(list.begin(), list.end());
+  for (const std::string& community : next.getV1AndV2communities()) {
+    if (known.count(community) != 0) continue;
+    VELA_TRACE("Community '%s' is not in the old config", community.c_str());
+    return true;
+  }
+  return false;
+}
+
+bool hasNewSource(const SnmpConfig& current, const SnmpConfig& next) {
+  const auto entries = current.getV1V2communitiesAndAddrWithPrefixLength();
+  const std::set<std::pair<std::string, std::string>> known(entries.begin(), entries.end());
+  for (const auto& entry : next.getV1V2communitiesAndAddrWithPrefixLength()) {
+    if (known.count(entry) != 0) continue;
+    VELA_TRACE("Address with networkprefixlength %s is not in the old config", entry.second.c_str());
+    return true;
+  }
+  return false;
+}
+
+bool haveTlsOptionsChanged(const SnmpConfig::tlsOptions_t& current, const SnmpConfig::tlsOptions_t& next) {
+  if (!current.isEnabled() && !next.isEnabled()) return false;
+  return current.agentAddressDtls != next.agentAddressDtls || current.nodeCredential != next.nodeCredential ||
+         current.trustCategories != next.trustCategories;
+}
+
+bool haveInformTargetsChanged(const SnmpConfig& current, const SnmpConfig& next) {
+  if (current.getInformTrapsessConfig() != next.getInformTrapsessConfig()) {
+    VELA_TRACE("target with inform transport method has changed - restart needed");
+    return true;
+  }
+  if (current.getInformDtlsTrapsessConfig() != next.getInformDtlsTrapsessConfig()) {
+    VELA_TRACE("dtls target with inform transport method has changed - restart needed");
+    return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 bool equalTarget(const SnmpBaseTarget& left, const SnmpBaseTarget& right) { return left.equals(right); }
 
 ConfigurationDiff calcDiffTargets(const SnmpConfig::TargetMap& oldTargets, const SnmpConfig::TargetMap& newTargets,
-                                  bool force) {
+                                  const std::set<std::string>& operational, bool force) {
   ConfigurationDiff diff;
   compareMaps(
       oldTargets, newTargets,
@@ -63,7 +103,7 @@ ConfigurationDiff calcDiffTargets(const SnmpConfig::TargetMap& oldTargets, const
         diff.added.push_back(name);
       },
       [&](const std::string& name, const SnmpBaseTarget& old, const SnmpBaseTarget& next) {
-        const char* reason = reasonToWrite(old, next, force);
+        const char* reason = reasonToWrite(old, next, operational.count(name) != 0, force);
         if (reason) diff.changed.push_back(name);
         VELA_LOG(Vela::LogInfo, "target %s %s", name.c_str(), reason ? reason : "not changed");
       });
@@ -91,6 +131,14 @@ ConfigurationDiff calcDiffViews(const SnmpConfig::ViewMap& oldViews, const SnmpC
         VELA_LOG(Vela::LogInfo, "view %s %s", name.c_str(), reason);
       });
   return diff;
+}
+
+bool isMasterAgentRestartNeeded(const SnmpConfig& current, const SnmpConfig& next) {
+  return current.agentAddress != next.agentAddress || current.snmpId != next.snmpId ||
+         haveTlsOptionsChanged(current.tlsOptions, next.tlsOptions) ||
+         current.enableSourceCheckForV1V2C != next.enableSourceCheckForV1V2C || current.engineId != next.engineId ||
+         hasNewCommunity(current, next) || (next.enableSourceCheckForV1V2C && hasNewSource(current, next)) ||
+         haveInformTargetsChanged(current, next);
 }
 
 }  // namespace VelaFmSnmp

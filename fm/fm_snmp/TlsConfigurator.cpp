@@ -61,15 +61,15 @@ std::string TlsConfigurator::encodeFingerPrint(const char* text) {
 
 std::string TlsConfigurator::getLocalFingerPrint() const { return encodeFingerPrint(_options.nodeCredential.c_str()); }
 
-void TlsConfigurator::reconfigureTrustCategory(SnmpMaSession& session, bool force) {
+void TlsConfigurator::reconfigureTrustCategory(const ConfigurationPass& pass) {
   const std::vector<std::string> wanted = _options.isEnabled() ? _options.trustCategories : std::vector<std::string>();
-  if (!force && wanted == _writtenTrust) return;
-  const std::size_t present = force ? std::max(_writtenTrust.size(), wanted.size()) : _writtenTrust.size();
+  if (!pass.writesAnew && wanted == _writtenTrust) return;
+  const std::size_t present = pass.writesAnew ? std::max(_writtenTrust.size(), wanted.size()) : _writtenTrust.size();
   for (std::size_t priority = 1; priority <= present; ++priority)
-    tlsDeleteTrustCategory(session, static_cast<unsigned>(priority));
+    tlsDeleteTrustCategory(pass.session, static_cast<unsigned>(priority));
   _writtenTrust = wanted;
   for (std::size_t priority = 1; priority <= wanted.size(); ++priority)
-    tlsCreateTrustCategory(session, static_cast<unsigned>(priority), wanted[priority - 1]);
+    tlsCreateTrustCategory(pass.session, static_cast<unsigned>(priority), wanted[priority - 1]);
 }
 
 void TlsConfigurator::tlsCreateTrustCategory(SnmpMaSession& session, unsigned priority,

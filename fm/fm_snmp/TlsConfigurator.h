@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "ConfigurationPass.h"
 #include "SnmpTypes.h"
 
 namespace VelaFmSnmp {
@@ -29,8 +30,9 @@ class TlsConfigurator {
   /** Forgets what was written, without a request. */
   void clear() { _writtenTrust.clear(); }
 
-  /** Writes the trusted certificates, if they changed; `force`: in any case. A row that the agent refuses is logged. */
-  void reconfigureTrustCategory(SnmpMaSession& session, bool force);
+  /** Writes the trusted certificates, if they changed or all is written anew. A row that the agent refuses is logged.
+   */
+  void reconfigureTrustCategory(const ConfigurationPass& pass);
 
   /** The node's own certificate, encoded. Throws ConfigurationFault as encodeFingerPrint. */
   std::string getLocalFingerPrint() const;

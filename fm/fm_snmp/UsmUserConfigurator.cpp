@@ -8,6 +8,8 @@
 #include <TarnSpi.h>
 
 #include <algorithm>
+#include <optional>
+#include <utility>
 
 #include "ConfigurationFault.h"
 #include "MasterAgentTables.h"
@@ -85,7 +87,56 @@ std::vector<std::string> UsmUserConfigurator::getWrittenNames() const {
 
 void UsmUserConfigurator::clear() {
   _written.clear();
+  endPass();
+}
+
+void UsmUserConfigurator::endPass() {
+  _planned.clear();
   _derivedKeys.clear();
+}
+
+void UsmUserConfigurator::planUsers(const std::vector<const SnmpBaseTarget*>& targets, TargetFaults& faults) {
+  _planned.clear();
+  for (const SnmpBaseTarget* target : targets) {
+    std::optional<UsmUser> user = target->usmUser();
+    if (!user) continue;
+    const auto [planned, isNew] = _planned.emplace(user->name, *user);
+    if (isNew || planned->second.covers(*user)) continue;
+    if (user->covers(planned->second))
+      planned->second = std::move(*user);
+    else
+      faults.emplace(target->name, "another target has user " + user->name + " with other protocols or pass phrases");
+  }
+}
+
+void UsmUserConfigurator::createUsers(const ConfigurationPass& pass, const std::vector<const SnmpBaseTarget*>& targets,
+                                      TargetFaults& faults) {
+  std::map<std::string, std::string> failed;
+  for (const auto& [name, user] : _planned) {
+    if (!pass.writesAnew && isWritten(user)) continue;
+    try {
+      usmCreateUser(pass.session, user);
+    } catch (const ConfigurationFault& fault) {
+      failed.emplace(name, fault.what());
+    }
+  }
+  if (failed.empty()) return;
+  for (const SnmpBaseTarget* target : targets) {
+    const std::optional<UsmUser> user = target->usmUser();
+    const auto fault = user ? failed.find(user->name) : failed.end();
+    if (fault != failed.end()) faults.emplace(target->name, fault->second);
+  }
+}
+
+void UsmUserConfigurator::deleteUnusedUsers(const ConfigurationPass& pass) {
+  for (const std::string& name : getWrittenNames()) {
+    if (_planned.count(name) != 0) continue;
+    try {
+      usmDeleteUser(pass.session, name);
+    } catch (const ConfigurationFault& fault) {
+      VELA_LOG(Vela::LogError, "Failed to delete USM user %s: %s", name.c_str(), fault.what());
+    }
+  }
 }
 
 void UsmUserConfigurator::usmCreateUser(SnmpMaSession& session, const UsmUser& user) {

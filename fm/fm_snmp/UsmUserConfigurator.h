@@ -6,11 +6,16 @@
 #include <string>
 #include <vector>
 
+#include "ConfigurationPass.h"
 #include "UsmUser.h"
 
 namespace VelaFmSnmp {
 
 class SnmpMaSession;
+class SnmpBaseTarget;
+
+/** Targets that must not become operational, by name, with the reason. */
+using TargetFaults = std::map<std::string, std::string>;
 
 /**
  * The users in the master agent's usmUserTable (RFC 3414). A new one is cloned from a template user that the agent's
@@ -23,14 +28,23 @@ class UsmUserConfigurator {
    */
   static const char* findSuitableUser(int authProtocol, int privProtocol);
 
+  /** Finds the users that targets need. The agent knows a user once, so targets that share one must agree on it: the
+      later ones of those that do not are faulty. */
+  void planUsers(const std::vector<const SnmpBaseTarget*>& targets, TargetFaults& faults);
+  /** Creates the planned users that the agent does not have; the targets of one that it refuses are faulty. */
+  void createUsers(const ConfigurationPass& pass, const std::vector<const SnmpBaseTarget*>& targets,
+                   TargetFaults& faults);
+  /** Deletes the users that are not planned; one that the agent keeps is logged. */
+  void deleteUnusedUsers(const ConfigurationPass& pass);
+
   /** Whether the user stands in the master agent already, as far as known. */
   bool isWritten(const UsmUser& user) const;
   /** Names of the users that may stand in the master agent. */
   std::vector<std::string> getWrittenNames() const;
   /** Forgets everything, without a request. */
   void clear();
-  /** Forgets the keys derived for the users written. */
-  void forgetKeys() { _derivedKeys.clear(); }
+  /** Ends a pass: forgets the users planned, and the keys derived. */
+  void endPass();
 
   void usmCreateUser(SnmpMaSession& session, const UsmUser& user);
   void usmDeleteUser(SnmpMaSession& session, const std::string& userName);
@@ -46,6 +60,7 @@ class UsmUserConfigurator {
   const std::string& localizedKey(const std::string& engineId, int authProtocol, const std::string& passPhrase,
                                   const char* which);
 
+  std::map<std::string, UsmUser> _planned; /**< of this pass */
   std::map<std::string, UsmUser> _written;
   std::map<std::string, std::string> _derivedKeys; /**< localized keys of this pass */
 };

@@ -58,7 +58,12 @@ class Model : public StateTest::ModelStandIn {
     visitor.endAlarms();
     return true;
   }
+  std::vector<std::string> setOperationalStates(const std::map<std::string, bool>&, bool) const override {
+    if (stateWrites++ == 0) throw Vela::VelaException("no lock");
+    return {};
+  }
   int visits = 0;
+  mutable std::atomic<int> stateWrites{0};
 };
 
 /** The adaptor with states that do what the test wants, no model and no master agent. */
@@ -561,6 +566,19 @@ TEST_F(RunnableTest, TheListenerRecognisesTheFirstQueuedNotification) {
   ASSERT_TRUE(eventually([&] { return states.events[SnmpEventTrapReceived] == 2; })) << "nothing is queued any more";
   stopThread();
   EXPECT_FALSE(adaptor->hasQueuedAlarms());
+}
+
+TEST_F(RunnableTest, StatesThatTheModelDidNotTakeAreWrittenLater) {
+  configure();
+  {
+    const StateTest::ControlledClock aLongTimeAgo;
+    adaptor->onReconfigSuccess();
+  }
+  EXPECT_EQ(adaptor->model.stateWrites, 1);
+  startThread();
+  EXPECT_TRUE(eventually([&] { return adaptor->model.stateWrites == 2; }));
+  stopThread();
+  EXPECT_EQ(adaptor->model.stateWrites, 2);
 }
 
 }  // namespace

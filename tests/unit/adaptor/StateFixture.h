@@ -129,6 +129,7 @@ class ModelStandIn : public MoConnector {
   }
   void setSnmpOperationalState(bool) const override {}
   void setTargetOperationalState(const char*, bool) const override {}
+  std::vector<std::string> setOperationalStates(const std::map<std::string, bool>&, bool) const override { return {}; }
 
   SnmpConfig snmpConfig;
   mutable int failures = 0;

@@ -480,6 +480,27 @@ TEST_F(TargetsTest, goesToRetryAndOnWhetherOrNotItHelps) {
   EXPECT_EQ(text(retry.onUpdate(adaptor)), "8/successfully configured all targets/100");
 }
 
+TEST_F(TargetsTest, aChangeAppliesWhatIsNewAndARetryWhatIsInForce) {
+  const auto inForce = [&] {
+    std::string names;
+    for (const auto& entry : adaptor.getConfigurator().getCurrentConfig().getTargets()) names += entry.first;
+    return names;
+  };
+  addTarget(config(), "a");
+  FmStateConfigureTargets().onUpdate(adaptor);
+  EXPECT_EQ(inForce(), "a");
+  addTarget(config(), "b");
+  FmStateRetryConfigureTargets(adaptor).onUpdate(adaptor);
+  EXPECT_EQ(inForce(), "a");
+  FmStateConfigureTargets().onUpdate(adaptor);
+  EXPECT_EQ(inForce(), "ab");
+  addTarget(config(), "c");
+  config().administrativeState = false;
+  make<FmStateIdleDisabled>(adaptor);
+  EXPECT_EQ(inForce(), "abc");
+  EXPECT_FALSE(adaptor.getConfigurator().getCurrentConfig().isEnabled());
+}
+
 TEST_F(TargetsTest, aPassThatHasLostItsSessionOpensItAnew) {
   addTarget(config(), "a");
   FmStateConfigureTargets configureState;

@@ -433,6 +433,26 @@ TEST_F(MoConnectorTest, WritesOnlyWhatDiffers) {
   EXPECT_NO_THROW(connector.setTargetOperationalState(dn.c_str(), false));
 }
 
+TEST_F(MoConnectorTest, WritesAllStatesInOneTransaction) {
+  const std::string a = create(Snmp, "SnmpTargetV1=a", {{"address", "192.0.2.1"}, {"community", "c"}});
+  const std::string b = create(Snmp, "SnmpTargetV2C=b", {{"address", "192.0.2.1"}, {"community", "c"}});
+  const std::string gone = Snmp + ",SnmpTargetV1=gone";
+  int commits = 0;
+  services.getStore().setListener([&](const auto&) { ++commits; });
+  EXPECT_THAT(connector.setOperationalStates({{a, true}, {b, false}, {gone, true}}, true), testing::SizeIs(1));
+  EXPECT_TRUE(isLogged("Failed to set attribute :'operationalState' in MO :" + gone + ", reason (-2 )!"));
+  EXPECT_EQ(commits, 1);
+  EXPECT_TRUE(read().targets.at("a")->operationalState);
+  EXPECT_FALSE(read().targets.at("b")->operationalState);
+  EXPECT_THAT(connector.setOperationalStates({{a, true}, {b, true}}, true), testing::IsEmpty());
+  EXPECT_EQ(commits, 2);
+  EXPECT_TRUE(read().targets.at("b")->operationalState);
+
+  // Nothing to write needs no lock.
+  const VelaNode::MoTransaction writer(services.getStore(), VELA_MO_LOCK_AT_ONCE);
+  EXPECT_THAT(connector.setOperationalStates({{a, true}, {b, true}}, true), testing::IsEmpty());
+}
+
 TEST_F(MoConnectorTest, WritesTheServiceAndTheHeartbeat) {
   connector.setSnmpOperationalState(true);
   EXPECT_EQ(connector.setEngineId("8001"), 0);

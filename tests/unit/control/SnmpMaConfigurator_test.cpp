@@ -257,9 +257,11 @@ TEST(SnmpMaConfigurator, aFaultyTargetConcernsNoOtherOne) {
   const SnmpConfig config = configWith({noPort, targetV2("long", community), targetV2("fits", std::string(27, 'f'))});
   configurator.reconfigure(agent, config);
   EXPECT_TRUE(configurator.isConfigured());
-  EXPECT_FALSE(config.getTargets().at("noport")->operational);
-  EXPECT_FALSE(config.getTargets().at("long")->operational);
-  EXPECT_TRUE(config.getTargets().at("fits")->operational);
+  const SnmpConfig::TargetMap& targets = configurator.getCurrentConfig().getTargets();
+  EXPECT_FALSE(targets.at("noport")->operational);
+  EXPECT_FALSE(targets.at("long")->operational);
+  EXPECT_TRUE(targets.at("fits")->operational);
+  EXPECT_FALSE(config.getTargets().at("fits")->operational) << "what others hold is not changed";
   const std::string securityName = paramsColumn + "4" + impliedIndex("ntf_");
   EXPECT_EQ(agent.values.count(securityName + impliedIndex("noport")), 0U);
   EXPECT_EQ(agent.values[securityName + impliedIndex("long")], "Vela_" + community) << "it still gets its traps";
@@ -458,17 +460,17 @@ TEST(SnmpMaConfigurator, aRefusedRowEndsThePass) {
   SnmpMaConfigurator configurator;
   agent.refused = impliedIndex("ntf_b");
   const SnmpConfig config = configWith({targetV2("a"), targetV2("b"), targetV2("c")});
-  const SnmpConfig::TargetMap& targets = config.getTargets();
   for (int pass = 0; pass < 2; ++pass) {
     EXPECT_THROW(configurator.reconfigure(agent, config), SnmpSessionException);
     EXPECT_FALSE(configurator.isConfigured());
+    const SnmpConfig::TargetMap& targets = configurator.getCurrentConfig().getTargets();
     EXPECT_TRUE(targets.at("a")->operational);
     EXPECT_FALSE(targets.at("b")->operational);
   }
   agent.refused.clear();
   configurator.reconfigure(agent, config);
   EXPECT_TRUE(configurator.isConfigured());
-  EXPECT_TRUE(targets.at("c")->operational);
+  EXPECT_TRUE(configurator.getCurrentConfig().getTargets().at("c")->operational);
 }
 
 TEST(SnmpMaConfigurator, reversesIpv6PortsAsTheToolSays) {

@@ -55,12 +55,11 @@ TEST(TargetDiff, sortsTargets) {
     const StateTest::CapturedLog log;
     SnmpConfig::TargetMap oldTargets;
     SnmpConfig::TargetMap newTargets;
-    if (test.old) {
-      oldTargets["t"] = test.old;
-      oldTargets["t"]->operational = test.wasOperational;
-    }
+    if (test.old) oldTargets["t"] = test.old;
     if (test.next) newTargets["t"] = test.next;
-    const ConfigurationDiff diff = calcDiffTargets(oldTargets, newTargets, test.force);
+    std::set<std::string> operational;
+    if (test.wasOperational) operational = {"t"};
+    const ConfigurationDiff diff = calcDiffTargets(oldTargets, newTargets, operational, test.force);
     EXPECT_EQ(diff.removed, test.removed) << test.log;
     EXPECT_EQ(diff.added, test.added) << test.log;
     EXPECT_EQ(diff.changed, test.changed) << test.log;
@@ -71,8 +70,7 @@ TEST(TargetDiff, sortsTargets) {
 TEST(TargetDiff, walksDifferentMapsSideBySide) {
   const SnmpConfig old = configWith({targetV2("b"), targetV2("c"), targetV2("e")});
   const SnmpConfig next = configWith({targetV2("a"), targetV2("c"), targetV2("d"), targetV2("f")});
-  for (const auto& entry : old.targets) Target(entry.second)->operational = true;
-  const ConfigurationDiff diff = calcDiffTargets(old.targets, next.targets, false);
+  const ConfigurationDiff diff = calcDiffTargets(old.targets, next.targets, {"b", "c", "e"}, false);
   EXPECT_EQ(diff.removed, (Names{"b", "e"}));
   EXPECT_EQ(diff.added, (Names{"a", "d", "f"}));
   EXPECT_TRUE(diff.changed.empty());
