@@ -176,7 +176,7 @@ void DtlsAssociation::connect() {
       _watch = std::make_unique<SocketWatch>(_socket->descriptor(), [this] { onReadable(); });
     }
     _session =
-        std::make_unique<DtlsSession>(DtlsContext::get(_certificate), DtlsSession::Role::Client, addressKey(_address),
+        std::make_unique<DtlsSession>(DtlsContext::get(_certificate), DtlsSession::Role::Client,
                                       [this](const void* data, size_t size) { return _socket->send(data, size); });
   } catch (const std::exception& fault) {
     lost(fault.what());

@@ -1,9 +1,12 @@
 #include "DtlsListener.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstring>
 #include <exception>
 #include <optional>
+#include <utility>
 
 namespace SnmpdPlugin {
 
@@ -12,187 +15,183 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr size_t MaxDatagram = 65536;
+/** Datagrams that are taken before others have their turn. */
+constexpr int MaxAtOnce = 100;
+/** Of a burst of hellos, those that come while the agent does something else. */
+constexpr int ReceiveBuffer = 1 << 20;
+
 constexpr size_t MaxPeers = 1000;
-/** Of those, peers of whom nothing is known but a first message. */
-constexpr size_t MaxUnproven = 100;
+constexpr size_t MaxPeersOfSource = 100;
+constexpr size_t MaxNewcomers = 384;
+constexpr size_t MaxNewcomersOfSource = 32;
 constexpr auto MaxHandshake = 10s;
+/** A newcomer that is silent for longer may make room for another. */
+constexpr auto MaxSilence = 2s;
 constexpr auto MaxIdle = 300s;
-/** What goes wrong with strangers must not fill the log. */
-constexpr auto BetweenReports = 1s;
+constexpr auto BetweenIdleChecks = 60s;
+/** Without a credential there is nothing to be had from a second look at the files at once. */
+constexpr auto BetweenContextAttempts = 1s;
 
-/** Places in a datagram's first record (RFC 6347, 4.1) and in the handshake message in it (4.2.2). */
-constexpr size_t RecordHeaderLength = 13;
-constexpr size_t EpochAt = 3;
-constexpr size_t HandshakeTypeAt = RecordHeaderLength;
-constexpr char HandshakeRecord = 22;
-constexpr char ClientHello = 1;
-
-/** Whether it is protected by keys that a handshake has agreed on. */
-bool isProtected(const std::vector<char>& datagram) { return datagram[EpochAt] != 0 || datagram[EpochAt + 1] != 0; }
-
-bool isClientHello(const std::vector<char>& datagram) {
-  return !isProtected(datagram) && datagram.front() == HandshakeRecord && datagram[HandshakeTypeAt] == ClientHello;
-}
+constexpr const char* Refused = "is refused";
 
 }  // namespace
 
 DtlsListener::DtlsListener(netsnmp_transport* face, const netsnmp_ep& endpoint)
-    : DtlsTransport(face), _socket(endpoint, true), _datagram(MaxDatagram), _timer([this] { onTimer(); }) {
+    : DtlsTransport(face),
+      _socket(endpoint, true),
+      _datagram(MaxDatagram),
+      _newcomers(MaxNewcomers, MaxNewcomersOfSource, MaxSilence),
+      _peers(MaxPeers, MaxPeersOfSource, 0s),
+      _timer([this] { onTimer(); }) {
   std::memcpy(&_address, &endpoint.a, std::min(sizeof(_address), sizeof(endpoint.a)));
+  _socket.setReceiveBuffer(ReceiveBuffer);
   useSocket(_socket.descriptor());
 }
 
 DtlsTransport::Received DtlsListener::receive(void* buffer, size_t capacity) {
-  Received received;
-  const int size = _socket.receive(_datagram.data(), _datagram.size(), received.addresses);
-  if (size <= static_cast<int>(RecordHeaderLength)) return received;
-  Peer* peer = findPeer(received.addresses, isClientHello(_datagram));
-  if (peer == nullptr) return received;
-  peer->lastUse = Clock::now();
-  // The last message of a handshake is protected already.
-  const bool isForOpening =
-      peer->opening && (!isProtected(_datagram) || !peer->established || peer->opening->isAddressProven());
-  if (isForOpening) {
-    received.length = receiveOpening(*peer, static_cast<size_t>(size), buffer, capacity);
-    schedule();
-  } else if (peer->established) {
-    received.length = receiveEstablished(*peer, static_cast<size_t>(size), buffer, capacity);
+  for (int count = 0; count < MaxAtOnce; ++count) {
+    Received received;
+    const int size = _socket.receive(_datagram.data(), _datagram.size(), received.addresses);
+    if (size < 0) break;
+    take({_datagram.data(), static_cast<size_t>(size)}, received, buffer, capacity);
+    if (received.length != 0) return received;
   }
-  received.securityName = peer->securityName;
-  if (!peer->opening && !peer->established) _peers.erase(addressKey(received.addresses.remote_addr));
-  return received;
+  return {};
 }
 
-DtlsListener::Peer* DtlsListener::findPeer(const netsnmp_indexed_addr_pair& from, bool isHello) {
+void DtlsListener::take(std::string_view datagram, Received& received, void* buffer, size_t capacity) {
+  if (const auto hello = clientHelloOf(datagram)) {
+    takeHello(datagram, *hello, received.addresses);
+    return;
+  }
+  const std::string key = addressKey(received.addresses.remote_addr);
+  Peer* peer = _peers.find(key);
+  if (peer != nullptr) {
+    received.length = takeFromPeer(*peer, datagram, buffer, capacity);
+    received.securityName = peer->securityName;
+    if (peer->session->isDead()) _peers.erase(key);
+  }
+  Newcomer* newcomer = _newcomers.find(key);
+  if (received.length != 0 || newcomer == nullptr) return;
+  received.length = takeFromNewcomer(*newcomer, datagram, buffer, capacity);
+  if (received.length != 0) received.securityName = _peers.find(key)->securityName;
+}
+
+void DtlsListener::takeHello(std::string_view datagram, const ClientHello& hello,
+                             const netsnmp_indexed_addr_pair& from) {
   const std::string key = addressKey(from.remote_addr);
-  const auto found = _peers.find(key);
-  if (found != _peers.end()) {
-    Peer& peer = found->second;
-    const bool isUnderWay = peer.opening && Clock::now() - peer.begin < MaxHandshake;
-    if (isHello && !isUnderWay) begin(peer);
-    return &peer;
+  if (!_cookies.isValid(key, hello.cookie)) {
+    const std::string request = helloVerifyRequest(hello, _cookies.make(key));
+    _socket.send(request.data(), request.size(), from);
+    return;
   }
-  if (!isHello) return nullptr;
-  makeRoom();
-  Peer peer;
-  peer.addresses = from;
-  if (!begin(peer)) return nullptr;
-  return &_peers.emplace(key, std::move(peer)).first->second;
+  Newcomer* newcomer = _newcomers.find(key);
+  if (newcomer == nullptr || !newcomer->opening->isOf(hello.random)) newcomer = open(hello, from);
+  if (newcomer != nullptr) takeFromNewcomer(*newcomer, datagram, nullptr, 0);
 }
 
-bool DtlsListener::begin(Peer& peer) {
+DtlsListener::Newcomer* DtlsListener::open(const ClientHello& hello, const netsnmp_indexed_addr_pair& from) {
+  const auto now = Clock::now();
+  if (now < _noContextUntil) return nullptr;
   try {
-    peer.opening = std::make_unique<DtlsSession>(DtlsContext::get({}), DtlsSession::Role::Server,
-                                                 addressKey(peer.addresses.remote_addr),
-                                                 [this, addresses = peer.addresses](const void* data, size_t size) {
-                                                   return _socket.send(data, size, addresses);
-                                                 });
-    peer.begin = Clock::now();
-    return true;
+    const auto context = DtlsContext::get({});
+    auto session = std::make_unique<DtlsSession>(
+        context, DtlsSession::Role::Server,
+        [this, from](const void* data, size_t size) { return _socket.send(data, size, from); });
+    return _newcomers.insert({from, now, now, std::make_unique<DtlsOpening>(std::move(session), hello.random)});
   } catch (const std::exception& fault) {
-    report(peer, fault.what());
-    return false;
+    _noContextUntil = now + BetweenContextAttempts;
+    report(from, Refused, fault.what());
+    return nullptr;
   }
 }
 
-size_t DtlsListener::receiveOpening(Peer& peer, size_t size, void* buffer, size_t capacity) {
-  const size_t length = peer.opening->receive(_datagram.data(), size, buffer, capacity);
-  if (peer.opening->isEstablished()) return admit(peer) ? length : 0;
-  if (peer.opening->isDead()) {
-    report(peer, peer.opening->fault());
-    peer.opening.reset();
-  }
+size_t DtlsListener::takeFromPeer(Peer& peer, std::string_view datagram, void* buffer, size_t capacity) {
+  const size_t length = peer.session->receive(datagram.data(), datagram.size(), buffer, capacity);
+  if (length != 0) peer.lastUse = Clock::now();
+  if (peer.session->isDead() || isStillAdmitted(peer)) return length;
+  peer.session->close();
   return 0;
-}
-
-bool DtlsListener::admit(Peer& peer) {
-  const std::string name = peer.opening->securityName();
-  if (name.empty()) {
-    report(peer, "its certificate gives no security name, or somebody else's");
-    peer.opening.reset();
-    return false;
-  }
-  peer.securityName = name;
-  peer.mapGeneration = CertificateMap::generation();
-  peer.established = std::move(peer.opening);
-  return true;
-}
-
-size_t DtlsListener::receiveEstablished(Peer& peer, size_t size, void* buffer, size_t capacity) {
-  const size_t length = peer.established->receive(_datagram.data(), size, buffer, capacity);
-  if (peer.established->isDead() || !isStillAdmitted(peer)) {
-    peer.established.reset();
-    return 0;
-  }
-  return length;
 }
 
 bool DtlsListener::isStillAdmitted(Peer& peer) {
   const unsigned generation = CertificateMap::generation();
   if (peer.mapGeneration == generation) return true;
   peer.mapGeneration = generation;
-  peer.securityName = peer.established->securityName();
-  if (peer.securityName.empty()) report(peer, "its certificate is trusted no more");
+  peer.securityName = peer.session->securityName();
+  if (peer.securityName.empty()) report(peer.addresses, "is cut off", "its certificate is trusted no more");
   return !peer.securityName.empty();
+}
+
+size_t DtlsListener::takeFromNewcomer(Newcomer& newcomer, std::string_view datagram, void* buffer, size_t capacity) {
+  const std::string key = addressKey(newcomer.addresses.remote_addr);
+  newcomer.lastUse = Clock::now();
+  size_t length = newcomer.opening->receive(datagram, buffer, capacity);
+  DtlsSession& session = newcomer.opening->session();
+  const bool isOver = session.isDead() || session.isEstablished();
+  if (session.isDead())
+    report(newcomer.addresses, Refused, session.fault());
+  else if (session.isEstablished() && !admit(newcomer))
+    length = 0;
+  if (isOver) _newcomers.erase(key);
+  schedule();
+  return length;
+}
+
+bool DtlsListener::admit(Newcomer& newcomer) {
+  const std::string name = newcomer.opening->session().securityName();
+  if (name.empty()) {
+    report(newcomer.addresses, Refused, "its certificate gives no security name, or somebody else's");
+    return false;
+  }
+  Peer peer;
+  peer.addresses = newcomer.addresses;
+  peer.lastUse = Clock::now();
+  peer.session = newcomer.opening->take();
+  peer.securityName = name;
+  peer.mapGeneration = CertificateMap::generation();
+  return _peers.insert(std::move(peer)) != nullptr;
 }
 
 bool DtlsListener::send(const void* message, size_t size, const netsnmp_tmStateReference* state) {
   if (state == nullptr || state->have_addresses == 0) return false;
-  const auto peer = _peers.find(addressKey(state->addresses.remote_addr));
-  return peer != _peers.end() && peer->second.established && peer->second.established->send(message, size);
-}
-
-void DtlsListener::makeRoom() {
-  const auto now = Clock::now();
-  size_t unproven = 0;
-  std::erase_if(_peers, [&](const auto& entry) {
-    const Peer& peer = entry.second;
-    const bool isNew = !peer.established;
-    if (isNew && !peer.opening->isAddressProven()) ++unproven;
-    return now - peer.lastUse > (isNew ? std::chrono::seconds(MaxHandshake) : std::chrono::seconds(MaxIdle));
-  });
-  const auto dropOldest = [this](const auto& isCandidate) {
-    auto oldest = _peers.end();
-    for (auto peer = _peers.begin(); peer != _peers.end(); ++peer)
-      if (isCandidate(peer->second) && (oldest == _peers.end() || peer->second.lastUse < oldest->second.lastUse))
-        oldest = peer;
-    if (oldest != _peers.end()) _peers.erase(oldest);
-  };
-  if (unproven >= MaxUnproven)
-    dropOldest([](const Peer& peer) { return !peer.established && !peer.opening->isAddressProven(); });
-  else if (_peers.size() >= MaxPeers)
-    dropOldest([](const Peer&) { return true; });
+  const Peer* peer = _peers.find(addressKey(state->addresses.remote_addr));
+  return peer != nullptr && peer->session->send(message, size);
 }
 
 void DtlsListener::onTimer() {
-  for (auto& entry : _peers) {
-    auto& opening = entry.second.opening;
-    if (!opening) continue;
-    opening->onTimer();
-    if (opening->isDead()) opening.reset();
-  }
-  std::erase_if(_peers, [](const auto& entry) { return !entry.second.established && !entry.second.opening; });
+  const auto now = Clock::now();
+  const bool hadNewcomers = !_newcomers.isEmpty();
+  _newcomers.eraseIf([now](const Newcomer& newcomer) {
+    newcomer.opening->session().onTimer();
+    return newcomer.opening->session().isDead() || now - newcomer.begin >= MaxHandshake;
+  });
+  _peers.eraseIf([now](const Peer& peer) { return now - peer.lastUse >= MaxIdle; });
+  // What a crowd that is gone took is not kept for the next one.
+  if (hadNewcomers && _newcomers.isEmpty()) malloc_trim(0);
   schedule();
 }
 
 void DtlsListener::schedule() {
+  const auto now = Clock::now();
   std::optional<std::chrono::milliseconds> next;
-  for (const auto& entry : _peers) {
-    const auto timer = entry.second.opening ? entry.second.opening->timer() : std::nullopt;
-    if (timer && (!next || *timer < *next)) next = timer;
-  }
+  const auto consider = [&next](std::chrono::milliseconds delay) { next = std::min(next.value_or(delay), delay); };
+  _newcomers.forEach([&](Newcomer& newcomer) {
+    if (const auto timer = newcomer.opening->session().timer()) consider(*timer);
+    consider(std::chrono::ceil<std::chrono::milliseconds>(newcomer.begin + MaxHandshake - now));
+  });
+  if (!_peers.isEmpty()) consider(BetweenIdleChecks);
   if (next)
     _timer.start(*next);
   else
     _timer.stop();
 }
 
-void DtlsListener::report(const Peer& peer, const std::string& fault) {
-  const auto now = Clock::now();
-  if (fault.empty() || now - _lastReport < BetweenReports) return;
-  _lastReport = now;
-  snmp_log(LOG_NOTICE, "vela_snmpd_plugin: manager %s is refused: %s\n",
-           addressText(peer.addresses.remote_addr).c_str(), fault.c_str());
+void DtlsListener::report(const netsnmp_indexed_addr_pair& addresses, const std::string& kind,
+                          const std::string& fault) {
+  if (fault.empty()) return;
+  const auto& address = addresses.remote_addr;
+  _log.tell(sourceKey(address), kind, "manager " + addressText(address) + " " + kind + ": " + fault);
 }
 
 }  // namespace SnmpdPlugin

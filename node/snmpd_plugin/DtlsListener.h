@@ -4,11 +4,15 @@
 #include <chrono>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
+#include "DtlsCookies.h"
+#include "DtlsOpening.h"
+#include "DtlsRecords.h"
 #include "DtlsSession.h"
 #include "DtlsTransport.h"
+#include "PeerTable.h"
+#include "StrangerLog.h"
 #include "Timer.h"
 #include "UdpSocket.h"
 
@@ -16,7 +20,10 @@ namespace SnmpdPlugin {
 
 /**
  * An address at which the agent listens for managers. Who may speak is told by CertificateMap, at once when it changes.
- * A handshake costs memory of its own only for a while, and the number of associations is bounded.
+ *
+ * Nothing is kept of a client before it has shown, by a cookie, to receive what is sent to its address. Then it has ten
+ * seconds to show who it is. Openings and associations are bounded apart from each other, in all and by source, so that
+ * who opens much displaces neither those who are established nor openings of others.
  */
 class DtlsListener : public DtlsTransport {
  public:
@@ -29,36 +36,42 @@ class DtlsListener : public DtlsTransport {
  private:
   using Clock = std::chrono::steady_clock;
 
-  /** Who speaks from one address and port. */
+  /** An association with a manager who has shown who it is. */
   struct Peer {
     netsnmp_indexed_addr_pair addresses{};
-    std::unique_ptr<DtlsSession> established;
-    /** A handshake under way. It replaces the other association once it is through, and not before: whoever begins one
-     * may be somebody else who only says to be there. */
-    std::unique_ptr<DtlsSession> opening;
+    Clock::time_point lastUse;
+    std::unique_ptr<DtlsSession> session;
     std::string securityName;
     unsigned mapGeneration = 0; /**< of CertificateMap, when the name was found */
-    Clock::time_point begin;    /**< of the handshake */
-    Clock::time_point lastUse;
   };
-  using Peers = std::unordered_map<std::string, Peer>;
+  /** A handshake. The association with the same address, if there is one, goes on until it is through: whoever opens
+   * may be somebody else there. */
+  struct Newcomer {
+    netsnmp_indexed_addr_pair addresses{};
+    Clock::time_point lastUse; /**< when something of it came in last */
+    Clock::time_point begin;
+    std::unique_ptr<DtlsOpening> opening;
+  };
 
-  Peer* findPeer(const netsnmp_indexed_addr_pair& from, bool isHello);
-  bool begin(Peer& peer);
-  size_t receiveOpening(Peer& peer, size_t size, void* buffer, size_t capacity);
-  size_t receiveEstablished(Peer& peer, size_t size, void* buffer, size_t capacity);
-  bool admit(Peer& peer);
+  void take(std::string_view datagram, Received& received, void* buffer, size_t capacity);
+  void takeHello(std::string_view datagram, const ClientHello& hello, const netsnmp_indexed_addr_pair& from);
+  Newcomer* open(const ClientHello& hello, const netsnmp_indexed_addr_pair& from);
+  size_t takeFromPeer(Peer& peer, std::string_view datagram, void* buffer, size_t capacity);
+  size_t takeFromNewcomer(Newcomer& newcomer, std::string_view datagram, void* buffer, size_t capacity);
+  bool admit(Newcomer& newcomer);
   bool isStillAdmitted(Peer& peer);
-  void makeRoom();
   void onTimer();
   void schedule();
-  void report(const Peer& peer, const std::string& fault);
+  void report(const netsnmp_indexed_addr_pair& addresses, const std::string& kind, const std::string& fault);
 
   netsnmp_sockaddr_storage _address{};
   UdpSocket _socket;
   std::vector<char> _datagram;
-  Peers _peers; /**< by address; goes before the socket */
-  Clock::time_point _lastReport;
+  DtlsCookies _cookies;
+  PeerTable<Newcomer> _newcomers; /**< go before the socket */
+  PeerTable<Peer> _peers;         /**< go before the socket */
+  Clock::time_point _noContextUntil;
+  StrangerLog _log;
   Timer _timer;
 };
 

@@ -1,17 +1,15 @@
 #include "DtlsSession.h"
 
+#include <openssl/bio.h>
 #include <openssl/err.h>
-#include <openssl/evp.h>
-#include <openssl/hmac.h>
-#include <openssl/rand.h>
 #include <openssl/x509v3.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
+#include "DtlsRecords.h"
 #include "PeerTrust.h"
 
 namespace SnmpdPlugin {
@@ -22,16 +20,6 @@ namespace {
 constexpr long HandshakeMtu = 1200;
 constexpr unsigned FirstRepeatMicroseconds = 500000;
 constexpr unsigned LastRepeatMicroseconds = 2000000;
-constexpr size_t SecretOctets = 32;
-
-const std::array<unsigned char, SecretOctets>& cookieSecret() {
-  static const std::array<unsigned char, SecretOctets> secret = [] {
-    std::array<unsigned char, SecretOctets> octets{};
-    if (RAND_bytes(octets.data(), SecretOctets) != 1) throw NodeTls::TlsFault("no random numbers are to be had");
-    return octets;
-  }();
-  return secret;
-}
 
 unsigned nextRepeat(SSL*, unsigned last) {
   return last == 0 ? FirstRepeatMicroseconds : std::min(2 * last, LastRepeatMicroseconds);
@@ -55,13 +43,16 @@ DtlsSession& DtlsSession::of(const SSL* ssl) { return *static_cast<DtlsSession*>
 void DtlsSession::prepare(SSL_CTX* context) {
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
   SSL_CTX_set_cert_verify_callback(context, verifyPeer, nullptr);
-  SSL_CTX_set_cookie_generate_cb(context, makeCookie);
-  SSL_CTX_set_cookie_verify_cb(context, checkCookie);
-  cookieSecret();
+  // Who opens a session has looked at the cookie.
+  SSL_CTX_set_cookie_verify_cb(context, [](SSL*, const unsigned char*, unsigned) { return 1; });
+  SSL_CTX_set_max_cert_list(context, MaxCertificates);
 }
 
-DtlsSession::DtlsSession(std::shared_ptr<DtlsContext> context, Role role, const std::string& address, Send send)
-    : _context(std::move(context)), _address(address), _send(std::move(send)), _ssl(SSL_new(_context->ssl())) {
+DtlsSession::DtlsSession(std::shared_ptr<DtlsContext> context, Role role, Send send)
+    : _context(std::move(context)),
+      _send(std::move(send)),
+      _ssl(SSL_new(_context->ssl())),
+      _awaitsHello(role == Role::Server) {
   BIO* bio = BIO_new(datagramMethod());
   if (!_ssl || bio == nullptr) {
     BIO_free(bio);
@@ -73,17 +64,23 @@ DtlsSession::DtlsSession(std::shared_ptr<DtlsContext> context, Role role, const 
   SSL_set_app_data(_ssl.get(), this);
   SSL_set_mtu(_ssl.get(), HandshakeMtu);
   DTLS_set_timer_cb(_ssl.get(), nextRepeat);
-  if (role == Role::Client) {
+  if (role == Role::Client)
     SSL_set_connect_state(_ssl.get());
-    _isAddressProven = true;
-  } else {
-    SSL_set_options(_ssl.get(), SSL_OP_COOKIE_EXCHANGE);
+  else
     SSL_set_accept_state(_ssl.get());
-  }
 }
 
 DtlsSession::~DtlsSession() {
   if (!_isDead) close();
+}
+
+void DtlsSession::listen() {
+  // Where the client is does not concern the library.
+  const NodeTls::LibraryPtr<BIO_ADDR> client(BIO_ADDR_new());
+  ERR_clear_error();
+  if (!client || DTLSv1_listen(_ssl.get(), client.get()) != 1) die("its hello cannot be read");
+  ERR_clear_error();
+  _awaitsHello = false;
 }
 
 void DtlsSession::handshake() {
@@ -104,7 +101,8 @@ size_t DtlsSession::receive(const void* datagram, size_t size, void* message, si
   if (_isDead) return 0;
   _datagram = datagram;
   _datagramSize = size;
-  if (!_isEstablished) handshake();
+  if (_awaitsHello) listen();
+  if (!_isEstablished && !_isDead) handshake();
   size_t length = 0;
   if (isEstablished()) {
     ERR_clear_error();
@@ -172,6 +170,8 @@ std::optional<std::chrono::milliseconds> DtlsSession::timer() const {
   return std::chrono::seconds(left.tv_sec) + std::chrono::milliseconds(left.tv_usec / 1000 + 1);
 }
 
+bool DtlsSession::hasKeys() const { return _isEstablished || SSL_get_state(_ssl.get()) == TLS_ST_SR_CHANGE; }
+
 void DtlsSession::onTimer() {
   if (_isDead) return;
   ERR_clear_error();
@@ -215,24 +215,6 @@ int DtlsSession::readDatagram(BIO* bio, char* buffer, int size) {
 }
 
 long DtlsSession::control(BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
-
-// --- The client's address
-
-int DtlsSession::makeCookie(SSL* ssl, unsigned char* cookie, unsigned* length) {
-  const std::string& address = of(ssl)._address;
-  const auto& secret = cookieSecret();
-  return HMAC(EVP_sha256(), secret.data(), static_cast<int>(secret.size()),
-              reinterpret_cast<const unsigned char*>(address.data()), address.size(), cookie, length) != nullptr;
-}
-
-int DtlsSession::checkCookie(SSL* ssl, const unsigned char* cookie, unsigned length) {
-  unsigned char wanted[EVP_MAX_MD_SIZE];
-  unsigned wantedLength = 0;
-  if (makeCookie(ssl, wanted, &wantedLength) != 1) return 0;
-  DtlsSession& session = of(ssl);
-  session._isAddressProven = length == wantedLength && CRYPTO_memcmp(cookie, wanted, length) == 0;
-  return session._isAddressProven;
-}
 
 // --- The peer's certificate
 

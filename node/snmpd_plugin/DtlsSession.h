@@ -35,8 +35,8 @@ class DtlsSession {
   /** Sets up what all associations of a context share. */
   static void prepare(SSL_CTX* context);
 
-  /** `address`: what the peer is reached by, any text; proves of a client that it is where it says. */
-  DtlsSession(std::shared_ptr<DtlsContext> context, Role role, const std::string& address, Send send);
+  /** As a server it takes a client's hello with a cookie first, which has been found valid. */
+  DtlsSession(std::shared_ptr<DtlsContext> context, Role role, Send send);
   DtlsSession(const DtlsSession&) = delete;
   DtlsSession& operator=(const DtlsSession&) = delete;
   ~DtlsSession();
@@ -57,8 +57,8 @@ class DtlsSession {
   bool isDead() const { return _isDead; }
   /** Empty when the peer ended it in good order. */
   const std::string& fault() const { return _fault; }
-  /** Whether the peer has shown to receive what is sent to its address. */
-  bool isAddressProven() const { return _isAddressProven; }
+  /** Whether protected records can be read, the last ones of the handshake among them. Of a server. */
+  bool hasKeys() const;
   /** The security name of the peer of an established association, by the rows of this moment; empty: it has none. */
   std::string securityName() const;
   /** When onTimer wants to be called, if at all. */
@@ -76,10 +76,10 @@ class DtlsSession {
   static int writeDatagram(BIO* bio, const char* data, int size);
   static int readDatagram(BIO* bio, char* buffer, int size);
   static long control(BIO* bio, int command, long number, void* pointer);
-  static int makeCookie(SSL* ssl, unsigned char* cookie, unsigned* length);
-  static int checkCookie(SSL* ssl, const unsigned char* cookie, unsigned length);
   static int verifyPeer(X509_STORE_CTX* store, void*);
 
+  /** Takes the client's hello. */
+  void listen();
   void handshake();
   /** Takes the result of an operation of the library. */
   void evaluate(int result, const char* operation);
@@ -90,15 +90,14 @@ class DtlsSession {
   std::string expectationFault(const CertificateChain& chain) const;
 
   std::shared_ptr<DtlsContext> _context;
-  const std::string _address;
   const Send _send;
   PeerExpectation _expectation;
   std::unique_ptr<SSL, SslDeleter> _ssl;
   const void* _datagram = nullptr; /**< the one being received; null: it was read */
   size_t _datagramSize = 0;
+  bool _awaitsHello;
   bool _isEstablished = false;
   bool _isDead = false;
-  bool _isAddressProven = false;
   bool _isPeerRefused = false;
   std::string _fault;
 };

@@ -39,6 +39,12 @@ UdpSocket::UdpSocket(const netsnmp_ep& endpoint, bool listens)
     throw std::runtime_error(std::strerror(errno));
 }
 
+void UdpSocket::setReceiveBuffer(int octets) {
+  // Beyond the limit of the system only with the privilege for it.
+  if (setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUFFORCE, &octets, sizeof octets) != 0)
+    setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &octets, sizeof octets);
+}
+
 bool UdpSocket::send(const void* data, size_t size, const netsnmp_indexed_addr_pair& addresses) {
   netsnmp_indexed_addr_pair copy = addresses;
   void* opaque = &copy;
@@ -70,6 +76,11 @@ std::string addressText(const netsnmp_sockaddr_storage& address) {
 
 std::string addressKey(const netsnmp_sockaddr_storage& address) {
   return isIpv6(address) ? targetAddress(address) + octetsOf(address.sin6.sin6_scope_id) : targetAddress(address);
+}
+
+std::string sourceKey(const netsnmp_sockaddr_storage& address) {
+  constexpr size_t NetworkOctets = 8;
+  return isIpv6(address) ? octetsOf(address.sin6.sin6_addr).substr(0, NetworkOctets) : octetsOf(address.sin.sin_addr);
 }
 
 std::string targetAddress(const netsnmp_sockaddr_storage& address) {

@@ -17,6 +17,9 @@ class UdpSocket {
   int descriptor() const { return _transport->sock; }
   const netsnmp_transport& transport() const { return *_transport; }
 
+  /** Has the system keep so many octets of what was not received yet, as far as it lets the agent. */
+  void setReceiveBuffer(int octets);
+
   /** False: it failed, with errno set. */
   bool send(const void* data, size_t size, const netsnmp_indexed_addr_pair& addresses);
   bool send(const void* data, size_t size);
@@ -34,6 +37,9 @@ class UdpSocket {
 std::string addressText(const netsnmp_sockaddr_storage& address);
 /** The address as a map's key: family, address and port. */
 std::string addressKey(const netsnmp_sockaddr_storage& address);
+/** Whose the address is, as far as one can tell: the IPv4 address, or the IPv6 network (of 64 bits) that a host is in.
+ */
+std::string sourceKey(const netsnmp_sockaddr_storage& address);
 /** The address as it stands in snmpTargetAddrTAddress: the octets of the address and two of the port. */
 std::string targetAddress(const netsnmp_sockaddr_storage& address);
 

@@ -1,6 +1,7 @@
 #ifndef NODE_TLS_CERTIFICATE_H
 #define NODE_TLS_CERTIFICATE_H
 
+#include <openssl/bio.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
@@ -24,6 +25,7 @@ struct LibraryDeleter {
   void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
   void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
   void operator()(BIO* bio) const { BIO_free(bio); }
+  void operator()(BIO_ADDR* address) const { BIO_ADDR_free(address); }
 };
 template <class Object>
 using LibraryPtr = std::unique_ptr<Object, LibraryDeleter>;

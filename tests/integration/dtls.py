@@ -7,9 +7,9 @@ import socket
 import ssl
 import subprocess
 
-from tarn_node import (CREATE_AND_GO, DTLS_DOMAIN, GET_UPTIME, NOTIFY, TARGET_ADDR, TARGET_PARAMS, TrapDaemon, oid_index,
-                       row, target_rows, tlv, transport_address)
-from vela import TOOL_ENVIRONMENT
+from tarn_node import (CREATE_AND_GO, DTLS_DOMAIN, GET_UPTIME, NOTIFY, TARGET_ADDR, TARGET_PARAMS, TarnNode, TrapDaemon,
+                       oid_index, row, target_rows, tlv, transport_address)
+from vela import TOOL_ENVIRONMENT, free_port
 
 KEYS = {"ec": ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1"], "rsa": ["-newkey", "rsa:2048"]}
 
@@ -117,6 +117,34 @@ class LastingManager:
         self.process.wait()
         self.process.stdin.close()
         self.process.stdout.close()
+
+
+class DtlsNode(TarnNode):
+    """A node whose agent listens for DTLS as well."""
+
+    def __init__(self, folder, credential, host="127.0.0.1"):
+        super().__init__(folder)
+        self.host = host
+        self.dtls_port = free_port(socket.AF_INET6 if ":" in host else socket.AF_INET, host)
+        self.configuration = self.folder / "no-backup/etc/snmp"
+        self.tarn("tls", "show")
+        self.credential = credential
+        if credential:
+            credential.install(self.configuration, key=True)
+
+    def start(self):
+        self.configure(f"ipAddress=udp:127.0.0.1:{self.port},{transport_address('dtlsudp', self.host, self.dtls_port)}",
+                       *([f"dtlsNodeCredential={self.credential.fingerprint}"] if self.credential else []))
+        self.tarn("snmp", "start")
+        self.enable_notifications()
+        return self
+
+    def refused(self, *varbinds):
+        """The error with which a SET is refused."""
+        result = self.snmp("snmpset", *varbinds)
+        assert result.returncode != 0
+        return next(line.split(": ", 1)[1].split(" ")[0] for line in result.stderr.splitlines()
+                    if line.startswith("Reason"))
 
 
 # --- Rows of the agent's tables

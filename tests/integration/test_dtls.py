@@ -8,42 +8,15 @@ import time
 
 import pytest
 
-from dtls import (ADDR, ANY, AUTHORITY, CERT, COMMON_NAME, CONFIGURATION, CREATE_AND_WAIT, DESTROY, DNS, IP, MAPPING, PARAMS,
+from dtls import (ADDR, ANY, AUTHORITY, DtlsNode, CERT, COMMON_NAME, CONFIGURATION, CREATE_AND_WAIT, DESTROY, DNS, IP, MAPPING, PARAMS,
                   RFC822, SPECIFIED, LastingManager, add_dtls_target, addr_row, allow, fingerprint, openssl, params_row,
                   remove_target, trust_row)
-from tarn_node import TarnNode, oid_index, transport_address
-from vela import eventually, free_port
+from strangers import client_hello
+from tarn_node import oid_index
+from vela import eventually
 
 UPTIME = ".1.3.6.1.2.1.1.3.0"
 ENGINE_ID = "1.3.6.1.6.3.10.2.1.1.0"
-
-
-class DtlsNode(TarnNode):
-    """A node whose agent listens for DTLS as well."""
-
-    def __init__(self, folder, credential, host="127.0.0.1"):
-        super().__init__(folder)
-        self.host = host
-        self.dtls_port = free_port(socket.AF_INET6 if ":" in host else socket.AF_INET, host)
-        self.configuration = self.folder / "no-backup/etc/snmp"
-        self.tarn("tls", "show")
-        self.credential = credential
-        if credential:
-            credential.install(self.configuration, key=True)
-
-    def start(self):
-        self.configure(f"ipAddress=udp:127.0.0.1:{self.port},{transport_address('dtlsudp', self.host, self.dtls_port)}",
-                       *([f"dtlsNodeCredential={self.credential.fingerprint}"] if self.credential else []))
-        self.tarn("snmp", "start")
-        self.enable_notifications()
-        return self
-
-    def refused(self, *varbinds):
-        """The error with which a SET is refused."""
-        result = self.snmp("snmpset", *varbinds)
-        assert result.returncode != 0
-        return next(line.split(": ", 1)[1].split(" ")[0] for line in result.stderr.splitlines()
-                    if line.startswith("Reason"))
 
 
 @pytest.fixture
@@ -380,16 +353,8 @@ def test_informs(make_node, make_receiver, receivers, peer, own, option):
 
 # --- Strangers at the port
 
-def test_nonsense_and_many_beginnings_do_not_keep_managers_out(node, make_manager, peer, own):
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-        probe.bind(("127.0.0.1", 0))
-        client = subprocess.Popen(["openssl", "s_client", "-dtls1_2", "-connect",
-                                   f"127.0.0.1:{probe.getsockname()[1]}"], stdin=subprocess.DEVNULL,
-                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        hello = probe.recv(65535)
-        client.kill()
-        client.wait()
-    assert hello[0] == 22 and hello[13] == 1
+def test_nonsense_does_not_keep_managers_out(node, make_manager, peer, own):
+    hello = client_hello()
     for number in range(300):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as stranger:
             stranger.sendto(hello, ("127.0.0.1", node.dtls_port))

@@ -1,5 +1,6 @@
 """Attacks on a node, each by somebody who may reach what it begins with. docs/security.md tells who reaches what."""
 
+import contextlib
 import os
 import pathlib
 import pwd
@@ -9,7 +10,8 @@ import sys
 
 import pytest
 
-from dtls import ANY, SHA1, addr_row, params_row, trust_row
+from dtls import ANY, SHA1, DtlsNode, LastingManager, addr_row, allow, params_row, trust_row
+from strangers import DelayingRelay, Flood, Stranger, client_hello, rubbish
 from tarn_node import CREATE_AND_GO, NOTIFY, TARGET_ADDR, TARGET_PARAMS, TarnNode, oid_index, row
 from vela import Node, TOOL_ENVIRONMENT, eventually, free_port, target_xml
 
@@ -232,7 +234,7 @@ def test_nobody_writes_the_agents_configuration_through_a_default_view(node):
     counted = f"4.{name}"
     trust = [trust_row(77, "ab" * 20), addr_row(name)]
     requests = [
-        *trust, params_row(name, "ab" * 20), trust_row(1, "ab" * 20, ANY)[:3], [f"1.3.6.1.2.1.198.2.2.1.3.1.6.1", "i", 6],
+        *trust, params_row(name, "ab" * 20), trust_row(1, "ab" * 20, ANY)[:3], ["1.3.6.1.2.1.198.2.2.1.3.1.6.1", "i", 6],
         row(GROUPS, f"2.{counted}", (3, "s", "grp"), (5, "i", CREATE_AND_GO)),
         row(RULES, f"{counted}.0.2.1", (5, "s", "_all_"), (6, "s", "_all_"), (9, "i", CREATE_AND_GO)),
         row(VIEWS, f"{counted}.1.1", (4, "i", 1), (6, "i", CREATE_AND_GO)),
@@ -249,3 +251,71 @@ def test_nobody_writes_the_agents_configuration_through_a_default_view(node):
         node.snmp("snmpset", *map(str, request), user=node.config_user())
     read = node.snmp("snmpget", trust_row(77, "")[0], user=WRITERS["v2c"]).stdout
     assert read.replace(" ", "").lower().count("ab") >= 15 and SHA1 in read
+
+
+# --- Those without a certificate at the DTLS port
+
+ENGINE_ID, UPTIME = "1.3.6.1.6.3.10.2.1.1.0", ".1.3.6.1.2.1.1.3.0"
+
+
+class Port:
+    """A node that listens for DTLS, and a manager that it trusts."""
+
+    def __init__(self, folder, credentials, stopping):
+        self.own, self.peer = credentials("node"), credentials("peer")
+        self.node = stopping(DtlsNode(folder, self.own).start())
+        self.node.set(*trust_row(1, self.peer.fingerprint))
+        allow(self.node, "peer")
+        self.number = self.node.dtls_port
+        engine_id = bytes.fromhex(self.node.get(ENGINE_ID).replace(" ", ""))
+        self.manager = stopping(LastingManager(self.peer, self.number, engine_id))
+        assert self.manager.ask(5)
+
+    def memory(self):
+        with open(f"/proc/{self.node.pid()}/statm", encoding="ascii") as file:
+            return int(file.read().split()[1]) * os.sysconf("SC_PAGESIZE")
+
+
+@pytest.fixture
+def port(folder, credentials, stopping):
+    return Port(folder, credentials, stopping)
+
+
+@pytest.fixture
+def strangers(port):
+    with contextlib.ExitStack() as ends:
+        yield lambda count: [ends.enter_context(contextlib.closing(Stranger(port.number, number)))
+                             for number in range(count)]
+
+
+def test_what_strangers_send_is_not_kept(port, strangers):
+    before = port.memory()
+    hello, garbage = client_hello(), list(rubbish())
+    opened = 0
+    for stranger in strangers(1000):
+        opened += stranger.open(hello, timeout=0.2)
+        for datagram in garbage:
+            stranger.send(datagram)
+    assert opened >= 300, "the strangers got as far as they can"
+    assert port.memory() - before < 50_000_000
+    assert port.manager.ask(5)
+    assert len(port.node.log().splitlines()) < 50
+
+
+def test_openings_do_not_displace_managers(port, strangers):
+    hello = client_hello()
+    asked = 0
+    for number, stranger in enumerate(strangers(1500)):
+        stranger.open(hello, timeout=0.2)
+        if number % 300 == 0:
+            asked += port.manager.ask(5)
+    assert asked == 5 and port.manager.ask(5)
+
+
+def test_a_flood_of_hellos_lets_a_distant_manager_in(port, make_manager):
+    with contextlib.closing(DelayingRelay(port.number, 0.1)) as relay, \
+            contextlib.closing(Flood(port.number, client_hello(), 2000)) as flood:
+        for _ in range(3):
+            manager = make_manager(port.peer, port.own)
+            assert manager.run("snmpget", relay.port, UPTIME, timeout=5).returncode == 0
+        assert flood.rate() > 1500
