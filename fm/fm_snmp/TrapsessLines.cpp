@@ -132,9 +132,9 @@ std::string usmTrapsess(const SnmpTargetV3Usm& target) {
 }
 
 std::string dtlsTrapsess(const SnmpTargetV3Tls& target, const SnmpTlsOptions& tls) {
-  if (!canBeTrapsess(target, {})) return {};
-  std::string line = "trapsess -Ci -v 3 -l authPriv ";
-  line += "-T our_identity=" + toPlainFingerprint(tls.nodeCredential);
+  if (!canBeTrapsess(target, {&target.user})) return {};
+  std::string line = "trapsess -Ci -v 3 -l authPriv -u " + toWord(target.user);
+  line += " -T our_identity=" + toPlainFingerprint(tls.nodeCredential);
   line += receiverIdentity(tls.trustCategories);
   line += " -r " + std::to_string(target.informRetryCount);
   line += " -t " + toSeconds(target, target.informTimeout);

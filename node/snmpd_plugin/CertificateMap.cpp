@@ -127,14 +127,19 @@ bool hasIssued(const CertificateChain& chain, X509* certificate) {
   });
 }
 
+/** The name that a row gives, as far as it can be told without a peer: of its certificate on file, or spelled out. */
+std::string nameOnFile(const netsnmp_cert_map& row, const NodeTls::CertificateFolder& onFile) {
+  const bool isSpecified = static_cast<NameMapping>(row.mapType) == NameMapping::Specified;
+  const NodeTls::Certificate* certificate = onFile.findByFingerprint(row.fingerprint);
+  if (certificate == nullptr && !isSpecified) return {};
+  return mappedName(certificate == nullptr ? nullptr : certificate->get(), row);
+}
+
 /** Whether a row keeps a name from whoever has the chain, whose issuers give it that name. */
 bool reserves(const netsnmp_cert_map& row, const std::string& name, const CertificateChain& chain,
               const NodeTls::CertificateFolder& onFile) {
-  const bool isSpecified = static_cast<NameMapping>(row.mapType) == NameMapping::Specified;
+  if (nameOnFile(row, onFile) != name || isOne(chain, row.fingerprint)) return false;
   const NodeTls::Certificate* certificate = onFile.findByFingerprint(row.fingerprint);
-  if (certificate == nullptr && !isSpecified) return false;
-  if (mappedName(certificate == nullptr ? nullptr : certificate->get(), row) != name) return false;
-  if (isOne(chain, row.fingerprint)) return false;
   return certificate == nullptr || !hasIssued(chain, certificate->get());
 }
 
@@ -157,6 +162,19 @@ std::string CertificateMap::securityNameOf(const CertificateChain& chain, const 
       return reserves(*other, name, chain, onFile);
     });
     if (!isReserved) return name;
+  }
+  return {};
+}
+
+std::string CertificateMap::impostureOf(const CertificateChain& chain, const std::vector<std::string>& names,
+                                        const NodeTls::CertificateFolder& onFile) {
+  const auto isWanted = [&names](const std::string& name) {
+    return !name.empty() && std::find(names.begin(), names.end(), name) != names.end();
+  };
+  if (names.empty() || isWanted(securityNameOf(chain, onFile))) return {};
+  for (const netsnmp_cert_map* row : rowsByPriority()) {
+    const std::string name = nameOnFile(*row, onFile);
+    if (isWanted(name)) return "is not that of '" + name + "', who is to receive there";
   }
   return {};
 }

@@ -35,6 +35,13 @@ class CertificateMap {
   static std::string securityNameOf(const CertificateChain& chain, const NodeTls::CertificateFolder& onFile);
 
   /**
+   * Why somebody who is trusted is not who goes by one of the names: certificates on file have such a name, and the
+   * chain gives none of the names. Empty otherwise.
+   */
+  static std::string impostureOf(const CertificateChain& chain, const std::vector<std::string>& names,
+                                 const NodeTls::CertificateFolder& onFile);
+
+  /**
    * Whether there are rows and none is being written: the agent gets them one after the other when it has started, and
    * a peer should not be refused meanwhile.
    */

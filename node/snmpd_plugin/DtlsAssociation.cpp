@@ -106,6 +106,7 @@ PeerExpectation DtlsAssociation::expectation() const {
     append(all.trusted, user->expectation().trusted);
     append(all.required, user->expectation().required);
     append(all.hosts, user->expectation().hosts);
+    append(all.names, user->expectation().names);
   }
   return all;
 }
@@ -128,7 +129,7 @@ void DtlsAssociation::send(std::string message) {
 
 bool DtlsAssociation::isUsable() const {
   if (!_session || !_session->isEstablished()) return false;
-  if (_mapGeneration != CertificateMap::generation()) return false;
+  if (!_session->lapse().empty() || _mapGeneration != CertificateMap::generation()) return false;
   const auto now = Clock::now();
   return now - _lastHeard < TrustedFor || now - _lastSent < BurstGap;
 }

@@ -26,11 +26,15 @@ class DtlsContext {
   static void setFallback(const std::string& certificate);
   /** Makes what is asked for next read the files again. */
   static void forgetAll();
+  /**
+   * The node's folder of certificates as it was last read; read again when its files changed, which is looked for once
+   * a second and counts as a change of CertificateMap.
+   */
+  static std::shared_ptr<const NodeTls::CertificateFolder> onFile();
   /** The node's folder of certificates, as it is now. */
   static NodeTls::CertificateFolder readFolder();
 
   SSL_CTX* ssl() const { return _context.get(); }
-  const NodeTls::CertificateFolder& folder() const { return _folder; }
 
  private:
   struct ContextDeleter {
@@ -39,7 +43,7 @@ class DtlsContext {
 
   explicit DtlsContext(const std::string& certificate);
 
-  NodeTls::CertificateFolder _folder;
+  std::shared_ptr<const NodeTls::CertificateFolder> _folder; /**< owns what the context presents */
   std::unique_ptr<SSL_CTX, ContextDeleter> _context;
 };
 

@@ -115,12 +115,15 @@ size_t DtlsListener::takeFromPeer(Peer& peer, std::string_view datagram, void* b
 }
 
 bool DtlsListener::isStillAdmitted(Peer& peer) {
+  std::string fault = peer.session->lapse();
   const unsigned generation = CertificateMap::generation();
-  if (peer.mapGeneration == generation) return true;
-  peer.mapGeneration = generation;
-  peer.securityName = peer.session->securityName();
-  if (peer.securityName.empty()) report(peer.addresses, "is cut off", "its certificate is trusted no more");
-  return !peer.securityName.empty();
+  if (fault.empty() && peer.mapGeneration != generation) {
+    peer.mapGeneration = generation;
+    peer.securityName = peer.session->securityName();
+    if (peer.securityName.empty()) fault = "is trusted no more";
+  }
+  if (!fault.empty()) report(peer.addresses, "is cut off", "its certificate " + fault);
+  return fault.empty();
 }
 
 size_t DtlsListener::takeFromNewcomer(Newcomer& newcomer, std::string_view datagram, void* buffer, size_t capacity) {
@@ -191,7 +194,7 @@ void DtlsListener::report(const netsnmp_indexed_addr_pair& addresses, const std:
                           const std::string& fault) {
   if (fault.empty()) return;
   const auto& address = addresses.remote_addr;
-  _log.tell(sourceKey(address), kind, "manager " + addressText(address) + " " + kind + ": " + fault);
+  _log.tell(sourceKey(address), kind, "manager " + addressText(address) + " " + kind + ": " + cutForLog(fault));
 }
 
 }  // namespace SnmpdPlugin

@@ -50,6 +50,7 @@ void DtlsNotifier::configure(const std::string& token, const std::string& value)
 bool DtlsNotifier::send(const void* message, size_t size, const netsnmp_tmStateReference* state) {
   if (state != nullptr) _securityName.assign(state->securityName, state->securityNameLen);
   if (!_association) {
+    _expectation.names = {_securityName};
     _association = DtlsAssociation::to(_endpoint, _certificate);
     _association->attach(*this);
   }

@@ -26,14 +26,10 @@ unsigned nextRepeat(SSL*, unsigned last) {
 }
 
 std::string describe(const X509* certificate) {
-  return "the certificate of " + NodeTls::subjectOf(certificate) + " (" + NodeTls::nodeFingerprintOf(certificate) + ")";
-}
-
-CertificateChain toChain(const STACK_OF(X509) * stack, X509* own) {
-  CertificateChain chain;
-  for (int i = 0; i < sk_X509_num(stack); ++i) chain.push_back(sk_X509_value(stack, i));
-  if (chain.empty() && own != nullptr) chain.push_back(own);
-  return chain;
+  // What it is refused for stands behind it and has to find place in a line, too.
+  constexpr size_t MaxSubject = 60;
+  return "the certificate of " + NodeTls::subjectOf(certificate).substr(0, MaxSubject) + " (" +
+         NodeTls::nodeFingerprintOf(certificate) + ")";
 }
 
 }  // namespace
@@ -156,12 +152,12 @@ void DtlsSession::die(const std::string& fault) {
 
 CertificateChain DtlsSession::peerChain() const {
   if (!_isEstablished) return {};
-  return toChain(SSL_get0_verified_chain(_ssl.get()), SSL_get0_peer_certificate(_ssl.get()));
+  return chainOf(SSL_get0_verified_chain(_ssl.get()), SSL_get0_peer_certificate(_ssl.get()));
 }
 
 std::string DtlsSession::securityName() const {
   const CertificateChain chain = peerChain();
-  return chain.empty() ? std::string() : CertificateMap::securityNameOf(chain, _context->folder());
+  return chain.empty() ? std::string() : CertificateMap::securityNameOf(chain, *DtlsContext::onFile());
 }
 
 std::optional<std::chrono::milliseconds> DtlsSession::timer() const {
@@ -169,6 +165,8 @@ std::optional<std::chrono::milliseconds> DtlsSession::timer() const {
   if (_isDead || DTLSv1_get_timeout(_ssl.get(), &left) != 1) return std::nullopt;
   return std::chrono::seconds(left.tv_sec) + std::chrono::milliseconds(left.tv_usec / 1000 + 1);
 }
+
+std::string DtlsSession::lapse() const { return lapseOf(peerChain(), *DtlsContext::onFile()); }
 
 bool DtlsSession::hasKeys() const { return _isEstablished || SSL_get_state(_ssl.get()) == TLS_ST_SR_CHANGE; }
 
@@ -232,9 +230,9 @@ bool DtlsSession::isTrusted(X509_STORE_CTX* store) {
   X509* own = X509_STORE_CTX_get0_cert(store);
   std::vector<std::string> trusted = CertificateMap::fingerprints();
   trusted.insert(trusted.end(), _expectation.trusted.begin(), _expectation.trusted.end());
-  auto refusal = refusalOf(store, _context->folder(), trusted);
+  auto refusal = refusalOf(store, *DtlsContext::onFile(), trusted);
   if (!refusal) {
-    const std::string fault = expectationFault(toChain(X509_STORE_CTX_get0_chain(store), own));
+    const std::string fault = expectationFault(chainOf(X509_STORE_CTX_get0_chain(store), own));
     if (!fault.empty()) refusal = {fault, X509_V_ERR_CERT_REJECTED};
   }
   if (refusal) _fault = describe(own) + " " + refusal->text;
@@ -259,7 +257,7 @@ std::string DtlsSession::expectationFault(const CertificateChain& chain) const {
         X509_check_host(chain.front(), host.data(), host.size(), 0, nullptr) != 1)
       return "does not name the expected host '" + host + "'";
   }
-  return {};
+  return CertificateMap::impostureOf(chain, _expectation.names, *DtlsContext::onFile());
 }
 
 }  // namespace SnmpdPlugin

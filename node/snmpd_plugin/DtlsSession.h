@@ -20,6 +20,7 @@ struct PeerExpectation {
   std::vector<std::string> trusted;  /**< further fingerprints, plain */
   std::vector<std::string> required; /**< fingerprints each of which the peer or one of its issuers must have */
   std::vector<std::string> hosts;    /**< names or addresses that the peer's certificate must have, all of them */
+  std::vector<std::string> names;    /**< security names one of which it must have, if certificates on file have any */
 };
 
 /**
@@ -61,6 +62,8 @@ class DtlsSession {
   bool hasKeys() const;
   /** The security name of the peer of an established association, by the rows of this moment; empty: it has none. */
   std::string securityName() const;
+  /** Why the peer of an established association is trusted no more, as lapseOf. */
+  std::string lapse() const;
   /** When onTimer wants to be called, if at all. */
   std::optional<std::chrono::milliseconds> timer() const;
   /** Repeats what was lost on the way. */

@@ -34,18 +34,33 @@ bool isVouchedFor(X509_STORE_CTX* store, const NodeTls::CertificateFolder& onFil
 
 std::optional<Refusal> refusalOf(X509_STORE_CTX* store, const NodeTls::CertificateFolder& onFile,
                                  const std::vector<std::string>& trusted) {
-  const X509* own = X509_STORE_CTX_get0_cert(store);
+  X509* own = X509_STORE_CTX_get0_cert(store);
   const auto known = NodeTls::fingerprintsOf(own);
   const bool isKnown = std::find_first_of(trusted.begin(), trusted.end(), known.begin(), known.end()) != trusted.end();
-  if (isKnown) {
-    // Nobody has to vouch for it, so what it was made for does not matter.
-    const std::string fault = NodeTls::validityFaultOf(own);
-    if (!fault.empty()) return Refusal{fault, X509_V_ERR_CERT_HAS_EXPIRED};
-  } else if (!isVouchedFor(store, onFile, trusted)) {
+  // Nobody has to vouch for one that is known, so what it was made for does not matter.
+  if (!isKnown && !isVouchedFor(store, onFile, trusted)) {
     const int error = X509_STORE_CTX_get_error(store);
     return Refusal{std::string("is not trusted: ") + X509_verify_cert_error_string(error), error};
   }
+  const std::string fault = lapseOf(chainOf(X509_STORE_CTX_get0_chain(store), own), onFile);
+  if (!fault.empty()) return Refusal{fault, X509_V_ERR_CERT_HAS_EXPIRED};
   return std::nullopt;
+}
+
+CertificateChain chainOf(const STACK_OF(X509) * stack, X509* own) {
+  CertificateChain chain;
+  for (int i = 0; i < sk_X509_num(stack); ++i) chain.push_back(sk_X509_value(stack, i));
+  if (chain.empty() && own != nullptr) chain.push_back(own);
+  return chain;
+}
+
+std::string lapseOf(const CertificateChain& chain, const NodeTls::CertificateFolder& onFile) {
+  for (X509* certificate : chain) {
+    std::string fault = NodeTls::validityFaultOf(certificate);
+    if (fault.empty()) fault = onFile.revocationOf(certificate);
+    if (!fault.empty()) return fault;
+  }
+  return {};
 }
 
 }  // namespace SnmpdPlugin

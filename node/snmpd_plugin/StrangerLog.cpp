@@ -26,10 +26,10 @@ void StrangerLog::tell(const std::string& origin, const std::string& kind, const
   if (_told.count(key) == 0 && _told.size() >= MaxOrigins) key.clear();
   const auto [entry, isNew] = _told.try_emplace(key);
   if (isNew) {
-    log(cutForLog(text));
+    log(text);
   } else {
     ++entry->second.count;
-    entry->second.last = cutForLog(text);
+    entry->second.last = text;
   }
   if (!_timer.isRunning()) _timer.start(Period);
 }

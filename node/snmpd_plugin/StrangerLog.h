@@ -8,7 +8,7 @@
 
 namespace SnmpdPlugin {
 
-/** A text with something of a stranger's in it, as short as it is let into the log: 200 characters. */
+/** A text with something of a stranger's in it, cut to what is let into the log: 200 characters. */
 std::string cutForLog(const std::string& text);
 
 /**
@@ -20,7 +20,7 @@ class StrangerLog {
  public:
   StrangerLog() : _timer([this] { tellCounted(); }) {}
 
-  /** `origin`: an address without port, say; `text`: a line, of which the stranger may have made a part. */
+  /** `origin`: an address without port, say; `text`: a line, with cutForLog where a stranger has a part in it. */
   void tell(const std::string& origin, const std::string& kind, const std::string& text);
 
  private:

@@ -24,7 +24,8 @@ enum AddrColumn : oid { AddrFingerprint = 1, AddrIdentity, AddrStorageType, Addr
 constexpr size_t MaxAdminString = 255;
 constexpr size_t MaxName = 32;  // snmpTargetParamsName, snmpTargetAddrName
 constexpr oid MaxOctet = 255;
-constexpr unsigned char DigestLengths[] = {0, 16, 20, 28, 32, 48, 64};  // by HashAlgorithm of RFC 5246
+/** By HashAlgorithm of RFC 5246; 0 for those that are not taken, MD5 among them. */
+constexpr unsigned char DigestLengths[] = {0, 0, 20, 28, 32, 48, 64};
 
 Oid configuration(oid object, std::initializer_list<oid> rest) {
   Oid name = Configuration;
@@ -43,7 +44,7 @@ Oid oidOf(const std::string& cell) {
 int checkFingerprint(const std::string& value) {
   if (value.empty()) return SNMP_ERR_NOERROR;
   const auto hash = static_cast<unsigned char>(value.front());
-  if (hash == 0 || hash >= std::size(DigestLengths)) return SNMP_ERR_WRONGVALUE;
+  if (hash >= std::size(DigestLengths) || DigestLengths[hash] == 0) return SNMP_ERR_WRONGVALUE;
   return value.size() == 1U + DigestLengths[hash] ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGLENGTH;
 }
 

@@ -143,13 +143,15 @@ std::string Credentials::show() const {
   const NodeTls::CertificateFolder folder(_folder.tls());
   std::string text;
   for (const Certificate& certificate : folder.certificates()) {
-    const std::string fault = NodeTls::validityFaultOf(certificate.get());
+    std::string fault = NodeTls::validityFaultOf(certificate.get());
+    if (fault.empty()) fault = folder.revocationOf(certificate.get());
     text += NodeTls::nodeFingerprintOf(certificate.get()) + "  " + certificate.file().filename().string() + "  " +
             (folder.hasKey(certificate) ? "with key" : "no key") + "  " +
             (fault.empty() ? "valid until " + NodeTls::validUntil(certificate.get()) : fault) + "  " +
             NodeTls::subjectOf(certificate.get()) + "\n";
   }
-  for (const std::string& fault : folder.faults()) text += fault + "\n";
+  for (const auto* faults : {&folder.faults(), &folder.revocationFaults()})
+    for (const std::string& fault : *faults) text += fault + "\n";
   return text;
 }
 

@@ -76,8 +76,8 @@ std::filesystem::path NodeFolder::pidFile() const { return NodeFiles::AgentRecor
 std::filesystem::path NodeFolder::agentRecord() const { return NodeFiles::AgentRecord::fileIn(_root); }
 
 void NodeFolder::make() const {
-  for (const auto& folder : {parts(), certificates(), privateKeys(), persistent(), run(), log().parent_path(),
-                             agentXSocket().parent_path(), passwordFile().parent_path()})
+  for (const auto& folder : {parts(), certificates(), privateKeys(), revocations(), persistent(), run(),
+                             log().parent_path(), agentXSocket().parent_path(), passwordFile().parent_path()})
     makePrivateFolder(folder);
 }
 
@@ -86,7 +86,7 @@ void NodeFolder::handOverCredentials() const {
   constexpr mode_t Passage = S_IRWXU | S_IXGRP;
   for (std::filesystem::path folder = tls(); folder != _root.parent_path(); folder = folder.parent_path())
     change(folder, geteuid(), _agentUser.gid, Passage);
-  for (const auto& folder : {certificates(), privateKeys()}) {
+  for (const auto& folder : {certificates(), privateKeys(), revocations()}) {
     change(folder, _agentUser.uid, _agentUser.gid, S_IRWXU);
     for (const auto& entry : std::filesystem::directory_iterator(folder))
       change(entry.path(), _agentUser.uid, _agentUser.gid, entry.is_directory() ? S_IRWXU : S_IRUSR | S_IWUSR);

@@ -23,6 +23,7 @@ class NodeFolder {
   std::filesystem::path tls() const { return configuration() / "tls"; }
   std::filesystem::path certificates() const { return tls() / "certs"; }
   std::filesystem::path privateKeys() const { return tls() / "private"; }
+  std::filesystem::path revocations() const { return tls() / "crls"; }
   std::filesystem::path persistent() const { return _root / "persist"; }
   std::filesystem::path run() const { return _root / "run"; }
   std::filesystem::path pidFile() const;

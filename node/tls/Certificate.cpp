@@ -22,12 +22,6 @@ std::string textOf(BIO* bio) {
   return length <= 0 ? std::string() : std::string(text, static_cast<size_t>(length));
 }
 
-std::string timeText(const ASN1_TIME* time) {
-  const auto out = memory();
-  if (!out || ASN1_TIME_print(out.get(), time) != 1) return "?";
-  return textOf(out.get());
-}
-
 }  // namespace
 
 std::string plainFingerprint(const std::string& text) {
@@ -93,6 +87,12 @@ bool hasFingerprint(const X509* certificate, const std::string& fingerprint) {
 std::string subjectOf(const X509* certificate) {
   const auto out = memory();
   if (!out || X509_NAME_print_ex(out.get(), X509_get_subject_name(certificate), 0, XN_FLAG_ONELINE) < 0) return "?";
+  return textOf(out.get());
+}
+
+std::string timeText(const ASN1_TIME* time) {
+  const auto out = memory();
+  if (!out || ASN1_TIME_print(out.get(), time) != 1) return "?";
   return textOf(out.get());
 }
 

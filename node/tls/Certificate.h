@@ -25,6 +25,7 @@ struct LibraryDeleter {
   void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
   void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
   void operator()(BIO* bio) const { BIO_free(bio); }
+  void operator()(X509_CRL* list) const { X509_CRL_free(list); }
   void operator()(BIO_ADDR* address) const { BIO_ADDR_free(address); }
 };
 template <class Object>
@@ -70,6 +71,8 @@ std::string subjectOf(const X509* certificate);
 /** Why it is not valid at this moment: "has expired on ...", "is not valid before ..."; empty when it is valid. */
 std::string validityFaultOf(const X509* certificate);
 std::string validUntil(const X509* certificate);
+/** A time as it stands in these texts. */
+std::string timeText(const ASN1_TIME* time);
 
 }  // namespace NodeTls
 #endif

@@ -35,11 +35,25 @@ LibraryPtr<EVP_PKEY> readKey(const std::filesystem::path& file) {
   return key;
 }
 
+/** The lists of a file; in PEM form there may be several. */
+std::vector<LibraryPtr<X509_CRL>> readLists(const std::filesystem::path& file) {
+  std::vector<LibraryPtr<X509_CRL>> lists;
+  const LibraryPtr<BIO> in(BIO_new_file(file.c_str(), "rb"));
+  while (X509_CRL* list = in ? PEM_read_bio_X509_CRL(in.get(), nullptr, nullptr, nullptr) : nullptr)
+    lists.emplace_back(list);
+  if (lists.empty() && in && BIO_reset(in.get()) == 0) {
+    if (X509_CRL* list = d2i_X509_CRL_bio(in.get(), nullptr)) lists.emplace_back(list);
+  }
+  ERR_clear_error();
+  return lists;
+}
+
 }  // namespace
 
 CertificateFolder::CertificateFolder(const std::filesystem::path& folder) : _folder(folder) {
   readCertificates(folder / "certs");
   readKeys(folder / "private");
+  readRevocations(folder / "crls");
 }
 
 void CertificateFolder::readCertificates(const std::filesystem::path& folder) {
@@ -61,6 +75,42 @@ void CertificateFolder::readKeys(const std::filesystem::path& folder) {
     else
       _faults.push_back("there is no private key without pass phrase in " + file.string());
   }
+}
+
+void CertificateFolder::readRevocations(const std::filesystem::path& folder) {
+  for (const auto& file : filesIn(folder)) {
+    auto lists = readLists(file);
+    if (lists.empty()) _revocationFaults.push_back("there is no revocation list in " + file.string());
+    for (auto& list : lists) {
+      const std::string fault = signatureFaultOf(list.get());
+      const ASN1_TIME* next = X509_CRL_get0_nextUpdate(list.get());
+      if (!fault.empty())
+        _revocationFaults.push_back("the revocation list " + file.string() + " " + fault);
+      else if (next != nullptr && X509_cmp_current_time(next) < 0)
+        _revocationFaults.push_back("the revocation list " + file.string() + " is out of date since " + timeText(next));
+      if (fault.empty()) _revocations.push_back(std::move(list));
+    }
+  }
+}
+
+std::string CertificateFolder::signatureFaultOf(X509_CRL* list) const {
+  const bool isSigned = std::any_of(_certificates.begin(), _certificates.end(), [list](const Certificate& certificate) {
+    X509* signer = certificate.get();
+    return X509_NAME_cmp(X509_get_subject_name(signer), X509_CRL_get_issuer(list)) == 0 &&
+           (X509_get_key_usage(signer) & KU_CRL_SIGN) != 0 && X509_CRL_verify(list, X509_get0_pubkey(signer)) == 1;
+  });
+  ERR_clear_error();
+  return isSigned ? "" : "is signed by nobody whose certificate is on file and who may sign lists";
+}
+
+std::string CertificateFolder::revocationOf(X509* certificate) const {
+  constexpr int Revoked = 1;
+  for (const auto& list : _revocations) {
+    X509_REVOKED* entry = nullptr;
+    if (X509_CRL_get0_by_cert(list.get(), &entry, certificate) == Revoked)
+      return "was revoked on " + timeText(X509_REVOKED_get0_revocationDate(entry));
+  }
+  return {};
 }
 
 const Certificate* CertificateFolder::findByFingerprint(const std::string& fingerprint) const {

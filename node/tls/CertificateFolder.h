@@ -18,8 +18,9 @@ struct Identity {
 };
 
 /**
- * The certificates and private keys of a node as they lie in a folder: "certs" (its own, its peers', and authorities')
- * and "private". Read once, at construction; a file that cannot be used takes nothing from the others.
+ * The certificates and private keys of a node as they lie in a folder: "certs" (its own, its peers', and authorities'),
+ * "private", and "crls" with lists of certificates that were revoked (RFC 5280, 5). Read once, at construction; a file
+ * that cannot be used takes nothing from the others.
  */
 class CertificateFolder {
  public:
@@ -28,6 +29,15 @@ class CertificateFolder {
   const std::vector<Certificate>& certificates() const { return _certificates; }
   /** A line for each file that could not be used. */
   const std::vector<std::string>& faults() const { return _faults; }
+
+  /** A line for each revocation list that does not count, or should have been replaced by a newer one. */
+  const std::vector<std::string>& revocationFaults() const { return _revocationFaults; }
+
+  /**
+   * "was revoked on ..." for a certificate that its issuer's list names; empty for others. A list counts when it is
+   * signed by a certificate on file that may sign lists, also when it is out of date.
+   */
+  std::string revocationOf(X509* certificate) const;
 
   /** By a plain fingerprint; null when there is none. */
   const Certificate* findByFingerprint(const std::string& fingerprint) const;
@@ -47,6 +57,9 @@ class CertificateFolder {
 
   void readCertificates(const std::filesystem::path& folder);
   void readKeys(const std::filesystem::path& folder);
+  void readRevocations(const std::filesystem::path& folder);
+  /** Why a list does not count; empty when it does. */
+  std::string signatureFaultOf(X509_CRL* list) const;
   EVP_PKEY* keyOf(const Certificate& certificate) const;
   std::string missingKeyText(const Certificate& certificate) const;
   std::vector<X509*> issuersOf(const Certificate& certificate) const;
@@ -55,7 +68,9 @@ class CertificateFolder {
   std::vector<Certificate> _certificates;
   std::unordered_map<std::string, size_t> _byFingerprint; /**< places in _certificates */
   std::vector<Key> _keys;
+  std::vector<LibraryPtr<X509_CRL>> _revocations;
   std::vector<std::string> _faults;
+  std::vector<std::string> _revocationFaults;
 };
 
 }  // namespace NodeTls

@@ -6,6 +6,7 @@ import select
 import socket
 import ssl
 import subprocess
+import time
 
 from tarn_node import (CREATE_AND_GO, DTLS_DOMAIN, GET_UPTIME, NOTIFY, TARGET_ADDR, TARGET_PARAMS, TarnNode, TrapDaemon,
                        oid_index, row, target_rows, tlv, transport_address)
@@ -27,7 +28,8 @@ AUTHORITY = ("basicConstraints=critical,CA:true", "keyUsage=critical,keyCertSign
 class Credential:
     """A certificate and its key, in files `<name>.crt` and `<name>.key` of a folder."""
 
-    def __init__(self, folder, name, hash="sha256", key="ec", issuer=None, days=30, usage=MEMBER, says=None):
+    def __init__(self, folder, name, hash="sha256", key="ec", issuer=None, days=30, usage=MEMBER, says=None,
+                 subject=None):
         """`usage`: extensions; `says`: the name in the certificate, where that is not the files'."""
         folder.mkdir(parents=True, exist_ok=True)
         self.name = name
@@ -35,13 +37,48 @@ class Credential:
         self.key = folder / f"{name}.key"
         extensions = [word for text in (f"subjectAltName=DNS:{says or name}", *usage) for word in ("-addext", text)]
         request = folder / f"{name}.csr"
-        openssl("req", "-new", *KEYS[key], "-nodes", "-keyout", self.key, "-subj", f"/CN={name}", *extensions, "-out",
-                request)
+        openssl("req", "-new", *KEYS[key], "-nodes", "-keyout", self.key, "-subj", subject or f"/CN={name}", *extensions,
+                "-out", request)
         signer = ["-CA", issuer.certificate, "-CAkey", issuer.key, "-CAcreateserial"] if issuer else \
             ["-signkey", self.key]
         openssl("x509", "-req", "-in", request, *signer, "-copy_extensions", "copy", f"-{hash}", "-days", days, "-out",
                 self.certificate)
         self.fingerprint = fingerprint(self.certificate)
+
+    def authority(self, *arguments):
+        """Acts as an authority with this credential, by `openssl ca`."""
+        folder = self.key.parent / f"{self.name}.ca"
+        if not folder.exists():
+            folder.mkdir()
+            (folder / "index").touch()
+            (folder / "cnf").write_text(f"""[ca]
+default_ca = own
+[own]
+database = {folder}/index
+new_certs_dir = {folder}
+rand_serial = yes
+unique_subject = no
+default_md = sha256
+default_crl_days = 1
+policy = any
+copy_extensions = copy
+[any]
+commonName = supplied
+""")
+        openssl("ca", "-config", folder / "cnf", "-batch", "-keyfile", self.key, "-cert", self.certificate, *arguments)
+
+    def expire_in(self, seconds):
+        """Makes the certificate anew, self-signed, so that it expires soon."""
+        end = time.strftime("%Y%m%d%H%M%SZ", time.gmtime(time.time() + seconds))
+        self.authority("-selfsign", "-in", self.key.with_suffix(".csr"), "-out", self.certificate, "-notext", "-enddate",
+                       end)
+        self.fingerprint = fingerprint(self.certificate)
+
+    def revoke(self, file, *members):
+        """Writes a list of revoked certificates of this authority."""
+        for member in members:
+            self.authority("-revoke", member.certificate)
+        self.authority("-gencrl", "-out", file)
 
     def install(self, configuration, key=False):
         """Puts the certificate into a configuration folder of net-snmp's, or of a node."""

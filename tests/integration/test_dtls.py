@@ -8,9 +8,9 @@ import time
 
 import pytest
 
-from dtls import (ADDR, ANY, AUTHORITY, DtlsNode, CERT, COMMON_NAME, CONFIGURATION, CREATE_AND_WAIT, DESTROY, DNS, IP, MAPPING, PARAMS,
-                  RFC822, SPECIFIED, LastingManager, add_dtls_target, addr_row, allow, fingerprint, openssl, params_row,
-                  remove_target, trust_row)
+from dtls import (ADDR, ANY, AUTHORITY, CERT, COMMON_NAME, CONFIGURATION, CREATE_AND_WAIT, DESTROY, DNS, IP, MAPPING,
+                  PARAMS, RFC822, SPECIFIED, Credential, DtlsNode, LastingManager, add_dtls_target, addr_row, allow,
+                  fingerprint, openssl, params_row, remove_target, trust_row)
 from strangers import client_hello
 from tarn_node import oid_index
 from vela import eventually
@@ -83,6 +83,7 @@ def test_rows_of_the_tables(make_node, own):
             ([f"{CERT}.6.7", "i", 3], "wrongValue"), ([f"{CERT}.6.7", "i", 7], "wrongValue"),
             ([f"{CERT}.5.7", "i", 4], "wrongValue"), ([f"{CERT}.3.7", "o", f"{MAPPING}.9"], "wrongValue"),
             ([f"{CERT}.2.7", "x", "02aabb"], "wrongLength"), ([f"{CERT}.2.7", "x", "09" + FINGERPRINT], "wrongValue"),
+            ([f"{CERT}.2.7", "x", "01" + "ab" * 16], "wrongValue"),  # MD5
             ([f"{CERT}.2.7", "i", 1], "wrongType"), ([f"{CERT}.7.7", "i", 1], "notWritable"),
             ([f"{CERT}.6.7.7", "i", 4], "noCreation"),
             ([f"{ADDR}.4." + ".".join(["65"] * 33), "i", 4], "noCreation"),
@@ -142,8 +143,7 @@ def test_requests_are_served_in_bulk_and_leave_nothing_behind(node, make_manager
 
 
 def test_who_is_trusted_no_more_is_cut_off_at_once(node, stopping, peer):
-    manager = stopping(LastingManager(peer, node.dtls_port, bytes.fromhex(node.get(ENGINE_ID).replace(" ", ""))))
-    eventually(lambda: manager.ask(1))
+    manager = lasting(stopping, node, peer)
     # Another row for it comes and goes.
     node.set(*trust_row(2, peer.fingerprint))
     node.set(f"{CERT}.6.1", "i", DESTROY)
@@ -165,7 +165,7 @@ def test_an_authority_vouches_for_its_own_and_names_come_from_the_peers_certific
     manager = make_manager(member, own)
     # The node has to have the authority's certificate to know what it signed.
     assert not can_read(manager, node, timeout=0.5)
-    authority.install(node.configuration)
+    node.tarn("tls", "add", str(authority.certificate))
     node.set(f"{CERT}.6.1", "i", DESTROY)
     node.set(*trust_row(1, authority.fingerprint))
     assert can_read(manager, node)
@@ -192,9 +192,50 @@ def test_a_trusted_peer_takes_nobody_elses_name(make_node, make_manager, credent
     # An authority may give the name of another to whom it has given it.
     if vouches:
         helper = credentials("helper", issuer=forger)
-        helper.install(node.configuration)
+        node.tarn("tls", "add", str(helper.certificate))
         node.set(*trust_row(3, helper.fingerprint))
         assert can_read(make_manager(forged, own), node)
+
+
+def lasting(stopping, node, credential):
+    """A manager with an association that works."""
+    manager = stopping(LastingManager(credential, node.dtls_port, bytes.fromhex(node.get(ENGINE_ID).replace(" ", ""))))
+    eventually(lambda: manager.ask(1))
+    return manager
+
+
+def test_a_certificate_that_expires_ends_its_association(node, stopping, peer):
+    allow(node, "soon")
+    peer.expire_in(4)
+    node.set(*trust_row(2, peer.fingerprint))
+    manager = lasting(stopping, node, peer)
+    eventually(lambda: not manager.ask(0.3), 10)
+    assert "is cut off: its certificate has expired on" in node.log()
+
+
+def test_revoked_certificates_are_trusted_no_more(make_node, make_manager, credentials, stopping, own, folder):
+    authority = credentials("authority", usage=AUTHORITY)
+    names = ("revoked", "pinned", "member")
+    members = {name: credentials(name, issuer=authority) for name in names}
+    node = make_node(own)
+    authority.install(node.configuration)
+    node.start()
+    node.set(*trust_row(1, authority.fingerprint), *trust_row(2, members["pinned"].fingerprint))
+    managers = {name: make_manager(members[name], own) for name in names}
+    for name in names:
+        allow(node, name)
+        assert can_read(managers[name], node)
+    living = lasting(stopping, node, members["revoked"])
+    lists = node.configuration / "tls/crls"
+    lists.mkdir(exist_ok=True)
+    # One of somebody who calls himself as the authority does; one in PEM form with the true ones.
+    Credential(folder / "other", "authority", usage=AUTHORITY).revoke(lists / "false.pem", members["member"])
+    authority.revoke(lists / "true.pem", members["revoked"], members["pinned"])
+    eventually(lambda: not living.ask(0.3), 5)
+    assert "is cut off: its certificate was revoked on" in node.log()
+    assert [can_read(managers[name], node, timeout=0.5) for name in names] == [False, False, True]
+    assert "false.pem is signed by nobody whose certificate is on file" in node.log()
+    assert "false.pem is signed by nobody" in node.tarn("tls", "show")
 
 
 @pytest.mark.parametrize("mapping, name", [
@@ -321,6 +362,28 @@ def test_a_receiver_that_is_not_trusted_gets_nothing(node, make_receiver, creden
     eventually(impostor.received, 10, "what waited, now that it is trusted")
 
 
+@pytest.mark.parametrize("kind", ["trap", "inform"])
+def test_a_receiver_is_the_one_that_its_target_names(make_node, make_receiver, credentials, own, kind):
+    first, second = credentials("first"), credentials("second")
+    node = make_node(own)
+    for credential in (first, second):
+        credential.install(node.configuration)
+    impostor, rightful = make_receiver(second, own), make_receiver(first, own)
+    if kind == "inform":
+        node.configure_list("trapsess", *(
+            f"trapsess -Ci -v 3 -l authPriv -u first -T our_identity={own.fingerprint} -T trust_cert={first.fingerprint} "
+            f"-r 3 -t 1 dtlsudp:127.0.0.1:{receiver.port}" for receiver in (impostor, rightful)))
+    node.start()
+    node.set(*trust_row(1, first.fingerprint), *trust_row(2, second.fingerprint))
+    if kind == "trap":
+        for name, receiver in (("one", impostor), ("two", rightful)):
+            add_dtls_target(node, name, receiver.port, own.fingerprint, user="first")
+    node.notify()
+    eventually(rightful.received)
+    eventually(lambda: "is not that of 'first', who is to receive there" in node.log())
+    assert not impostor.received()
+
+
 @pytest.mark.parametrize("option", ["their_identity", "trust_cert"])
 def test_informs(make_node, make_receiver, receivers, peer, own, option):
     receiver = make_receiver(peer, own, start=False)
@@ -372,3 +435,12 @@ def test_a_manager_needs_a_certificate_and_an_up_to_date_protocol(node):
                                 stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=10, check=False)
         assert "Verify return code" not in result.stdout or "alert" in result.stderr
     eventually(lambda: "is refused" in node.log())
+
+
+def test_what_a_stranger_says_is_short_in_the_log_and_told_once(node, make_manager, credentials, own):
+    stranger = credentials("stranger", subject="/CN=stranger" + "".join(f"/OU={n}{'x' * 60}" for n in range(10)))
+    manager = make_manager(stranger, own)
+    for _ in range(3):
+        assert not can_read(manager, node, timeout=0.2)
+    lines = [line for line in node.log().splitlines() if "is refused" in line]
+    assert len(lines) == 1 and len(lines[0]) < 300 and "is not trusted: " in lines[0], lines

@@ -280,7 +280,7 @@ TEST(SnmpTypes, DtlsTrapsessLines) {
   EXPECT_THAT(config.getInformDtlsTrapsessConfig(), IsEmpty());
 
   enableTls(config, {"DD:EE"});
-  const std::string start = "trapsess -Ci -v 3 -l authPriv -T our_identity=aabbcc ";
+  const std::string start = "trapsess -Ci -v 3 -l authPriv -u operator -T our_identity=aabbcc ";
   EXPECT_THAT(config.getInformDtlsTrapsessConfig(),
               ElementsAre(start + "-T their_identity=ddee -r 4 -t 2 dtlsudp:192.0.2.3:1162",
                           start + "-T their_identity=ddee -r 4 -t 2 dtlsudp6:[2001:db8::1]:1162",
