@@ -274,9 +274,9 @@ bool SnmpView::visit(Vela::MoAccessor& accessor, const std::string& dn) {
 
   // Views of different versions may well have one name; the name is only the key, so another one serves as well.
   if (_config.views.count(view->name) != 0) view->name += std::string(" (") + viewClassName(_version) + ")";
-  if (!_config.views.emplace(view->name, view).second) {
-    VELA_LOG(Vela::LogWarning, "The view name '%s' is taken, the view %s is left out", view->name.c_str(), dn.c_str());
-  }
+  // No view is left out: those whom it names would see what is shown by default.
+  if (_config.views.count(view->name) != 0) view->name = dn;
+  _config.views.emplace(view->name, view);
   return true;
 }
 

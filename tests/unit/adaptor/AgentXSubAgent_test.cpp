@@ -281,7 +281,7 @@ TEST_F(AgentXSubAgentTest, TheLibraryIsGivenTheSettings) {
                {3000, 9, 255, 30000 * Seconds},
                {INT_MAX, INT_MAX, 255, 100ULL * 365 * 24 * 3600 * Seconds}};
   for (const auto& item : cases) {
-    const HangingMaster master(settings.socket, 1000);
+    const HangingMaster hanging(settings.socket, 1000);
     settings.timeout = item.timeout;
     settings.retries = item.retries;
     ASSERT_TRUE(subAgent.attach(settings, handlers));

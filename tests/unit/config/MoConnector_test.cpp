@@ -433,6 +433,15 @@ TEST_F(MoConnectorTest, WritesOnlyWhatDiffers) {
   EXPECT_NO_THROW(connector.setTargetOperationalState(dn.c_str(), false));
 }
 
+TEST_F(MoConnectorTest, ViewsOfOneNameAreAllRead) {
+  for (const char* rdn : {"SnmpViewV1=v", "SnmpViewV2C=v", "SnmpViewV2C=w", "SnmpViewV2C=x"})
+    create(Snmp, rdn, {{"name", "all"}, {"community", R"(["c"])"}});
+  std::vector<std::string> names;
+  for (const auto& entry : read().views) names.push_back(entry.first);
+  EXPECT_THAT(names, testing::UnorderedElementsAre("all", "all (SnmpViewV2C)", Snmp + ",SnmpViewV2C=w",
+                                                   Snmp + ",SnmpViewV2C=x"));
+}
+
 TEST_F(MoConnectorTest, WritesAllStatesInOneTransaction) {
   const std::string a = create(Snmp, "SnmpTargetV1=a", {{"address", "192.0.2.1"}, {"community", "c"}});
   const std::string b = create(Snmp, "SnmpTargetV2C=b", {{"address", "192.0.2.1"}, {"community", "c"}});
