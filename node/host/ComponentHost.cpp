@@ -6,16 +6,12 @@
 #include <utility>
 #include <vector>
 
+#include "VelaComponent.h"
 #include "VelaException.h"
 
 namespace VelaNode {
 
 namespace {
-
-constexpr const char* initSymbol = "velaLCMinit";
-constexpr const char* terminateSymbol = "velaLCMterminate";
-using Init = VelaReturnT (*)(VelaMgmtSpiInterfacePortalAccessor* accessor, const char* configurationFile);
-using Terminate = void (*)();
 
 void* findSymbol(void* library, const std::string& libraryPath, const char* name) {
   void* symbol = ::dlsym(library, name);
@@ -32,8 +28,8 @@ void ComponentHost::load(const std::string& libraryPath, VelaMgmtSpiInterfacePor
   // Never unloaded: a component may have had to abandon a thread when it was stopped.
   void* library = ::dlopen(libraryPath.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) throw Vela::VelaException("%s", ::dlerror());
-  const auto init = reinterpret_cast<Init>(findSymbol(library, libraryPath, initSymbol));
-  _terminate = reinterpret_cast<Terminate>(findSymbol(library, libraryPath, terminateSymbol));
+  const auto init = reinterpret_cast<VelaComponentInitT>(findSymbol(library, libraryPath, VELA_COMPONENT_INIT));
+  _terminate = reinterpret_cast<VelaComponentTerminateT>(findSymbol(library, libraryPath, VELA_COMPONENT_TERMINATE));
 
   const std::vector<const VelaMgmtSpiComponent_1T*> before = _portal.getComponents();
   const VelaReturnT result = init(accessor, configurationFile.c_str());
