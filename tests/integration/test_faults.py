@@ -202,7 +202,7 @@ def test_a_password_file_that_cannot_be_used_is_the_operators_to_mend(scenes, co
     else:
         scene.password_file.mkdir()  # which not even root reads
     scene.kill_agent()
-    told = " is no pass phrase of at least 8 printable characters" if content else ": Is a directory"
+    told = " is no pass phrase of at least 8 printable characters" if content else ": is no file"
     scene.node.logged(f"{scene.password_file}{told}", 30)
     scene.node.reach("IdleError", after=1)
     if content:
