@@ -6,6 +6,7 @@
 #include "CommunityPrefix.h"
 #include "DtlsTransport.h"
 #include "EngineDiscovery.h"
+#include "Reads.h"
 #include "RunTimeRows.h"
 #include "TlstmTables.h"
 #include "TransportSecurity.h"
@@ -17,6 +18,7 @@ __attribute__((visibility("default"))) void init_vela_snmpd_plugin(void) {
   SnmpdPlugin::installCommunityPrefix();
   SnmpdPlugin::installRunTimeRows();
   SnmpdPlugin::installAccessShortcut();
+  SnmpdPlugin::installReads();
   SnmpdPlugin::EngineDiscovery::install();
   SnmpdPlugin::installTransportSecurity();
   SnmpdPlugin::DtlsTransport::install();
