@@ -9,6 +9,7 @@
 
 #include "Failure.h"
 #include "Files.h"
+#include "OwnAddress.h"
 #include "PersistentState.h"
 #include "ReceiverNames.h"
 #include "Revision.h"
@@ -68,13 +69,15 @@ constexpr unsigned OwnEngineIdOctets = 8;  // random ones behind the prefix
 constexpr const char* OwnEngineIdPrefix = "0x80001f8880";
 
 // A sub-agent that answers a table from a large snapshot may need more than the default second. A line per request
-// would fill the log.
+// would fill the log. A response longer than a datagram of UDP can be would never be sent; without a limit of its own
+// the agent knows none for versions 1 and 2c.
 constexpr const char* FixedDirectives =
     "dontLogTCPWrappersConnects yes\n"
     "master agentx\n"
     "agentXPerms 0600 0700\n"
     "agentXTimeout 5\n"
-    "agentXRetries 1\n";
+    "agentXRetries 1\n"
+    "[snmp] sendMessageMaxSize 65507\n";
 
 std::string randomHex(size_t octets) {
   std::string bytes(octets, '\0');
@@ -166,6 +169,10 @@ std::string AgentConfiguration::passPhrase() const {
 
 std::string AgentConfiguration::fixedDirectives() const {
   std::string text = FixedDirectives;
+  // A copy of each notification costs the agent more than sending it.
+  if (!_folder.keepsNotificationLog()) text += "doNotRetainNotificationLogs yes\n";
+  // Otherwise the agent asks the kernel for an address at each notification, and takes any one.
+  text += "v1trapaddress " + ownIpv4Address(parseAddresses(partValue(AddressesPart))) + "\n";
   text += "agentXSocket unix:" + _folder.agentXSocket().string() + "\n";
   text += "exactEngineID " + engineId() + "\n";
   const std::string phrase = asWord(passPhrase());

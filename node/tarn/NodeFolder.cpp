@@ -45,6 +45,15 @@ void change(const std::filesystem::path& path, uid_t owner, gid_t group, mode_t 
     throw Failure("cannot change the owner of " + path.string() + ": " + systemError(errno));
 }
 
+/** What a variable of the environment says, "yes" or "no"; without it, no. */
+bool isWanted(const char* name) {
+  const char* value = std::getenv(name);
+  const std::string_view text = value != nullptr ? value : "";
+  if (text != "yes" && text != "no" && !text.empty())
+    throw Failure(std::string(name) + " is neither yes nor no: " + std::string(text));
+  return text == "yes";
+}
+
 }  // namespace
 
 NodeFolder NodeFolder::fromEnvironment() {
@@ -63,6 +72,7 @@ NodeFolder NodeFolder::fromEnvironment() {
   // The agent splits the line that names its plugin at blanks, and takes the rest for a comment behind these.
   if (folder._plugin.string().find_first_of(" #;") != std::string::npos)
     throw Failure("VELA_SNMPD_PLUGIN holds a blank, '#' or ';': " + folder._plugin.string());
+  folder._keepsNotificationLog = isWanted("VELA_SNMPD_NOTIFICATION_LOG");
   if (folder._agentXSocket.string().size() > MaxSocketPathLength)
     throw Failure("the path of the AgentX socket is longer than " + std::to_string(MaxSocketPathLength) +
                   " characters: " + folder._agentXSocket.string());

@@ -35,6 +35,8 @@ class NodeFolder {
   const std::filesystem::path& passwordFile() const { return _passwordFile; }
   /** Empty when the node has none. */
   const std::filesystem::path& plugin() const { return _plugin; }
+  /** Whether the agent is to keep its notifications for managers to read (RFC 3014). */
+  bool keepsNotificationLog() const { return _keepsNotificationLog; }
 
   /** Who the agent runs as, once it has bound its ports. */
   const NodeFiles::AgentUser& agentUser() const { return _agentUser; }
@@ -53,6 +55,7 @@ class NodeFolder {
   std::filesystem::path _passwordFile;
   std::filesystem::path _plugin;
   NodeFiles::AgentUser _agentUser = NodeFiles::AgentUser::find();
+  bool _keepsNotificationLog = false;
 };
 
 }  // namespace Tarn

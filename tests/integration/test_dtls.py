@@ -8,6 +8,7 @@ import time
 
 import pytest
 
+from agentx import OCTET_STRING, SubAgent
 from dtls import (ADDR, ANY, AUTHORITY, CERT, COMMON_NAME, CONFIGURATION, CREATE_AND_WAIT, DESTROY, DNS, IP, MAPPING,
                   PARAMS, RFC822, SPECIFIED, Credential, DtlsNode, LastingManager, add_dtls_target, addr_row, allow,
                   fingerprint, openssl, params_row, remove_target, trust_row)
@@ -140,6 +141,22 @@ def test_requests_are_served_in_bulk_and_leave_nothing_behind(node, make_manager
     before = memory()
     manager.run("snmpwalk", node.dtls_port, ".1.3.6.1.2.1")
     assert memory() - before < 1_000_000
+
+
+def test_long_texts_are_read_whatever_number_is_asked_for(node, make_manager, stopping, peer, own):
+    root = (1, 3, 6, 1, 4, 1, 61234, 99)
+    variables = {root + (1, row): (OCTET_STRING, b"t" * (640 if row != 50 else 16384)) for row in range(1, 101)}
+    stopping(SubAgent(node.folder / "run/agentx", [root], variables))
+    manager = make_manager(peer, own)
+    for repetitions in (1, 25, 100):
+        rows = manager.run("snmpbulkwalk", node.dtls_port, f"-Cr{repetitions}", ".1.3.6.1.4.1.61234.99").stdout
+        assert rows.count(".61234.99.1.") == 99, rows
+    assert ".99.1.50 is left out" in node.log()
+    whole = manager.run("snmpget", node.dtls_port, ".1.3.6.1.4.1.61234.99.1.50")
+    assert "(tooBig)" in whole.stderr, whole
+    # As much as a record of DTLS holds.
+    some = manager.run("snmpbulkget", node.dtls_port, "-Cr100", ".1.3.6.1.4.1.61234.99").stdout
+    assert some.count(".61234.99.1.") == 16384 // 660, some
 
 
 def test_who_is_trusted_no_more_is_cut_off_at_once(node, stopping, peer):

@@ -2,6 +2,7 @@
 
 import os
 import random
+import subprocess
 import time
 
 import pytest
@@ -10,7 +11,8 @@ import agentx
 import manager
 from agentx import COUNTER64, INTEGER, OBJECT_ID, OCTET_STRING, MasterAgent, SubAgent
 from manager import GET, GET_BULK, GET_NEXT, Manager
-from tarn_node import PLUGIN
+from tarn_node import CREATE_AND_GO, PLUGIN, TarnNode, oid_index, row
+from vela import TOOL_ENVIRONMENT
 
 
 BASE = (1, 3, 6, 1, 4, 1, 61234, 99)
@@ -257,3 +259,25 @@ def test_a_variable_that_no_message_can_hold_is_left_out_of_walks(agents, stoppi
         assert asker.request(GET, [name])[0] == manager.TOO_BIG
         assert f".{'.'.join(map(str, name))} is left out" in agent.log()
     assert asker.request(GET, [names[0]])[0] == 0
+
+
+def test_a_nodes_agent_answers_what_no_datagram_could_hold(folder, stopping):
+    node = stopping(TarnNode(folder))
+    node.configure_list("communities", "public\tdefault")
+    node.start()
+    name = "Vela_public"
+    index = f"{len(name)}.{oid_index(name)}"
+    node.set(*row("1.3.6.1.6.3.16.1.2.1", f"2.{index}", (3, "s", name), (5, "i", CREATE_AND_GO)),
+             *row("1.3.6.1.6.3.16.1.4.1", f"{index}.0.2.1", (4, "i", 1), (5, "s", "_all_"), (9, "i", CREATE_AND_GO)))
+    names = [BASE + (1, 1, 1, number) for number in range(1, 201)]
+    stopping(SubAgent(node.folder / "run/agentx", [BASE + (1,)], {each: (OCTET_STRING, b"t" * 640) for each in names}))
+    status, bindings, size = Manager(node.port, "public").request(GET_BULK, [BASE + (1,)], 0, 100)
+    assert status == 0 and [oid for oid, _, _ in bindings] == names[:len(bindings)] and 65507 - 700 < size <= 65507
+    # A manager that takes messages of 2000 octets says so in its requests of version 3.
+    (folder / "snmp.conf").write_text("sendMessageMaxSize 2000\n")
+    phrase = node.pass_phrase()
+    command = ["snmpbulkget", "-v3", "-u", "vela_config_user", "-l", "authPriv", "-a", "MD5", "-A", phrase, "-x", "DES",
+               "-X", phrase, "-Onq", "-Cr100", f"127.0.0.1:{node.port}", ".".join(map(str, BASE + (1,)))]
+    answer = subprocess.run(command, env=dict(TOOL_ENVIRONMENT, SNMPCONFPATH=str(folder)), capture_output=True, text=True,
+                            timeout=30, check=False)
+    assert len(answer.stdout.splitlines()) == 2, answer

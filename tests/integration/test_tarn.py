@@ -10,7 +10,7 @@ import time
 import pytest
 
 from tarn_node import TARGET_ADDR, TarnNode, oid_index, row
-from vela import BIN, TOOL_ENVIRONMENT, eventually, free_port
+from vela import BIN, TOOL_ENVIRONMENT, Receiver, eventually, free_port
 
 ENGINE_ID = "1.3.6.1.6.3.10.2.1.1.0"
 ENGINE_BOOTS = "1.3.6.1.6.3.10.2.1.2.0"
@@ -313,3 +313,43 @@ def test_agent_that_is_not_installed(node):
     result = subprocess.run(["unshare", "-m", "sh", "-c", script], env=node.env, capture_output=True, text=True,
                             timeout=60, check=False)
     assert result.returncode == 1 and "Debian package 'snmpd'" in result.stderr
+
+
+@pytest.mark.parametrize("hosts, expected", [(("127.0.0.5", "127.0.0.6"), "127.0.0.5"), (("[::1]", "127.0.0.7"), "127.0.0.7"),
+                                             (("0.0.0.0",), None)])
+def test_v1_traps_name_the_address_that_the_agent_is_known_by(node, receivers, hosts, expected):
+    receiver = receivers()
+    node.configure("ipAddress=" + ",".join(f"udp{'6' if ':' in host else ''}:{host}:{node.port}" for host in hosts))
+    node.tarn("snmp", "start")
+    node.host = hosts[-1] if hosts[-1] != "0.0.0.0" else "127.0.0.1"
+    node.add_target("nms", receiver.port, version=1)
+    node.enable_notifications()
+    node.notify()
+    (trap,) = eventually(lambda: receiver.notifications)
+    address = trap.module.apiTrapPDU.getAgentAddr(trap.pdu).prettyPrint()
+    assert f"v1trapaddress {address}\n" in node.conf()
+    if expected:
+        assert address == expected
+    else:
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+            probe.bind((address, 0))  # one of this machine
+            assert address != "0.0.0.0"
+
+
+@pytest.mark.parametrize("wanted", ["yes", ""])
+def test_notifications_are_logged_by_the_agent_only_when_wanted(node, receivers, wanted):
+    node.env["VELA_SNMPD_NOTIFICATION_LOG"] = wanted
+    receiver = receivers()
+    node.start()
+    node.add_target("nms", receiver.port)
+    node.enable_notifications()
+    node.notify()
+    eventually(lambda: receiver.notifications)
+    rows = node.snmp("snmpwalk", "1.3.6.1.2.1.92.1.3.1").stdout
+    assert ("1.3.6.1.6.3.1.1.5.5" in rows) == bool(wanted), rows
+
+
+def test_a_setting_that_is_neither_yes_nor_no_is_told(node):
+    node.env["VELA_SNMPD_NOTIFICATION_LOG"] = "maybe"
+    result = node.run("snmp", "status")
+    assert result.returncode != 0 and "VELA_SNMPD_NOTIFICATION_LOG is neither yes nor no: maybe" in result.stderr
