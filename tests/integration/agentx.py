@@ -164,8 +164,12 @@ class MasterAgent:
         with open(self.folder / "log", "ab") as log:
             self.process = subprocess.Popen(["snmpd", "-f", "-Lo", "-r"], env=environment, stdout=log, stderr=log,
                                             stdin=subprocess.DEVNULL)
-        eventually(self.path.exists, 10, f"snmpd: {self.log()}")
+        eventually(self.listens, 10, f"snmpd: {self.log()}")
         return self
+
+    def listens(self):
+        with socket.socket(socket.AF_UNIX) as probe:
+            return probe.connect_ex(str(self.path)) == 0
 
     def log(self):
         file = self.folder / "log"

@@ -10,7 +10,7 @@ import time
 import pytest
 
 from tarn_node import TARGET_ADDR, TarnNode, oid_index, row
-from vela import BIN, TOOL_ENVIRONMENT, Receiver, eventually, free_port
+from vela import BIN, TOOL_ENVIRONMENT, eventually, free_port
 
 ENGINE_ID = "1.3.6.1.6.3.10.2.1.1.0"
 ENGINE_BOOTS = "1.3.6.1.6.3.10.2.1.2.0"
