@@ -38,6 +38,10 @@ inline constexpr TarnSpiVersion TrapSessAndCipherRevision{1, 6, 0};
 inline constexpr TarnSpiVersion Ipv6PortOrderRevision{1, 9, 0};
 inline constexpr TarnSpiVersion EngineIdRevision{1, 10, 0};
 
+/** Milliseconds that the component waits for the tool to start the agent. The tool gives up a little earlier, so that
+ *  its reason is heard. */
+inline constexpr int StartTimeoutMs = 120000;
+
 /** First word of a line that the tool's start prints to standard output for each inform receiver that it left out, as
  *  its name had no address; the second word is the receiver's name. */
 inline constexpr const char* ReceiverLeftOut = "receiver-left-out";

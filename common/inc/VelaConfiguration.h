@@ -26,11 +26,13 @@ class VelaConfiguration {
   std::vector<Poco::XML::Element*> findElements(const std::string& name) const;
   /** Child elements of a name, in document order. */
   static std::vector<Poco::XML::Element*> children(const Poco::XML::Element& parent, const std::string& name);
-  /** Text content of the first child element of a name, blanks around it removed; false if there is none. */
+  /** Text content of the first child element of a name, blanks around it removed; false if there is none, or nothing in
+      it. */
   static bool getText(const Poco::XML::Element& parent, const std::string& name, std::string& value);
   /** Text content of an element, blanks around it removed. */
   static std::string text(const Poco::XML::Element& element);
-  /** As getText, as a number or boolean ("true"/"false"/"1"/"0"); a text that is none throws Vela::VelaException. */
+  /** As getText, as a number or boolean ("true", "yes", "on" or a number that is not 0; "false", "no", "off" or 0, in
+     any case); a text that is none throws Vela::VelaException. */
   static bool getInt(const Poco::XML::Element& parent, const std::string& name, int& value);
   static bool getUInt64(const Poco::XML::Element& parent, const std::string& name, unsigned long long& value);
   static bool getBool(const Poco::XML::Element& parent, const std::string& name, bool& value);

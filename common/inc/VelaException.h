@@ -25,5 +25,8 @@ class VelaException : public std::exception {
   int _code = 0;
 };
 
+/** The whole text of an exception: what() of one of Poco's is only its kind. */
+std::string textOf(const std::exception& ex);
+
 }  // namespace Vela
 #endif

@@ -67,10 +67,11 @@ bool readValue(const VelaOamSpiMoValue_3T& value, MoReference& result) {
 }
 
 bool readValue(const VelaOamSpiMoValue_3T& value, MoStruct& result) {
-  if (value.type != VELA_MO_STRUCT) return false;
+  if (value.type != VELA_MO_STRUCT || (value.memberCount != 0 && value.members == nullptr)) return false;
   for (size_t i = 0; i < value.memberCount; ++i) {
     const VelaOamSpiMoMember_3T& member = value.members[i];
     if (!member.isSet) continue;
+    if (member.name == nullptr) return false;
     if (member.value.type == VELA_MO_BOOL) {
       result.set(member.name, member.value.i64 != 0);
     } else if (isSigned(member.value.type)) {
@@ -251,6 +252,7 @@ bool MoAccessor::visitObject(void* context, const char* dn, const VelaOamSpiMoOb
   Walk& walk = *static_cast<Walk*>(context);
   MoAccessor& accessor = walk.accessor;
   try {
+    if (dn == nullptr) throw VelaException("The managed object service names no object");
     accessor._visitedDn = dn;
     accessor._visited = visited;
     const bool goOn = walk.traverser.visit(accessor, accessor._visitedDn);
@@ -296,7 +298,7 @@ std::optional<T> MoAccessor::getOptionalAttr(const std::string& dn, const std::s
   const VelaOamSpiMoAttribute_3T& read = attribute(dn, name);
   if (read.isSequence) throw VelaException("Attribute is a sequence: %s::%s", dn.c_str(), name.c_str());
   if (!read.isSet) return std::nullopt;
-  if (read.valueCount == 0) throw VelaException("Attribute is not set");
+  if (read.valueCount == 0 || read.values == nullptr) throw VelaException("Attribute is not set");
   T result{};
   if (!readValue(read.values[0], result)) {
     throw VelaException("Attribute has another type or range: %s::%s", dn.c_str(), name.c_str());
@@ -315,6 +317,7 @@ template <class T>
 std::vector<T> MoAccessor::getSeqAttr(const std::string& dn, const std::string& name) {
   const VelaOamSpiMoAttribute_3T& read = attribute(dn, name);
   if (!read.isSequence) throw VelaException("Attribute is not a sequence: %s::%s", dn.c_str(), name.c_str());
+  if (read.valueCount != 0 && read.values == nullptr) throw VelaException("Attribute is not set");
   std::vector<T> results;
   results.reserve(read.valueCount);
   for (size_t i = 0; i < read.valueCount; ++i) {

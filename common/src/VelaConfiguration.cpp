@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <utility>
 
 #include "VelaException.h"
 
@@ -78,8 +79,9 @@ std::vector<Poco::XML::Element*> VelaConfiguration::children(const Poco::XML::El
 
 bool VelaConfiguration::getText(const Poco::XML::Element& parent, const std::string& name, std::string& value) {
   const std::vector<Poco::XML::Element*> elements = children(parent, name);
-  if (elements.empty()) return false;
-  value = text(*elements.front());
+  std::string content = elements.empty() ? std::string() : text(*elements.front());
+  if (content.empty()) return false;
+  value = std::move(content);
   return true;
 }
 
@@ -111,11 +113,9 @@ bool VelaConfiguration::getUInt64(const Poco::XML::Element& parent, const std::s
 bool VelaConfiguration::getBool(const Poco::XML::Element& parent, const std::string& name, bool& value) {
   std::string content;
   if (!getText(parent, name, content)) return false;
-  const bool isTrue = content == "1" || Poco::icompare(content, "true") == 0;
-  if (!isTrue && content != "0" && Poco::icompare(content, "false") != 0) {
+  if (!Poco::NumberParser::tryParseBool(content, value)) {
     throw VelaException("%s is not a boolean: '%s'", name.c_str(), content.c_str());
   }
-  value = isTrue;
   return true;
 }
 

@@ -1,5 +1,7 @@
 #include "VelaException.h"
 
+#include <Poco/Exception.h>
+
 #include <cstdarg>
 #include <cstdio>
 
@@ -31,6 +33,11 @@ VelaException::VelaException(int code, const char* format, ...) : _code(code) {
   va_start(arguments, format);
   _reason = formatText(format, arguments);
   va_end(arguments);
+}
+
+std::string textOf(const std::exception& ex) {
+  const auto* poco = dynamic_cast<const Poco::Exception*>(&ex);
+  return poco != nullptr ? poco->displayText() : ex.what();
 }
 
 }  // namespace Vela

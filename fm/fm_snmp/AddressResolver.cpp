@@ -68,7 +68,7 @@ class AddressResolver::LookUp {
   int _beginError = 0;
 };
 
-AddressResolver::AddressResolver() : _family(AF_UNSPEC) {}
+AddressResolver::AddressResolver(std::chrono::milliseconds wait) : _maxWait(wait), _family(AF_UNSPEC) {}
 
 AddressResolver::~AddressResolver() {
   for (auto& entry : _lookUps) {
@@ -126,7 +126,7 @@ AddressResolver::Answer AddressResolver::lookUp(const std::string& host) {
   prepare(host);
   const auto entry = _lookUps.find(host);
   const auto begin = std::chrono::steady_clock::now();
-  if (_waited < maxWait) entry->second->wait(maxWait - _waited);
+  if (_waited < _maxWait) entry->second->wait(_maxWait - _waited);
   _waited += std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
   if (entry->second->isUnderWay()) {
     VELA_LOG(Vela::LogError, "error in getaddrinfo: %s, could not resolve host <%s>", "no answer yet", host.c_str());

@@ -19,10 +19,10 @@ namespace VelaFmSnmp {
  */
 class AddressResolver {
  public:
-  /** For all names of a pass together. */
   static constexpr std::chrono::milliseconds maxWait{2000};
 
-  AddressResolver();
+  /** @param wait  how long a pass waits for all its names together */
+  explicit AddressResolver(std::chrono::milliseconds wait = maxWait);
   ~AddressResolver();
   AddressResolver(const AddressResolver&) = delete;
   AddressResolver& operator=(const AddressResolver&) = delete;
@@ -49,6 +49,7 @@ class AddressResolver {
   Answer lookUp(const std::string& host);
   Answer choose(const LookUp& lookUp) const;
 
+  const std::chrono::milliseconds _maxWait;
   int _family;
   std::map<std::string, Answer> _answers;
   std::map<std::string, std::unique_ptr<LookUp>> _lookUps; /**< not asked for yet */

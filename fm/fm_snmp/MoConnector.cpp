@@ -41,7 +41,8 @@ constexpr std::uint32_t DefaultPortDtls = 10161;
 const char* const DefaultCipherFilter = "ALL:!aNULL:!eNULL:@STRENGTH";
 
 void logReadProblem(const char* attribute, const std::string& dn, const std::exception& ex) {
-  VELA_LOG(Vela::LogError, "Problem reading %s attribute from SPI, mo (%s). Ex: %s", attribute, dn.c_str(), ex.what());
+  VELA_LOG(Vela::LogError, "Problem reading %s attribute from SPI, mo (%s). Ex: %s", attribute, dn.c_str(),
+           Vela::textOf(ex).c_str());
 }
 
 /** The base object, looked up again when it was not there at the start or is not there any more. */
@@ -73,10 +74,14 @@ void readService(Vela::MoAccessor& accessor, SnmpConfig& config) {
   config.enableSourceCheckForV1V2C = accessor.getOptionalAttr<bool>(snmp, "enableSourceCheckForV1V2C").value_or(false);
 }
 
-/** The addresses that the SNMP object itself has; an entry with a fault is left out. */
-SnmpConfig::AddressList readAddresses(Vela::MoAccessor& accessor, const std::string& snmp, const char* attribute) {
+/** The addresses that the SNMP object itself has, none at all where it has no such list. An entry with a fault is left
+ *  out; whoever configured it does not want the agent to listen elsewhere instead. */
+std::optional<SnmpConfig::AddressList> readAddresses(Vela::MoAccessor& accessor, const std::string& snmp,
+                                                     const char* attribute) {
+  const std::vector<Vela::MoStruct> entries = accessor.getSeqAttr<Vela::MoStruct>(snmp, attribute);
+  if (entries.empty()) return std::nullopt;
   SnmpConfig::AddressList addresses;
-  for (const Vela::MoStruct& entry : accessor.getSeqAttr<Vela::MoStruct>(snmp, attribute)) {
+  for (const Vela::MoStruct& entry : entries) {
     try {
       std::string host = entry.getString("host");
       addresses.emplace_back(std::move(host), entry.getUInt32("port"));
@@ -84,20 +89,23 @@ SnmpConfig::AddressList readAddresses(Vela::MoAccessor& accessor, const std::str
       logReadProblem(attribute, snmp, ex);
     }
   }
+  if (addresses.empty()) VELA_LOG(Vela::LogError, "No entry of %s of %s can be used", attribute, snmp.c_str());
   return addresses;
 }
 
 void readAgentAddress(Vela::MoAccessor& accessor, MoConnector::OamAccessPointHandler& accessPoints,
                       SnmpConfig& config) {
   const std::string& snmp = config.snmpMoName;
-  config.agentAddress = readAddresses(accessor, snmp, "agentAddress");
-  config.isAgentAddressFromAccessPoint = config.agentAddress.empty();
-  if (!config.agentAddress.empty()) return;
+  config.isAgentAddressFromAccessPoint = false;
+  if (const auto addresses = readAddresses(accessor, snmp, "agentAddress")) {
+    config.agentAddress = *addresses;
+    return;
+  }
   VELA_LOG(Vela::LogInfo, "No agentAddress struct under SNMP, checking oamAccessPoint moref");
   config.agentAddress =
       accessPoints.buildAgentAddressesWithGivenPort(accessor, readOr(accessor, snmp, "port", DefaultPort));
-  if (!config.agentAddress.empty()) return;
-  config.isAgentAddressFromAccessPoint = false;
+  config.isAgentAddressFromAccessPoint = !config.agentAddress.empty();
+  if (config.isAgentAddressFromAccessPoint) return;
   VELA_LOG(Vela::LogInfo, "No agentAddress struct defined in either SNMP or under oamAccessPoint moref");
 }
 
@@ -105,8 +113,10 @@ void readAgentAddressDtls(Vela::MoAccessor& accessor, MoConnector::OamAccessPoin
                           SnmpConfig& config) {
   const std::string& snmp = config.snmpMoName;
   SnmpConfig::AddressList& addresses = config.tlsOptions.agentAddressDtls;
-  addresses = readAddresses(accessor, snmp, "agentAddressDtls");
-  if (!addresses.empty()) return;
+  if (const auto own = readAddresses(accessor, snmp, "agentAddressDtls")) {
+    addresses = *own;
+    return;
+  }
   VELA_LOG(Vela::LogInfo, "No agentAddressDtls  struct under SNMP, checking oamAccessPoint moref");
   addresses =
       accessPoints.buildAgentAddressesWithGivenPort(accessor, readOr(accessor, snmp, "portDtls", DefaultPortDtls));
@@ -150,7 +160,7 @@ void readTls(Vela::MoAccessor& accessor, SnmpConfig::tlsOptions_t& options) {
     options.cipherFilter = accessor.getOptionalAttr<std::string>(tls, "cipherFilter").value_or(DefaultCipherFilter);
   } catch (const std::exception& ex) {
     VELA_LOG(Vela::LogError, "Unable to get cipherFilter from db");
-    VELA_TRACE("%s", ex.what());
+    VELA_TRACE("%s", Vela::textOf(ex).c_str());
   }
   options.nodeCredential = readOr(accessor, tls, "nodeCredential", std::string());
   try {
@@ -262,9 +272,9 @@ void MoConnector::OamAccessPointHandler::checkAndRestartSubscriptions() {
 void MoConnector::OamAccessPointHandler::watchTemporarily() {
   if (_found.empty() || _found == _inUse || _found == _temporary) return;
   endTemporaryWatch();
+  _temporary = _found;
   if (_subscriptions != nullptr)
     _subscriptions->startTemporarySubscriptionsOnOamAccessPointMoRefs(toExpressions(_found));
-  _temporary = _found;
 }
 
 void MoConnector::OamAccessPointHandler::endTemporaryWatch() {
@@ -312,7 +322,7 @@ void MoConnector::getSnmpConfig(SnmpConfig& config, bool dtlsSupported) const {
   } catch (const Vela::VelaException&) {
     throw;
   } catch (const std::exception& ex) {
-    throw Vela::VelaException("%s", ex.what());
+    throw Vela::VelaException("%s", Vela::textOf(ex).c_str());
   }
 }
 
@@ -325,7 +335,7 @@ bool MoConnector::visit(ISnmpXmodDataProviderAlarmVisitor& visitor) {
     visitor.endAlarms();
     return true;
   } catch (const std::exception& ex) {
-    VELA_LOG(Vela::LogError, "Failed to retrieve alarm list from the IMM: %s", ex.what());
+    VELA_LOG(Vela::LogError, "Failed to retrieve alarm list from the IMM: %s", Vela::textOf(ex).c_str());
   } catch (...) {
     VELA_LOG(Vela::LogError, "Failed to retrieve alarm list from the IMM");
   }
@@ -393,10 +403,11 @@ void MoConnector::writeAttribute(const std::string& dn, const char* name, const 
       VELA_LOG(Vela::LogError, "Failed to set attribute :'%s' in MO :%s, reason (%d )!", name, dn.c_str(),
                failure->getCode());
     } else {
-      VELA_LOG(Vela::LogError, "Problem setting attribute (%s) in (%s), msg :(%s)", name, dn.c_str(), ex.what());
+      VELA_LOG(Vela::LogError, "Problem setting attribute (%s) in (%s), msg :(%s)", name, dn.c_str(),
+               Vela::textOf(ex).c_str());
     }
     if (failure != nullptr) throw;
-    throw Vela::VelaException("%s", ex.what());
+    throw Vela::VelaException("%s", Vela::textOf(ex).c_str());
   }
 }
 

@@ -66,10 +66,11 @@ class MoConnector {
     void setToList() { _inUse = _found; }
     /** Subscribes to the references found by this reading, unless they are the ones in use already. */
     void checkAndRestartSubscriptions();
+    /** Ends the temporary subscriptions that a failed reading has left behind. */
+    void endTemporaryWatch();
 
    private:
     void watchTemporarily();
-    void endTemporaryWatch();
 
     Subscriptions* _subscriptions = nullptr;
     std::list<std::string> _inUse;     /**< what the subscriptions watch */
@@ -123,6 +124,8 @@ class MoConnector {
 
   /** The component's subscriptions on address objects (null: none); not owned. */
   void setSubscriptions(OamAccessPointHandler::Subscriptions* subscriptions);
+  /** There will be no other reading in this run: ends the subscriptions that wait for it. */
+  void endTemporarySubscriptions() { _accessPoints.endTemporaryWatch(); }
 
  private:
   template <class T>

@@ -108,7 +108,7 @@ std::string clearText(const Vela::MoStruct& key) {
     return Vela::SecApi::getInstance().decrypt(password);
   } catch (const std::exception& ex) {
     VELA_LOG(Vela::LogError, "Decryption of SNMP V3 password failed");
-    VELA_TRACE("Decryption failed: %s", ex.what());
+    VELA_TRACE("Decryption failed: %s", Vela::textOf(ex).c_str());
     throw DecryptionFailure();
   }
 }
@@ -123,7 +123,7 @@ void readKey(AttributeReader& reader, const std::string& name, bool isNeeded, Sn
     passPhrase = clearText(key);
   } catch (const std::exception& ex) {
     VELA_LOG(Vela::LogError, "Problem reading %s attribute from SPI, mo (%s). Ex: %s", name.c_str(),
-             reader.getDn().c_str(), ex.what());
+             reader.getDn().c_str(), Vela::textOf(ex).c_str());
     if (!isNeeded) return;
     reader.addMissing();
     if (dynamic_cast<const DecryptionFailure*>(&ex) != nullptr) target.mayBeReadLater = true;
@@ -176,10 +176,10 @@ bool AttributeReader::attempt(const std::string& name, Read read) {
   } catch (const std::exception& ex) {
     if (name == attribute::networkPrefixLength) {
       VELA_LOG(Vela::LogError, "Problem reading attribute networkPrefixLength from SPI, mo (%s): %s", _dn.c_str(),
-               ex.what());
+               Vela::textOf(ex).c_str());
     } else {
       VELA_LOG(Vela::LogError, "Problem reading %s attribute from SPI, mo (%s). Ex: %s", name.c_str(), _dn.c_str(),
-               ex.what());
+               Vela::textOf(ex).c_str());
     }
   } catch (...) {
     VELA_LOG(Vela::LogError, "Problem reading %s attribute from SPI, mo (%s)", name.c_str(), _dn.c_str());
@@ -329,7 +329,8 @@ void AlarmVisitor::takeAdditionalInfo(AttributeReader& reader) {
     }
     VELA_LOG(Vela::LogInfo, "Incorrect additional information received, setting to default.");
   } catch (const std::exception& ex) {
-    VELA_LOG(Vela::LogInfo, "Incorrect additional information received, setting to default. (%s)", ex.what());
+    VELA_LOG(Vela::LogInfo, "Incorrect additional information received, setting to default. (%s)",
+             Vela::textOf(ex).c_str());
   }
 }
 

@@ -182,6 +182,7 @@ void SnmpAdaptorRunnable::selectLoop(int pipeFD) {
   leaveState();
   getMaSession().close();
   closeAgentxSession();
+  _connector.endTemporarySubscriptions();
   leaveSnapshot();
   const std::size_t unsent = _queue->size();
   if (unsent > 0)

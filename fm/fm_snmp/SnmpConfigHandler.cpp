@@ -3,13 +3,16 @@
 #include <Poco/Net/IPAddress.h>
 #include <Poco/String.h>
 
+#include <algorithm>
 #include <exception>
+#include <limits>
 
 #include "AddressResolver.h"
 #include "HexMask.h"
 #include "LoggingWrapper.h"
 #include "SnmpTarnWrapper.h"
 #include "VelaConfiguration.h"
+#include "VelaException.h"
 
 namespace VelaFmSnmp {
 
@@ -44,9 +47,15 @@ int SnmpConfigHandler::load(const std::string& fileName) {
     _settings = loadSettings(*roots.front());
     return 0;
   } catch (const std::exception& ex) {
-    VELA_LOG(Vela::LogError, "Caught exception: %s", ex.what());
+    VELA_LOG(Vela::LogError, "Caught exception: %s", Vela::textOf(ex).c_str());
     return -1;
   }
+}
+
+unsigned long long SnmpConfigHandler::getPollInterval() const {
+  constexpr unsigned long long MillisecondsPerSecond = 1000;
+  constexpr unsigned long long Longest = std::numeric_limits<unsigned long long>::max() / MillisecondsPerSecond;
+  return std::min(_settings.pollIntervalSeconds, Longest) * MillisecondsPerSecond;
 }
 
 void SnmpConfigHandler::unload() { _document.reset(); }

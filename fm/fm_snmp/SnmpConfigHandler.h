@@ -36,7 +36,8 @@ class SnmpConfigHandler {
   /** Releases the file's document; the settings stay. */
   void unload();
 
-  unsigned long long getPollInterval() const { return _settings.pollIntervalSeconds * 1000; } /**< milliseconds */
+  /** Milliseconds; what they do not hold is as long as they can say. */
+  unsigned long long getPollInterval() const;
   bool isInternalTrapListenerEnabled() const { return _settings.useInternalTrapListener; }
   bool isInformTimeoutWorkaroundEnabled() const { return _settings.informTimeoutWorkaround; }
   bool isIpv6PortWorkaroudEnabled() const { return _settings.ipv6PortWorkaroud; }

@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 
+#include <Poco/String.h>
+
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cstdlib>
 #include <set>
 
@@ -15,6 +18,8 @@ namespace VelaFmSnmp {
 namespace {
 
 constexpr int CommandTimeoutMs = 4000;
+constexpr std::chrono::milliseconds NameTimeout{500};
+constexpr std::uint32_t MaxPort = 65535;
 /** The multiport match takes no more. */
 constexpr size_t MaxPorts = 15;
 constexpr int StatusNotRun = -1;
@@ -44,12 +49,14 @@ const SnmpBaseTarget& checked(const std::pair<const std::string, Poco::AutoPtr<S
   return *target.second;
 }
 
-/** An address goes into a text that the node's command splits into options, so it must not bring any of its own. */
-bool isPlainAddress(const std::string& address) {
-  return !address.empty() && address.front() != '-' && std::all_of(address.begin(), address.end(), [](unsigned char c) {
-    return std::isalnum(c) || c == '.' || c == ':' || c == '-' || c == '_';
+/** Whether a text is an address or a name. */
+bool canBeAddress(const std::string& text) {
+  return !text.empty() && text.front() != '-' && std::all_of(text.begin(), text.end(), [](unsigned char c) {
+    return std::isalnum(c) != 0 || c == '.' || c == ':' || c == '-' || c == '_';
   });
 }
+
+bool isPort(std::uint32_t port) { return port != 0 && port <= MaxPort; }
 
 std::string joinTexts(const std::vector<std::string>& texts, const char* separator) {
   std::string joined;
@@ -104,7 +111,8 @@ std::string getPort(const std::pair<const std::string, Poco::AutoPtr<SnmpBaseTar
 }
 
 SnmpDscpRuleHandler::SnmpDscpRuleHandler(const std::string& commandDirectory)
-    : _add("dscp-iptables-add"),
+    : _resolver(NameTimeout),
+      _add("dscp-iptables-add"),
       _list("dscp-iptables-list"),
       _updateTuple("dscp-iptables-update-tuple"),
       _remove("dscp-iptables-remove"),
@@ -119,19 +127,28 @@ SnmpDscpRuleHandler::SnmpDscpRuleHandler(const std::string& commandDirectory)
       VELA_TRACE("DSCP iptables API is not available, status %d", status);
     }
   } catch (const std::exception& ex) {
-    VELA_LOG(Vela::LogError, "Exception when running dscp-iptables-list reason: %s", ex.what());
+    VELA_LOG(Vela::LogError, "Exception when running dscp-iptables-list reason: %s", Vela::textOf(ex).c_str());
   } catch (...) {
     VELA_LOG(Vela::LogError, "Exception when running dscp-iptables-list");
   }
 }
 
 int SnmpDscpRuleHandler::probe(const std::string& commandDirectory) {
-  std::string output;
+  _whyUnavailable = _list.getCommand() + " cannot be run";
   if (getVariable("VELA_USER_MODE") == "1" && !_sudo.getCommand().empty()) {
-    if (access((commandDirectory + _list.getCommand()).c_str(), X_OK) != 0) return StatusNotRun;
+    const std::string command = commandDirectory + _list.getCommand();
+    if (access(command.c_str(), X_OK) != 0) {
+      _whyUnavailable = command + " is no command, which " + _sudo.getCommand() + " would run";
+      return StatusNotRun;
+    }
     _useSudo = true;
   }
-  return run(_list, {}, output);
+  std::string output;
+  const int status = run(_list, {}, output);
+  // A command that sudo has taken the environment from tells here what it misses.
+  _whyUnavailable = (_useSudo ? _sudo.getCommand() + " " : "") + _list.getCommand() + " fails with exit status " +
+                    std::to_string(status) + ": " + Poco::trim(output);
+  return status;
 }
 
 void SnmpDscpRuleHandler::setCancellation(const Vela::ScriptCancellation* cancellation) {
@@ -147,24 +164,46 @@ int SnmpDscpRuleHandler::run(const Vela::ScriptWrapper& command, Arguments argum
 }
 
 bool SnmpDscpRuleHandler::isDscpEnabled() const {
+  std::string reason;
+  return hasEffect(reason);
+}
+
+bool SnmpDscpRuleHandler::hasEffect(std::string& reason) const {
   try {
-    std::string output;
-    return _enabled.run({}, CommandTimeoutMs, output) == 0;
+    return _enabled.run({}, CommandTimeoutMs, reason) == 0;
   } catch (const std::exception& ex) {
-    VELA_LOG(Vela::LogError, "Exception when running %s reason: %s", _enabled.getCommand().c_str(), ex.what());
+    reason = Vela::textOf(ex);
+    VELA_LOG(Vela::LogError, "Exception when running %s reason: %s", _enabled.getCommand().c_str(), reason.c_str());
     return false;
   }
 }
 
 bool SnmpDscpRuleHandler::isUsable() const {
-  if (_apiAvailable && isDscpEnabled()) return true;
+  std::string reason = _whyUnavailable;
+  if (_apiAvailable && hasEffect(reason)) {
+    _toldReason.clear();
+    return true;
+  }
   VELA_TRACE("DSCP iptables API is not available or DSCP feature is disabled");
+  reason = Poco::trim(reason);
+  if (reason != _toldReason) VELA_LOG(Vela::LogInfo, "Packets are not marked: %s", reason.c_str());
+  _toldReason = reason;
   return false;
 }
 
 void SnmpDscpRuleHandler::setCmRule(const SnmpConfig& config) const {
   TextList ports;
-  for (const auto& [host, port] : config.agentAddress) ports.add(std::to_string(port));
+  const auto add = [&ports](const SnmpConfig::AddressList& addresses) {
+    for (const auto& [host, port] : addresses) {
+      if (isPort(port)) {
+        ports.add(std::to_string(port));
+      } else {
+        VELA_LOG(Vela::LogWarning, "No DSCP marking for agent address %s, bad port %u", host.c_str(), port);
+      }
+    }
+  };
+  add(config.agentAddress);
+  if (config.tlsOptions.isEnabled()) add(config.tlsOptions.agentAddressDtls);
   if (!config.dscpCmEnabled || ports.size() == 0) return removeCmRule();
   if (!isUsable()) return;
 
@@ -178,24 +217,43 @@ void SnmpDscpRuleHandler::setCmRule(const SnmpConfig& config) const {
   addOrModifyRule(ruleArguments(CmClass, rule));
 }
 
+std::string SnmpDscpRuleHandler::addressOf(const std::string& name, const SnmpBaseTarget& target) const {
+  if (!isPort(target.port)) {
+    VELA_LOG(Vela::LogWarning, "No DSCP marking for target %s, bad port %u", name.c_str(), target.port);
+    return {};
+  }
+  if (!canBeAddress(target.address)) {
+    VELA_LOG(Vela::LogWarning, "No DSCP marking for target %s, bad address", name.c_str());
+    return {};
+  }
+  try {
+    // The command gets no names: it would wait for a slow name server until it is ended, and the rule with it.
+    return _resolver.resolve(target.address).toString();
+  } catch (const std::exception& ex) {
+    VELA_LOG(Vela::LogWarning, "No DSCP marking for target %s yet: %s", name.c_str(), Vela::textOf(ex).c_str());
+    _isNameMissing = true;
+    return {};
+  }
+}
+
 void SnmpDscpRuleHandler::setFmRule(const SnmpConfig& config) const {
+  _isNameMissing = false;
   if (!config.dscpFmEnabled) return removeFmRule();
   if (!isUsable()) return;
 
   TextList addresses;
   TextList ports;
+  _resolver.forget();
   try {
+    for (const auto& target : config.getTargets()) _resolver.prepare(getAddress(target));
     for (const auto& target : config.getTargets()) {
-      const std::string address = getAddress(target);
-      if (isPlainAddress(address)) {
-        addresses.add(address);
-        ports.add(getPort(target));
-      } else {
-        VELA_LOG(Vela::LogWarning, "No DSCP marking for target %s, bad address", target.first.c_str());
-      }
+      const std::string address = addressOf(target.first, checked(target));
+      if (address.empty()) continue;
+      addresses.add(address);
+      ports.add(getPort(target));
     }
   } catch (const std::exception& ex) {
-    VELA_LOG(Vela::LogError, "Failed to set DSCP rule %s: %s", FmClass.rule, ex.what());
+    VELA_LOG(Vela::LogError, "Failed to set DSCP rule %s: %s", FmClass.rule, Vela::textOf(ex).c_str());
     return;
   }
   if (addresses.size() == 0) return removeRule(rulePattern(FmClass));
@@ -228,7 +286,8 @@ void SnmpDscpRuleHandler::removeRule(const Arguments& arguments) const {
     const int status = run(_remove, arguments, output);
     logIfFailed(_remove, arguments, status, output);
   } catch (const std::exception& ex) {
-    VELA_LOG(Vela::LogError, "Exception when running %s reason: %s", _remove.getCommand().c_str(), ex.what());
+    VELA_LOG(Vela::LogError, "Exception when running %s reason: %s", _remove.getCommand().c_str(),
+             Vela::textOf(ex).c_str());
   }
 }
 
@@ -247,7 +306,8 @@ void SnmpDscpRuleHandler::addOrModifyRule(Arguments arguments) const {
     }
     logIfFailed(*command, arguments, status, output);
   } catch (const std::exception& ex) {
-    VELA_LOG(Vela::LogError, "Exception when running %s reason: %s", command->getCommand().c_str(), ex.what());
+    VELA_LOG(Vela::LogError, "Exception when running %s reason: %s", command->getCommand().c_str(),
+             Vela::textOf(ex).c_str());
   }
 }
 

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "AddressResolver.h"
 #include "IpTablesRule.h"
 #include "ScriptWrapper.h"
 #include "SnmpTypes.h"
@@ -39,9 +40,15 @@ class SnmpDscpRuleHandler {
   /** True when packet marking is switched on on this node. */
   virtual bool isDscpEnabled() const;
 
-  /** Adds or changes the rule; removes it when the configuration switches it off or leaves nothing to mark. */
+  /**
+   * Adds or changes the rule; removes it when the configuration switches it off or leaves nothing to mark. What a rule
+   * cannot hold (a port that is none, an address that is none, a name without an address) is logged and left out.
+   * Names are waited for half a second, all together.
+   */
   virtual void setCmRule(const SnmpConfig& config) const;
   virtual void setFmRule(const SnmpConfig& config) const;
+  /** Whether the last rule for notifications lacks a target whose name had no address then. */
+  virtual bool isNameMissing() const { return _isNameMissing; }
   virtual void removeCmRule() const;
   virtual void removeFmRule() const;
 
@@ -50,12 +57,18 @@ class SnmpDscpRuleHandler {
 
  private:
   bool isUsable() const;
+  bool hasEffect(std::string& reason) const;
+  std::string addressOf(const std::string& name, const SnmpBaseTarget& target) const;
   int probe(const std::string& commandDirectory);
   int run(const Vela::ScriptWrapper& command, Arguments arguments, std::string& output) const;
   void removeRule(const Arguments& arguments) const;
   void addOrModifyRule(Arguments arguments) const;
 
   bool _apiAvailable = false;
+  std::string _whyUnavailable;
+  mutable std::string _toldReason; /**< why packets are not marked, as last logged */
+  mutable bool _isNameMissing = false;
+  mutable AddressResolver _resolver;
   bool _useSudo = false;
   Vela::ScriptWrapper _add;
   Vela::ScriptWrapper _list;

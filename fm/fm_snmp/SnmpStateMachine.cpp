@@ -35,7 +35,6 @@ constexpr unsigned long long ConfigurationSettledAfter = 1000;
 constexpr unsigned long long PortsGivenUpAfter = 19999;
 constexpr int PortRetryDelay = 1000;
 constexpr int ConfigureTimeout = 30000;
-constexpr int StartTimeout = 120000;
 constexpr unsigned long long DeliveryGivenUpAfter = 24999;
 constexpr unsigned long long NextAlarmAfter = 1249;
 constexpr int TrapReceivedDelay = 6000;
@@ -271,7 +270,7 @@ StateTransition FmStateStartMasterAgent::onUpdate(SnmpAdaptorRunnable& owner) {
       if (option == TarnConfigureDtlsNodeCredential && !owner.isDtlsSupported()) continue;
       tarn.configure(option, owner.getNewConfig(), ConfigureTimeout);
     }
-    tarn.manage(TarnManageStart, StartTimeout);
+    tarn.manage(TarnManageStart, Vela::TarnSpi::StartTimeoutMs);
   } catch (const Vela::VelaException& ex) {
     return afterFailure(StartAgent, _retries, ex);
   }
@@ -461,7 +460,7 @@ FmStateIdleEnabled::FmStateIdleEnabled(SnmpAdaptorRunnable& owner) : FmStateThre
   const SnmpConfigHandler* handler = owner.getConfigurationHandler();
   _pollInterval = std::max(handler ? handler->getPollInterval() : 0, MinPollInterval);
   FmStateIdleError::numReconfigAttempts = 0;
-  _lastTargetCheck = SnmpUtil::getNow();
+  _lastTargetCheck = _lastMarking = SnmpUtil::getNow();
   startThread();
 }
 
@@ -490,8 +489,15 @@ StateTransition FmStateIdleEnabled::onUpdate(SnmpAdaptorRunnable& owner) {
     _lastTargetCheck = SnmpUtil::getNow();
     transition = StateTransition::change(FmStateIdRetryConfigureTargets, NotAllTargetsReason);
   }
+  completeMarking(owner);
   owner.sendQueuedAlarms(QueuedAlarmsPerUpdate);
   return transition;
+}
+
+void FmStateIdleEnabled::completeMarking(SnmpAdaptorRunnable& owner) {
+  if (!owner.getDscpRuleHandler().isNameMissing() || !hasPassed(_lastMarking, TargetCheckAfter)) return;
+  _lastMarking = SnmpUtil::getNow();
+  owner.getDscpRuleHandler().setFmRule(owner.getConfigurator().getCurrentConfig());
 }
 
 void FmStateIdleEnabled::run() {

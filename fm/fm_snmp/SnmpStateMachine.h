@@ -153,11 +153,14 @@ class FmStateIdleEnabled : public FmState, public FmStateThread {
  private:
   bool createSession(SnmpMaSession& session) const;
   void report(SnmpEvent event) const;
+  /** Marks packets to targets whose names had no address before. */
+  void completeMarking(SnmpAdaptorRunnable& owner);
   /** Waits so many milliseconds; true when the thread shall end. */
   bool checkIfSocketClosed(unsigned long long timeoutMs) const;
 
   unsigned long long _pollInterval; /**< milliseconds */
   unsigned long long _lastTargetCheck;
+  unsigned long long _lastMarking;
 };
 
 /** Something failed. The configuration is loaded again, after a wait that grows with every failure in a row. */

@@ -13,10 +13,11 @@
 #include <sstream>
 
 #include "AgentAddresses.h"
-#include "HexMask.h"
+#include "ConfigurationFault.h"
 #include "SecretFile.h"
 #include "SnmpTypes.h"
 #include "SnmpUtil.h"
+#include "TlsConfigurator.h"
 
 namespace VelaFmSnmp {
 
@@ -30,7 +31,6 @@ constexpr std::size_t maxToldOctets = 500;
 /** Octets of an engine id (RFC 3411, SnmpEngineID), in hexadecimal digits. */
 constexpr std::size_t minEngineIdDigits = std::size_t{2} * 5;
 constexpr std::size_t maxEngineIdDigits = std::size_t{2} * 32;
-constexpr int maxFingerprintOctets = 64;
 
 const char* manageWord(TarnManageOption option) {
   switch (option) {
@@ -131,13 +131,14 @@ std::string engineIdArgument(const std::string& engineId) {
 
 /** As engineIdArgument: without a usable credential there is no DTLS, but everything else. */
 std::string nodeCredentialArgument(const std::string& fingerprint) {
-  std::string argument = "dtlsNodeCredential=";
-  unsigned char octets[maxFingerprintOctets];
-  int size = 0;
-  if (convertHexMask(octets, &size, maxFingerprintOctets, fingerprint.c_str()))
-    return argument + SnmpUtil::toHex(std::string(octets, octets + size));
-  VELA_LOG(Vela::LogError, "The nodeCredential '%s' is no fingerprint, not using it", fingerprint.c_str());
-  return argument;
+  const std::string argument = "dtlsNodeCredential=";
+  if (fingerprint.empty()) return argument;
+  try {
+    return argument + SnmpUtil::toHex(TlsConfigurator::encodeFingerPrint(fingerprint.c_str()).substr(1));
+  } catch (const ConfigurationFault&) {
+    VELA_LOG(Vela::LogError, "The nodeCredential '%s' is no fingerprint, not using it", fingerprint.c_str());
+    return argument;
+  }
 }
 
 /** What the tool wrote, in the length of a log line; one that is broken may write any amount. */
@@ -232,7 +233,7 @@ bool SnmpTarnWrapper::query(const char* word, const char* failure) const {
   try {
     return runTool({"snmp", word}, queryTimeoutMs, word).find("yes") != std::string::npos;
   } catch (const std::exception& ex) {
-    VELA_LOG(Vela::LogError, "exception while checking %s support: %s", failure, ex.what());
+    VELA_LOG(Vela::LogError, "exception while checking %s support: %s", failure, Vela::textOf(ex).c_str());
     return false;
   }
 }
@@ -300,7 +301,7 @@ void SnmpTarnWrapper::configure(TarnConfigureOption option, const SnmpConfig& co
         return runConfigure({engineIdArgument(config.engineId)}, timeoutMs);
     }
   } catch (const std::exception& ex) {
-    VELA_LOG(Vela::LogError, "exception while configuring: %s", ex.what());
+    VELA_LOG(Vela::LogError, "exception while configuring: %s", Vela::textOf(ex).c_str());
     throw;
   }
   throw Vela::VelaException("Failed to configure snmpd, unknown option %d", static_cast<int>(option));

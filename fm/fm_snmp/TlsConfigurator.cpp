@@ -39,12 +39,13 @@ const char* const certSanAny = ".1.3.6.1.2.1.198.1.1.5";
 /** Any server that the trusted certificates vouch for. */
 const char* const anyServer = "*";
 
-/** Hash algorithms of RFC 5246 by the length of their hash in octets. */
+/** Hash algorithms of RFC 5246 by the length of their hash in octets. MD5 is none of them: certificates can be made
+ * that have the same. */
 struct HashAlgorithm {
   int length;
   char number;
 };
-constexpr HashAlgorithm hashAlgorithms[] = {{16, 1}, {20, 2}, {28, 3}, {32, 4}, {48, 5}, {64, 6}};
+constexpr HashAlgorithm hashAlgorithms[] = {{20, 2}, {28, 3}, {32, 4}, {48, 5}, {64, 6}};
 constexpr int maxHash = 64;
 
 }  // namespace

@@ -79,6 +79,13 @@ inline void requireFilter() {
     throw std::runtime_error("packets cannot be marked: iptables is missing, or the privilege to use it");
 }
 
+/** Whether the node works as an ordinary user, with a command that gives it the privilege where it needs it. */
+inline bool isUserMode() {
+  const char* mode = std::getenv("VELA_USER_MODE");
+  const char* command = std::getenv("SUDO_CMD");
+  return mode != nullptr && std::string(mode) == "1" && command != nullptr && *command != '\0';
+}
+
 inline std::filesystem::path nodeFolder() {
   const char* folder = std::getenv("VELA_NODE_DIR");
   if (folder == nullptr || *folder == '\0') throw std::runtime_error("VELA_NODE_DIR is not set");

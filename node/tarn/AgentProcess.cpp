@@ -28,6 +28,7 @@ extern "C" {
 
 #include "Failure.h"
 #include "Files.h"
+#include "TarnSpi.h"
 #include "files/AgentRecord.h"
 
 namespace Tarn {
@@ -38,7 +39,8 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr seconds StartTimeout{20};
+/** Leaves time to say that it was not enough. */
+constexpr seconds StartTimeout{Vela::TarnSpi::StartTimeoutMs / 1000 - 5};
 constexpr seconds TerminateTimeout{4};
 constexpr seconds KillTimeout{5};
 constexpr milliseconds PollInterval{10};

@@ -6,7 +6,8 @@ import subprocess
 
 import pytest
 
-from vela import BIN, FM, SNMP, Node, model_xml, target_xml
+from usm import User, await_states, create
+from vela import BIN, FM, SNMP, Node, free_port, model_xml, target_xml
 
 TARGET = target_xml("SnmpTargetV2C", "nms", 1162, community="public")
 
@@ -132,3 +133,19 @@ def test_secrets_are_readable_by_nobody_else(nodes, receivers):
         if path.is_file() and password.encode() in path.read_bytes():
             assert path.stat().st_mode & 0o077 == 0, path
     assert password not in node.log()
+
+
+def test_a_change_of_the_nodes_key_is_noticed(nodes, folder):
+    user = User("AUTH_PRIV", "SHA", "AES", "TRAP")
+    node = nodes().start()
+    node.reach("PostConfigure")
+    create(node, folder, "nms", user, free_port())
+    await_states(node, {"nms": "ENABLED"})
+    key = node.dir / "sec_trove/key"
+    own = key.read_bytes()
+    key.write_bytes(bytes(len(own)))
+    await_states(node, {"nms": "DISABLED"})
+    node.logged("Decryption of SNMP V3 password failed")
+    key.write_bytes(own)
+    await_states(node, {"nms": "ENABLED"})
+    assert not any(phrase in node.log() for phrase in user.phrases())

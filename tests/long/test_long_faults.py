@@ -1,6 +1,7 @@
 """Faults that last longer than a test should, or take a tool's whole time-out."""
 
 import random
+import shutil
 import signal
 import subprocess
 import threading
@@ -10,7 +11,8 @@ import pytest
 
 from faults import BABBLES, FAILS, HANGS, USER, held_port
 from tarn_node import TrapDaemon
-from vela import BIN, SNMP, eventually, target_xml
+from usm import User, await_states, create, dn
+from vela import BIN, BUILD, SNMP, eventually, free_port, target_xml
 
 HANGS_ONCE = f'[ -e "$here/hung" ] || {{ touch "$here/hung"; {HANGS}; }}'
 
@@ -32,6 +34,34 @@ def test_a_port_that_stays_taken_is_told_and_waited_for(scenes):
         scene.node.reach("StartMasterAgent", after=2)
     print(f"recovered after {scene.recovered(time.monotonic()):.1f} s")
     assert "raised without an agent" in scene.receiver.problems()
+
+
+def test_an_agent_that_takes_long_to_start_is_waited_for(scenes):
+    scene = scenes(tools=True)
+    scene.programs.replace("snmpd", f'sleep 25; exec {shutil.which("snmpd", path="/usr/sbin:/usr/bin")} "$@"')
+    scene.node.start()
+    scene.node.reach("PostConfigure", 60)
+    assert sum(state == "StartMasterAgent" for _, state, _ in scene.node.states()) == 1
+
+
+def test_pass_phrases_are_read_once_the_credential_library_is_there(scenes, folder):
+    scene = scenes(tools=True)
+    scene.start()
+    create(scene.node, folder, "nms", User("AUTH_PRIV", "SHA", "AES", "TRAP"), free_port())
+    await_states(scene.node, {"nms": "ENABLED"})
+    scene.node.stop()
+    libraries = scene.programs.folder / "lib"
+    libraries.unlink()
+    libraries.mkdir()
+    for library in (BUILD / "lib").iterdir():
+        (libraries / library.name).symlink_to(library)
+    library = libraries / "libsec_trove_api.so"
+    library.unlink()
+    scene.node.start(arguments=[])
+    scene.settled()
+    await_states(scene.node, {"nms": "DISABLED"})
+    library.symlink_to(BUILD / "lib" / library.name)
+    eventually(lambda: scene.node.get(dn("nms"), "operationalState") == "ENABLED", 60)
 
 
 @pytest.mark.parametrize("command, timeout", [("configure", 30), ("start", 120), ("stop", 15)])

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +14,7 @@
 using namespace VelaFmSnmp;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 namespace {
 
@@ -58,6 +60,7 @@ class DscpRuleHandlerTest : public testing::Test {
 
 TEST_F(DscpRuleHandlerTest, marksAnswersByTheAgentsPortsAndChangesARuleThatExists) {
   const std::string add = "dscp-iptables-add|vela-snmp-response|OamCM|-p udp --match multiport --sport 161,1161 @4000";
+  config.tlsOptions.agentAddressDtls = {{"10.0.0.1", 10161}};
   const SnmpDscpRuleHandler handler;
   handler.setCmRule(config);
   EXPECT_THAT(commands.takeCommands(), ElementsAre(Probe, Enabled, add));
@@ -69,20 +72,47 @@ TEST_F(DscpRuleHandlerTest, marksAnswersByTheAgentsPortsAndChangesARuleThatExist
                                                    "-p udp --match multiport --sport 161,1161 @4000"));
   EXPECT_TRUE(log.hasTrace("Rule already exists, trying modify instead"));
   EXPECT_THAT(log.lines(Vela::LogError), IsEmpty());
+
+  config.tlsOptions.nodeCredential = "aa";
+  config.tlsOptions.trustCategories = {"bb"};
+  config.agentAddress.push_back({"10.0.0.2", 70000});
+  handler.setCmRule(config);
+  EXPECT_THAT(commands.takeCommands(), testing::Contains("dscp-iptables-add|vela-snmp-response|OamCM|"
+                                                         "-p udp --match multiport --sport 161,1161,10161 @4000"));
+  EXPECT_THAT(log.lines(Vela::LogWarning), ElementsAre("No DSCP marking for agent address 10.0.0.2, bad port 70000"));
 }
 
 TEST_F(DscpRuleHandlerTest, marksNotificationsByTheTargetsAddressesAndPorts) {
   addTarget("a", "10.0.0.9", 162);
-  addTarget("b", "nms.example.net", 162);
   addTarget("c", "10.0.0.9", 1162);
-  addTarget("d", "10.0.0.8 -j ACCEPT", 7);
+  addTarget("d", "2001:db8::9", 162);
+  const std::string add = "dscp-iptables-add|vela-snmp-alarm|OamFM|-p udp -d 10.0.0.9,2001:db8::9";
   const SnmpDscpRuleHandler handler;
   commands.takeCommands();
   handler.setFmRule(config);
-  EXPECT_THAT(commands.takeCommands(),
-              ElementsAre(Enabled,
-                          "dscp-iptables-add|vela-snmp-alarm|OamFM|"
-                          "-p udp -d 10.0.0.9,nms.example.net --match multiport --dport 162,1162 @4000"));
+  EXPECT_THAT(commands.takeCommands(), ElementsAre(Enabled, add + " --match multiport --dport 162,1162 @4000"));
+  EXPECT_THAT(log.lines(Vela::LogWarning), IsEmpty());
+
+  // What cannot be marked costs itself only, and is told.
+  addTarget("e", "10.0.0.8 -j ACCEPT", 7);
+  addTarget("f", "10.0.0.7", 70000);
+  addTarget("g", "10.0.0.6", 0);
+  addTarget("h", "no-such-host.invalid", 162);
+  const auto start = std::chrono::steady_clock::now();
+  handler.setFmRule(config);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  EXPECT_THAT(commands.takeCommands(), ElementsAre(Enabled, add + " --match multiport --dport 162,1162 @4000"));
+  EXPECT_THAT(log.lines(Vela::LogWarning),
+              ElementsAre("No DSCP marking for target e, bad address", "No DSCP marking for target f, bad port 70000",
+                          "No DSCP marking for target g, bad port 0",
+                          "No DSCP marking for target h yet: Could not resolve IP host: no-such-host.invalid"));
+  EXPECT_TRUE(handler.isNameMissing());
+
+  config.targets.erase("h");
+  addTarget("i", "localhost", 162);
+  handler.setFmRule(config);
+  EXPECT_THAT(commands.takeCommands().back(), testing::AnyOf(StartsWith(add + ",127."), StartsWith(add + ",::1 ")));
+  EXPECT_FALSE(handler.isNameMissing());
 }
 
 TEST_F(DscpRuleHandlerTest, leavesPortsOutWhenTheyAreMoreThanCanBeMatched) {
@@ -125,13 +155,17 @@ TEST_F(DscpRuleHandlerTest, logsWhatFails) {
        "dscp-iptables-update-tuple vela-snmp-response -p udp --match multiport --sport 161,1161 failed, retval: 3, "
        "output: told why"},
       {{{"dscp-iptables-add", -1}}, "Exception when running dscp-iptables-add reason: no such command"},
+      {{{"dscp-iptables-remove", -1}}, "Exception when running dscp-iptables-remove reason: no such command"},
+      {{{"dscp-iptables-remove", 5}},
+       "dscp-iptables-remove -r '^vela-snmp-response' failed, retval: 5, output: told why"},
       {{{"dscp-enabled", -1}}, "Exception when running dscp-enabled reason: no such command"},
   };
   for (const auto& testCase : cases) {
     statuses = testCase.statuses;
     const SnmpDscpRuleHandler handler;
-    handler.setCmRule(config);
-    EXPECT_EQ(log.count(Vela::LogError, testCase.line), 1) << testCase.line;
+    EXPECT_NO_THROW(handler.setCmRule(config));
+    EXPECT_NO_THROW(handler.removeCmRule());
+    EXPECT_GE(log.count(Vela::LogError, testCase.line), 1) << testCase.line;
   }
 }
 
@@ -154,6 +188,12 @@ TEST_F(DscpRuleHandlerTest, runsNothingButTheProbesWhereMarkingIsNotOffered) {
     handler.setCmRule(config);
     handler.removeFmRule();
     EXPECT_THAT(commands.takeCommands(), ElementsAre(Enabled, Enabled));
+    EXPECT_EQ(log.count(Vela::LogInfo, "Packets are not marked: told why"), 1) << "told once, not at every pass";
+    statuses.clear();
+    handler.setCmRule(config);
+    statuses["dscp-enabled"] = 1;
+    handler.setCmRule(config);
+    EXPECT_EQ(log.count(Vela::LogInfo, "Packets are not marked: told why"), 2);
   }
   statuses = {{"dscp-iptables-list", 2}};
   const SnmpDscpRuleHandler unavailable;
@@ -165,6 +205,9 @@ TEST_F(DscpRuleHandlerTest, runsNothingButTheProbesWhereMarkingIsNotOffered) {
   unavailable.setCmRule(config);
   missing.removeCmRule();
   EXPECT_THAT(commands.takeCommands(), IsEmpty());
+  EXPECT_EQ(log.count(Vela::LogInfo, "Packets are not marked: dscp-iptables-list fails with exit status 2: told why"),
+            1);
+  EXPECT_EQ(log.count(Vela::LogInfo, "Packets are not marked: dscp-iptables-list cannot be run"), 1);
 }
 
 TEST_F(DscpRuleHandlerTest, goesThroughSudoInUserMode) {
@@ -184,7 +227,14 @@ TEST_F(DscpRuleHandlerTest, goesThroughSudoInUserMode) {
   }
   std::ofstream(folder + "dscp-iptables-list") << "#!/bin/sh\n";
   chmod((folder + "dscp-iptables-list").c_str(), 0755);
-  statuses["asroot|dscp-iptables-add"] = 1;
+  statuses = {{"asroot|dscp-iptables-list", 2}};
+  const SnmpDscpRuleHandler withoutEnvironment(folder);
+  withoutEnvironment.setCmRule(config);
+  EXPECT_EQ(
+      log.count(Vela::LogInfo, "Packets are not marked: asroot dscp-iptables-list fails with exit status 2: told why"),
+      1);
+  commands.takeCommands();
+  statuses = {{"asroot|dscp-iptables-add", 1}};
   const SnmpDscpRuleHandler handler(folder);
   handler.setCmRule(config);
   handler.removeCmRule();

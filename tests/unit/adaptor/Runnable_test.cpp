@@ -3,10 +3,13 @@
 #include <sys/eventfd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "SnmpAlarmSnapshot.h"
@@ -300,14 +303,23 @@ TEST_F(RunnableTest, UnhandledEvents) {
 }
 
 TEST_F(RunnableTest, TheSubAgentAttachesOnlyOnceAMasterAgentWasStarted) {
+  const std::string file = testing::TempDir() + "runnable_" + std::to_string(getpid()) + ".xml";
+  std::ofstream(file) << "<VelaFmSnmp><agentxPingInterval>4</agentxPingInterval><agentxTimeout>5</agentxTimeout>"
+                         "<agentxRetries>6</agentxRetries></VelaFmSnmp>";
+  ASSERT_EQ(handler.load(file), 0);
+  std::filesystem::remove(file);
   handler.setSnmpMasterAgentAgentxSocket("socket");
   adaptor->prepareForStart(nullptr);
   adaptor->initSubAgentAfterRestart();
-  EXPECT_TRUE(adaptor->subAgent->sockets.empty());
+  const auto& attached = adaptor->subAgent->attached;
+  EXPECT_TRUE(attached.empty());
   adaptor->masterAgentStarted();
   configure();
   adaptor->initSubAgentAfterRestart();
-  EXPECT_EQ(adaptor->subAgent->sockets, (std::vector<std::string>{"socket"}));
+  ASSERT_EQ(attached.size(), 1U);
+  EXPECT_EQ(attached[0].socket, "socket");
+  EXPECT_EQ(std::make_tuple(attached[0].pingInterval, attached[0].timeout, attached[0].retries),
+            std::make_tuple(4, 5, 6));
   EXPECT_TRUE(adaptor->isSubAgentActive());
   EXPECT_FALSE(adaptor->getConfigurator().isConfigured());
   adaptor->subAgent->canAttach = false;
@@ -320,7 +332,7 @@ TEST_F(RunnableTest, TheSubAgentAttachesOnlyOnceAMasterAgentWasStarted) {
   }
   handler.setSnmpMasterAgentAgentxSocket("");
   adaptor->initSubAgentAfterRestart();
-  EXPECT_EQ(adaptor->subAgent->sockets.size(), 2U);
+  EXPECT_EQ(attached.size(), 2U);
   adaptor->setConfigurationHandler(nullptr);
   EXPECT_THROW(adaptor->prepareForStart(nullptr), Vela::VelaException);
   EXPECT_EQ(log.count(Vela::LogError, "Caught exception during fm comp start: there is no component configuration."),

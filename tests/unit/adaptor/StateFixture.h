@@ -141,6 +141,9 @@ class DscpStandIn : public SnmpDscpRuleHandler {
   void setFmRule(const SnmpConfig&) const override { journal.add("fm rule"); }
   void removeCmRule() const override { journal.add("no cm rule"); }
   void removeFmRule() const override { journal.add("no fm rule"); }
+  bool isNameMissing() const override { return isMissing; }
+
+  bool isMissing = false;
 };
 
 /** The adaptor with its surroundings replaced; configurator, tool wrapper and listener are the real ones. */

@@ -692,7 +692,12 @@ TEST_F(StatesTest, idleEnabledSendsTenAlarmsPerUpdateAndLooksAtTargetsEvery30Sec
   EXPECT_EQ(text(faulty.onUpdate(adaptor)), "7/not all targets operational/100");
   EXPECT_THAT(journal.take(), ElementsAre("send 10", "send 10"));
   clock.advance(30000);
+  adaptor.dscp.isMissing = true;
   EXPECT_EQ(text(faulty.onUpdate(adaptor)), Unhandled);
+  EXPECT_THAT(journal.take(), ElementsAre("fm rule", "send 10"));
+  clock.advance(30000);
+  faulty.onUpdate(adaptor);
+  EXPECT_THAT(journal.take(), ElementsAre("send 10")) << "packets to late names are marked every 30 seconds";
 }
 
 TEST_F(ConfiguredTest, bootCountMismatchMakesTheConfigurationInvalid) {

@@ -18,7 +18,7 @@ class SubAgentStandIn : public VelaFmSnmp::AgentXSubAgent {
   void presetLibrary() override {}
   bool attach(const Settings& settings, const std::function<void()>&) override {
     close();
-    sockets.push_back(settings.socket);
+    attached.push_back(settings);
     unanswered.clear();
     answers.clear();
     isConnected = canAttach;
@@ -79,7 +79,7 @@ class SubAgentStandIn : public VelaFmSnmp::AgentXSubAgent {
   std::deque<Request> unanswered;
   std::vector<Answer> answers;
   bool isUnread = false;
-  std::vector<std::string> sockets; /**< of the calls of attach */
+  std::vector<Settings> attached; /**< of the calls of attach */
   int closes = 0;
   int reads = 0;
   int descriptor = -1; /**< to be waited for */

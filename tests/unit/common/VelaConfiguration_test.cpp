@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <string>
 
 #include "TarnSpiVersion.h"
@@ -28,7 +29,8 @@ class VelaConfigurationTest : public ::testing::Test {
 TEST_F(VelaConfigurationTest, ReadsTypedTextsOfDirectChildrenOnly) {
   ::setenv("VELA_CONFIGURATION_TEST", "/somewhere", 1);
   _configuration.load(
-      file("<R><n> 42 </n><b>TRUE</b><b0>0</b0><path>${VELA_CONFIGURATION_TEST}/x${NO_SUCH_VARIABLE}</path>"
+      file("<R><n> 42 </n><empty> "
+           "</empty><unset>${NO_SUCH_VARIABLE}</unset><path>${VELA_CONFIGURATION_TEST}/x${NO_SUCH_VARIABLE}</path>"
            "<deep><n>7</n></deep><big>18446744073709551615</big></R>"));
   const auto roots = _configuration.findElements("R");
   ASSERT_EQ(roots.size(), 1u);
@@ -36,24 +38,42 @@ TEST_F(VelaConfigurationTest, ReadsTypedTextsOfDirectChildrenOnly) {
   int number = 0;
   EXPECT_TRUE(VelaConfiguration::getInt(root, "n", number));
   EXPECT_EQ(number, 42);
-  bool flag = false;
-  EXPECT_TRUE(VelaConfiguration::getBool(root, "b", flag));
-  EXPECT_TRUE(flag);
-  EXPECT_TRUE(VelaConfiguration::getBool(root, "b0", flag));
-  EXPECT_FALSE(flag);
   unsigned long long big = 0;
   EXPECT_TRUE(VelaConfiguration::getUInt64(root, "big", big));
   EXPECT_EQ(big, 18446744073709551615ull);
   std::string path;
   EXPECT_TRUE(VelaConfiguration::getText(root, "path", path));
   EXPECT_EQ(path, "/somewhere/x");
-  EXPECT_FALSE(VelaConfiguration::getInt(root, "missing", number));
+  bool flag = true;
+  for (const char* name : {"missing", "empty", "unset"}) {
+    EXPECT_FALSE(VelaConfiguration::getInt(root, name, number) || VelaConfiguration::getBool(root, name, flag) ||
+                 VelaConfiguration::getUInt64(root, name, big) || VelaConfiguration::getText(root, name, path))
+        << name;
+  }
   EXPECT_EQ(number, 42) << "a missing element must leave the default";
+  EXPECT_EQ(path, "/somewhere/x");
   EXPECT_EQ(_configuration.findElements("n").size(), 2u);
 }
 
+TEST_F(VelaConfigurationTest, ReadsBooleansInEveryForm) {
+  for (const auto& [text, value] : std::map<std::string, bool>{{"TRUE", true},
+                                                               {"Yes", true},
+                                                               {"on", true},
+                                                               {"1", true},
+                                                               {"7", true},
+                                                               {"false", false},
+                                                               {"NO", false},
+                                                               {"Off", false},
+                                                               {"0", false}}) {
+    _configuration.load(file("<R><b>" + text + "</b></R>"));
+    bool flag = !value;
+    EXPECT_TRUE(VelaConfiguration::getBool(*_configuration.findElements("R").front(), "b", flag)) << text;
+    EXPECT_EQ(flag, value) << text;
+  }
+}
+
 TEST_F(VelaConfigurationTest, AValueOfTheWrongTypeIsRefusedAndNamed) {
-  _configuration.load(file("<R><n>12x</n><b>7</b><u>-1</u></R>"));
+  _configuration.load(file("<R><n>12x</n><b>perhaps</b><u>-1</u></R>"));
   const Poco::XML::Element& root = *_configuration.findElements("R").front();
   int number = 0;
   bool flag = false;

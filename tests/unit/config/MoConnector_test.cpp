@@ -1,5 +1,7 @@
 #include "MoConnector.h"
 
+#include <Poco/Exception.h>
+
 #include <functional>
 
 #include "ModelFixture.h"
@@ -43,7 +45,7 @@ class AlarmList : public MoConnector::ISnmpXmodDataProviderAlarmVisitor {
  public:
   void beginAlarms() override { ++begun; }
   void replicateAlarm(SnmpAlarm* alarm) override {
-    if (isFailing) throw Vela::VelaException("no more");
+    if (isFailing) throw Poco::NotFoundException("no more");
     alarms.push_back(*alarm);
   }
   void endAlarms() override { ++ended; }
@@ -263,6 +265,14 @@ TEST_F(MoConnectorTest, AddressesComeFromAccessPointsWhenTheServiceHasNone) {
   config = read(false);
   EXPECT_THAT(config.agentAddress, ElementsAre(Pair("192.0.2.77", 161u)));
   EXPECT_FALSE(config.isAgentAddressFromAccessPoint);
+
+  for (const char* attribute : {"agentAddress", "agentAddressDtls"}) {
+    set(Snmp, attribute, R"([{"host":"192.0.2.77"}])");
+    EXPECT_TRUE(
+        (attribute == std::string("agentAddress") ? read().agentAddress : read().tlsOptions.agentAddressDtls).empty())
+        << "a faulty list is no leave to listen elsewhere";
+    EXPECT_TRUE(isLogged(std::string("No entry of ") + attribute + " of " + Snmp + " can be used"));
+  }
 }
 
 TEST_F(MoConnectorTest, WithoutAnyAddressTheServiceIsNotEnabled) {
@@ -308,6 +318,25 @@ TEST_F(MoConnectorTest, AnAddressThatChangesWhileItIsReadIsNotLost) {
   create(SysM, "OamAccessPoint=a", {{"accessPoint", address}});
   subscriptions.onTemporary = [&] { set(address, "address", "192.0.2.2"); };
   EXPECT_THAT(read().agentAddress, ElementsAre(Pair("192.0.2.2", 161u)));
+}
+
+TEST_F(MoConnectorTest, WhatAFailedReadingWatchesIsWatchedUntilTheNextOneOrTheEnd) {
+  create(SysM, "OamAccessPoint=a", {{"accessPoint", createAddress("a", "192.0.2.1")}});
+  const std::string start = "start temporary ^ManagedElement=1,Transport=1,Address=a$ ";
+  for (const bool isEnd : {true, false}) {
+    connector.init(VelaNode::HostPortal::getTable());
+    subscriptions.calls.clear();
+    subscriptions.onTemporary = [] { throw Vela::VelaException("not now"); };
+    EXPECT_THROW(read(), Vela::VelaException);
+    EXPECT_THAT(subscriptions.calls, ElementsAre(start));
+    subscriptions.onTemporary = nullptr;
+    if (isEnd) {
+      connector.endTemporarySubscriptions();
+    } else {
+      read();
+    }
+    EXPECT_EQ(subscriptions.calls.back(), "stop temporary");
+  }
 }
 
 // --- Alarms
@@ -382,7 +411,7 @@ TEST_F(MoConnectorTest, AFailedTraversalIsTold) {
   list.isFailing = true;
   EXPECT_FALSE(connector.visit(list));
   EXPECT_EQ(list.ended, 0);
-  EXPECT_TRUE(isLogged("Failed to retrieve alarm list from the IMM: no more"));
+  EXPECT_TRUE(isLogged("Failed to retrieve alarm list from the IMM: Not found: no more"));
 }
 
 TEST_F(MoConnectorTest, Summary) {

@@ -61,6 +61,14 @@ TEST_F(SnmpConfigHandlerTest, ReadsEveryKeyOrTakesItsDefault) {
   EXPECT_TRUE(isLogged("VelaFmSnmp/snmpMasterAgentPwdFile tag found: /p."));
   EXPECT_TRUE(isLogged("VelaFmSnmp/ipVersion tag found: ipv6"));
   EXPECT_FALSE(isLogged("Faulty Configuration"));
+
+  forgetLines();
+  ASSERT_EQ(load("<VelaFmSnmp><snmpPollInterval>18446744073709551615</snmpPollInterval><ipVersion/>"
+                 "<snmpMasterAgentPwdFile> </snmpMasterAgentPwdFile></VelaFmSnmp>"),
+            0);
+  EXPECT_EQ(handler.getPollInterval(), 18446744073709551000u);
+  EXPECT_EQ(handler.getSnmpMasterAgentPwdFile(), "/home/vela/etc/snmp/snmp_pwd_file");
+  EXPECT_TRUE(isLogged("ipVersion is not found in the configuration."));
 }
 
 TEST_F(SnmpConfigHandlerTest, RefusesWhatIsNoConfiguration) {
@@ -111,9 +119,10 @@ TEST_F(SnmpConfigHandlerTest, StaticTlsSettingsOverrideOnlyWhenBothAreThere) {
   EXPECT_EQ(config.tlsOptions.nodeCredential, "model");
   EXPECT_THAT(config.agentAddress, IsEmpty());
 
-  ASSERT_EQ(loadTls(fingerprint("nodeCredential", Fingerprint) + fingerprint("trustCategory", Fingerprint) +
-                    fingerprint("trustCategory", OtherFingerprint)),
+  ASSERT_EQ(loadTls(fingerprint("nodeCredential", Fingerprint) + fingerprint("nodeCredential", OtherFingerprint) +
+                    fingerprint("trustCategory", Fingerprint) + fingerprint("trustCategory", OtherFingerprint)),
             0);
+  EXPECT_TRUE(isLogged("More than one nodeCredential fingerprint in configuration file, using the first"));
   handler.getStaticTlsConfig(config);
   EXPECT_EQ(config.tlsOptions.nodeCredential, Fingerprint);
   EXPECT_THAT(config.tlsOptions.trustCategories, ElementsAre(Fingerprint, OtherFingerprint));

@@ -196,6 +196,11 @@ TEST_F(SnmpTarnWrapperTest, handsPlainValuesOver) {
   EXPECT_EQ(configure(TarnConfigureDtlsNodeCredential, config),
             "tarn|snmp|configure|dtlsNodeCredential=" + std::string(40, 'a') + " @30000");
   EXPECT_EQ(configure(TarnConfigureCipherString, config), "tarn|snmp|configure|setCipherString=ALL:!aNULL @30000");
+  for (const std::string& md5OrNone : {std::string(32, 'a'), std::string("x")}) {
+    config.tlsOptions.nodeCredential = md5OrNone;
+    EXPECT_EQ(configure(TarnConfigureDtlsNodeCredential, config), "tarn|snmp|configure|dtlsNodeCredential= @30000");
+    EXPECT_THAT(log.lines(), Contains("The nodeCredential '" + md5OrNone + "' is no fingerprint, not using it"));
+  }
   const std::pair<const char*, const char*> engineIds[] = {{"", "engineId="},
                                                            {"8000000001020304", "engineId=0x8000000001020304"},
                                                            {"0x8000000001", "engineId=0x8000000001"},
