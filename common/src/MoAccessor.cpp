@@ -18,6 +18,11 @@ const VelaOamSpiManagedObject_3T& service() {
   return *found;
 }
 
+const char* errorText(const VelaOamSpiManagedObject_3T& objects) {
+  const char* text = objects.getErrorText();
+  return text != nullptr ? text : "no reason told";
+}
+
 bool isSigned(VelaOamSpiMoTypeT type) {
   return type == VELA_MO_INT16 || type == VELA_MO_INT32 || type == VELA_MO_INT64 || type == VELA_MO_ENUM;
 }
@@ -165,7 +170,7 @@ bool MoStruct::getBool(const std::string& name) const {
 Transaction::Transaction(int lockPolicy, unsigned timeoutSeconds) {
   const VelaOamSpiManagedObject_3T& objects = service();
   const VelaReturnT code = objects.beginTransaction(lockPolicy, timeoutSeconds, &_id);
-  if (code != VELA_OK) throw VelaException(code, "Failed to begin a transaction: %s", objects.getErrorText());
+  if (code != VELA_OK) throw VelaException(code, "Failed to begin a transaction: %s", errorText(objects));
 }
 
 Transaction::~Transaction() { abort(); }
@@ -173,7 +178,7 @@ Transaction::~Transaction() { abort(); }
 void Transaction::commit() {
   const VelaOamSpiManagedObject_3T& objects = service();
   const VelaReturnT code = objects.commit(std::exchange(_id, 0));
-  if (code != VELA_OK) throw VelaException(code, "Failed to commit: %s", objects.getErrorText());
+  if (code != VELA_OK) throw VelaException(code, "Failed to commit: %s", errorText(objects));
 }
 
 void Transaction::abort() noexcept {
@@ -218,7 +223,7 @@ MoAccessor::MoAccessor(int lockPolicy, unsigned timeoutSeconds)
 MoAccessor::~MoAccessor() = default;
 
 void MoAccessor::fail(const char* what, const std::string& dn, const std::string& name, VelaReturnT code) const {
-  throw VelaException(code, "%s %s::%s: %s (%d)", what, dn.c_str(), name.c_str(), _service->getErrorText(), code);
+  throw VelaException(code, "%s %s::%s: %s (%d)", what, dn.c_str(), name.c_str(), errorText(*_service), code);
 }
 
 std::string MoAccessor::getFirstMoInstance(const std::string& classPath) {
@@ -231,7 +236,7 @@ std::string MoAccessor::getFirstMoInstance(const std::string& classPath) {
 
 bool MoAccessor::exists(const std::string& dn) {
   const VelaOamSpiMoObjectT* found = nullptr;
-  if (_service->openObject(_transaction.getId(), dn.c_str(), &found) != VELA_OK) return false;
+  if (_service->openObject(_transaction.getId(), dn.c_str(), &found) != VELA_OK || found == nullptr) return false;
   _service->closeObject(found);
   return true;
 }
@@ -280,7 +285,7 @@ const VelaOamSpiMoObjectT* MoAccessor::object(const std::string& dn) {
     _open.reset();
     const VelaOamSpiMoObjectT* found = nullptr;
     const VelaReturnT code = _service->openObject(_transaction.getId(), dn.c_str(), &found);
-    if (code != VELA_OK) fail("Failed to open", dn, "", code);
+    if (code != VELA_OK || found == nullptr) fail("Failed to open", dn, "", code);
     _open = std::make_unique<OpenObject>(*_service, found, dn);
   }
   return _open->get();

@@ -165,6 +165,15 @@ def test_a_node_of_a_user_works_through_sudo(namespace, folder, marked_node):
     assert run[-2:] == ["dscp-iptables-remove", "dscp-iptables-remove"]
     assert "dscp-enabled" not in run
 
+    # One that takes the environment away leaves a node without marks, and with the reason in its log.
+    sudo.write_text('#!/bin/sh\nexec env -i PATH="$PATH" "$@"\n')
+    (folder / "upper/dscp-iptables-list").unlink()
+    node = marked_node(environment={"VELA_USER_MODE": "1", "SUDO_CMD": str(sudo)}, prefix=prefix)
+    node.reach("PostConfigure")
+    assert f"Packets are not marked: {sudo} dscp-iptables-list fails with exit status 2: " \
+           "dscp-iptables-list: VELA_NODE_DIR is not set" in node.log()
+    assert rules(namespace) == {}
+
 
 @needs_packet_filter
 def test_a_thousand_targets_are_marked_in_time(namespace):
