@@ -47,8 +47,8 @@ def test_an_agent_that_takes_long_to_start_is_waited_for(scenes):
 def test_pass_phrases_are_read_once_the_credential_library_is_there(scenes, folder):
     scene = scenes(tools=True)
     scene.start()
-    create(scene.node, folder, "nms", User("AUTH_PRIV", "SHA", "AES", "TRAP"), free_port())
-    await_states(scene.node, {"nms": "ENABLED"})
+    create(scene.node, folder, "secure", User("AUTH_PRIV", "SHA", "AES", "TRAP"), free_port())
+    await_states(scene.node, {"secure": "ENABLED"})
     scene.node.stop()
     libraries = scene.programs.folder / "lib"
     libraries.unlink()
@@ -59,9 +59,9 @@ def test_pass_phrases_are_read_once_the_credential_library_is_there(scenes, fold
     library.unlink()
     scene.node.start(arguments=[])
     scene.settled()
-    await_states(scene.node, {"nms": "DISABLED"})
+    await_states(scene.node, {"secure": "DISABLED"})
     library.symlink_to(BUILD / "lib" / library.name)
-    eventually(lambda: scene.node.get(dn("nms"), "operationalState") == "ENABLED", 60)
+    eventually(lambda: scene.node.get(dn("secure"), "operationalState") == "ENABLED", 60)
 
 
 @pytest.mark.parametrize("command, timeout", [("configure", 30), ("start", 120), ("stop", 15)])
