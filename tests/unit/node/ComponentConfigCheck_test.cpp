@@ -37,7 +37,7 @@ TEST_F(ComponentConfigCheckTest, FaultsAreFoundWithTheirLine) {
       {"", ":1: "},
       {"\n<Other/>", ":2: the root element is \"Other\""},
       {"<VelaFmSnmp>\n<snmpPollInterval>-1</snmpPollInterval></VelaFmSnmp>", ":2: snmpPollInterval"},
-      {"<VelaFmSnmp>\n<snmpPollInterval/></VelaFmSnmp>", ":2: snmpPollInterval"},
+      {"<VelaFmSnmp>\n<agentxRetries>x</agentxRetries></VelaFmSnmp>", ":2: agentxRetries"},
   };
   for (const auto& [text, begin] : cases) EXPECT_EQ(0U, check(text).find(begin)) << text;
   for (const char* name : {"snmpFallbackPort", "useInternalTrapListener", "informTimeout", "ipv6PortWorkaroudEnabled",
@@ -49,7 +49,7 @@ TEST_F(ComponentConfigCheckTest, FaultsAreFoundWithTheirLine) {
 
 TEST_F(ComponentConfigCheckTest, WhatTheComponentJudgesItselfPasses) {
   EXPECT_EQ("", check("<VelaFmSnmp><ipVersion>IPv5</ipVersion><tls><nodeCredential><fingerprint>xyz</fingerprint>"
-                      "</nodeCredential></tls><unknown>1</unknown></VelaFmSnmp>"));
+                      "</nodeCredential></tls><unknown>1</unknown><snmpPollInterval/></VelaFmSnmp>"));
   EXPECT_EQ("", check("<VelaFmSnmp/>"));
   EXPECT_EQ(ComponentConfigCheck::defaultAgentxSocket, _paths.agentxSocket);
   EXPECT_EQ(ComponentConfigCheck::defaultPasswordFile, _paths.passwordFile);
