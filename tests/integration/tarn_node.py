@@ -61,7 +61,7 @@ class TarnNode:
     def __init__(self, folder, plugin=True, revision=None):
         self.folder = folder / "n"
         self.port = free_port()
-        self.host = "127.0.0.1"
+        self.udp_host = "127.0.0.1"
         self.env = {k: v for k, v in os.environ.items() if not k.startswith("VELA_")}
         self.env["VELA_NODE_DIR"] = str(self.folder)
         if plugin:
@@ -110,7 +110,7 @@ class TarnNode:
     def snmp(self, tool, *arguments, user="vela_config_user", auth="MD5", priv="DES"):
         phrase = self.pass_phrase()
         command = [tool, "-v3", "-u", user, "-l", "authPriv", "-a", auth, "-A", phrase, "-x", priv, "-X", phrase,
-                   "-Onq", "-t", "2", f"{self.host}:{self.port}", *map(str, arguments)]
+                   "-Onq", "-t", "2", f"{self.udp_host}:{self.port}", *map(str, arguments)]
         return subprocess.run(command, env=TOOL_ENVIRONMENT, capture_output=True, text=True, timeout=30, check=False)
 
     def get(self, oid):
@@ -132,7 +132,7 @@ class TarnNode:
     def notify(self):
         """Makes the agent send a notification: it reports a request whose community it does not know."""
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as manager:
-            manager.sendto(get_request(b"nobody"), (self.host, self.port))
+            manager.sendto(get_request(b"nobody"), (self.udp_host, self.port))
 
     def stop(self):
         self.run("snmp", "stop")

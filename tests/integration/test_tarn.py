@@ -321,7 +321,7 @@ def test_v1_traps_name_the_address_that_the_agent_is_known_by(node, receivers, h
     receiver = receivers()
     node.configure("ipAddress=" + ",".join(f"udp{'6' if ':' in host else ''}:{host}:{node.port}" for host in hosts))
     node.tarn("snmp", "start")
-    node.host = hosts[-1] if hosts[-1] != "0.0.0.0" else "127.0.0.1"
+    node.udp_host = hosts[-1] if hosts[-1] != "0.0.0.0" else "127.0.0.1"
     node.add_target("nms", receiver.port, version=1)
     node.enable_notifications()
     node.notify()
