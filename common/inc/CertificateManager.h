@@ -7,7 +7,7 @@
 namespace Vela {
 
 /**
- * Knows where the management tool keeps the TLS material of the master agent, and looks certificates up there.
+ * Knows where the management tool keeps the TLS material of the master agent.
  * The adaptor thread only.
  */
 class CertificateManager {

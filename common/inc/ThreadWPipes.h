@@ -3,11 +3,12 @@
 
 #include <Poco/Mutex.h>
 #include <Poco/Runnable.h>
-#include <Poco/Thread.h>
 
 #include <deque>
+#include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "PipeMessage.h"
@@ -23,17 +24,19 @@ class ThreadWPipes {
  public:
   /** Throws Vela::VelaException when the descriptors cannot be made. */
   explicit ThreadWPipes(const std::string& name);
-  /** The thread must have ended or been abandoned. Waiting messages are deleted. */
+  /** The thread must have ended; one that runs still is abandoned. Waiting messages are deleted. */
   ~ThreadWPipes();
   ThreadWPipes(const ThreadWPipes&) = delete;
   ThreadWPipes& operator=(const ThreadWPipes&) = delete;
 
-  /** Starts the thread on a body that outlives it. Throws Poco::Exception when it runs already. */
+  /** Starts the thread on a body that outlives it. Throws Vela::VelaException when it runs already, or cannot be made.
+   */
   void start(Poco::Runnable& body);
   /** Waits for the thread's end, at most so many milliseconds. True when it has ended (or never ran); what it did is
       visible then. start and join are for one thread at a time. */
   bool join(long milliseconds);
-  bool isRunning() const;
+  /** Whether any object's thread was started and never joined, so that it may run still. Any thread. */
+  static bool isAnyLeft();
 
   /** Hands a message over. Any thread; takes ownership. */
   void pushToInput(std::unique_ptr<PipeMessage> message);
@@ -43,9 +46,10 @@ class ThreadWPipes {
   int getInputReadFD() const { return _readFd; }
 
  private:
-  Poco::Thread _thread;
-  bool _isStarted = false; /**< and not joined since */
-  mutable Poco::FastMutex _mutex;
+  const std::string _name;
+  std::thread _thread;      /**< joinable from a start to the join after its end */
+  std::future<void> _ended; /**< of the last start; ready when the body has returned */
+  Poco::FastMutex _mutex;
   std::deque<std::unique_ptr<PipeMessage>> _input;
   int _readFd = -1;
   int _writeFd = -1;

@@ -1,10 +1,12 @@
 #include "CertificateManager.h"
 
+#include "Enduring.h"
+
 namespace Vela {
 
 CertificateManager& CertificateManager::getInstance() {
-  static CertificateManager instance;
-  return instance;
+  static const Enduring<CertificateManager> instance;
+  return *instance;
 }
 
 void CertificateManager::setTarnConfigDir(const std::string& directory) { _directory = directory; }

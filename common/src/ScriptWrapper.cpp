@@ -16,6 +16,7 @@
 #include <sstream>
 #include <utility>
 
+#include "Enduring.h"
 #include "LoggingWrapper.h"
 #include "VelaException.h"
 
@@ -217,8 +218,8 @@ void logErrors(const std::string& command, const std::vector<std::string>& argum
 }
 
 std::shared_ptr<ScriptRunner>& runner() {
-  static std::shared_ptr<ScriptRunner> instance = std::make_shared<ProcessRunner>();
-  return instance;
+  static const Enduring<std::shared_ptr<ScriptRunner>> instance(std::make_shared<ProcessRunner>());
+  return *instance;
 }
 
 }  // namespace

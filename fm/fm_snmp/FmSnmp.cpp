@@ -7,12 +7,15 @@
 #include <ctime>
 #include <utility>
 
+#include "Enduring.h"
 #include "FmSnmpCM.h"
 #include "LoggingWrapper.h"
 #include "MoAccessor.h"
+#include "SnmpAlarmSnapshot.h"
 #include "SnmpConfigHandler.h"
 #include "SnmpMessages.h"
 #include "SnmpTypes.h"
+#include "VelaException.h"
 #include "VelaMwSpiLog.h"
 #include "VelaOamSpiEventRouter.h"
 
@@ -31,6 +34,8 @@ constexpr const char* FmClassPath = "ManagedElement,SystemFunctions,Fm";
 constexpr const char* SnmpClassPath = "ManagedElement,SystemFunctions,SysM,Snmp";
 constexpr unsigned AccessorTimeout = 60;  /**< seconds */
 constexpr long AdaptorEndTimeout = 20000; /**< milliseconds */
+/** Milliseconds in which a thread that is done gets out of its last steps. */
+constexpr long EndedThreadTimeout = 500;
 
 constexpr const char* ComponentName = "VelaFmSnmp";
 constexpr VelaMgmtSpiInterface_1 OwnInterface = {nullptr, "VelaMgmtSpiComponent", "1"};
@@ -70,10 +75,11 @@ bool anyAttributeName(const DaxOamSpiCmEvent_Event_1T& event, Test&& test) {
 }  // namespace
 
 FmSnmp& FmSnmp::getInstance() {
-  // Made first, so that it is destroyed last: it owns the configuration that the adaptor uses until its end.
+  // Made first, so that they are destroyed last: the adaptor uses the configuration and the snapshot until its end.
   FmSnmpCM::getInstance();
-  static FmSnmp instance;
-  return instance;
+  SnmpAlarmSnapshot::getInstance();
+  static const Vela::Enduring<FmSnmp> instance;
+  return *instance;
 }
 
 FmSnmp::FmSnmp()
@@ -92,6 +98,9 @@ VelaReturnT FmSnmp::start(VelaStateChangeReason reason) {
   VELA_LOG(Vela::LogInfo, "Starting Fm Snmp Component, reason: %d", static_cast<int>(reason));
   VelaReturnT result = VELA_OK;
   try {
+    if (!_thread.join(EndedThreadTimeout)) {
+      throw Vela::VelaException("the adaptor thread of the previous run has not ended");
+    }
     startSubscriptions();
     prepareAdaptor();
     _thread.start(_adaptor);

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "CmEventConsumer.h"
+#include "Enduring.h"
 #include "EventConsumer.h"
 #include "MoConnector.h"
 #include "PipeMessage.h"
@@ -43,7 +44,7 @@ class FmSnmp : public MoConnector::OamAccessPointHandler::Subscriptions {
   /** The adaptor's thread, whose input takes the messages. */
   Vela::ThreadWPipes& getAdaptorThread() { return _thread; }
 
-  /** 0, or -1 after a log line. */
+  /** 0, or -1 after a log line. Refused, with nothing touched, while the thread of an earlier run lives. */
   VelaReturnT start(VelaStateChangeReason reason);
   /** Waits at most 20 seconds for the adaptor thread; always 0. */
   VelaReturnT stop(VelaStateChangeReason reason);
@@ -66,6 +67,7 @@ class FmSnmp : public MoConnector::OamAccessPointHandler::Subscriptions {
   bool isAddressAttributeChanged(const DaxOamSpiCmEvent_Notification_1T& notification) const;
 
  private:
+  friend class Vela::Enduring<FmSnmp>;
   FmSnmp();
   ~FmSnmp() override = default;
 

@@ -4,6 +4,7 @@
 #include <exception>
 #include <stdexcept>
 
+#include "Enduring.h"
 #include "FmSnmp.h"
 #include "LoggingWrapper.h"
 #include "Portal.h"
@@ -16,8 +17,8 @@ constexpr const char* PortalVersion = "1";
 }
 
 FmSnmpCM& FmSnmpCM::getInstance() {
-  static FmSnmpCM instance;
-  return instance;
+  static const Vela::Enduring<FmSnmpCM> instance;
+  return *instance;
 }
 
 VelaReturnT FmSnmpCM::velaLCMinit(const VelaMgmtSpiInterfacePortalAccessor* accessor, const char* configurationFile) {

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "Enduring.h"
 #include "SnmpConfigHandler.h"
 #include "VelaMgmtSpi.h"
 
@@ -31,7 +32,9 @@ class FmSnmpCM {
   int loadConfiguration(const std::string& fileName);
 
  private:
+  friend class Vela::Enduring<FmSnmpCM>;
   FmSnmpCM() = default;
+  ~FmSnmpCM() = default;
 
   VelaReturnT initialize(const VelaMgmtSpiInterfacePortalAccessor* accessor, const char* configurationFile);
 

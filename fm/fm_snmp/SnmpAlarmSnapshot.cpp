@@ -1,5 +1,6 @@
 #include "SnmpAlarmSnapshot.h"
 
+#include "Enduring.h"
 #include "LoggingWrapper.h"
 
 namespace VelaFmSnmp {
@@ -9,8 +10,8 @@ constexpr DaxOamSpiNotificationFmSeverityT severityCleared = 0;
 }  // namespace
 
 SnmpAlarmSnapshot& SnmpAlarmSnapshot::getInstance() {
-  static SnmpAlarmSnapshot instance;
-  return instance;
+  static const Vela::Enduring<SnmpAlarmSnapshot> instance;
+  return *instance;
 }
 
 MoConnector* SnmpAlarmSnapshot::setDataProvider(MoConnector* provider) {

@@ -14,6 +14,7 @@
 #include <fstream>
 #include <utility>
 
+#include "Enduring.h"
 #include "NetSnmpLock.h"
 #include "SnmpExchange.h"
 
@@ -60,8 +61,8 @@ class Wiped {
 };
 
 SnmpMaSession::Factory& sessionFactory() {
-  static SnmpMaSession::Factory factory;
-  return factory;
+  static const Vela::Enduring<SnmpMaSession::Factory> factory;
+  return *factory;
 }
 
 const netsnmp_session* sessionOf(const std::unique_ptr<SnmpExchange>& handle) {

@@ -5,19 +5,25 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "VelaMgmtSpi.h"
 #include "VelaMwSpiLog.h"
+#include "VelaOamSpiManagedObject.h"
 
 namespace {
 
@@ -29,16 +35,47 @@ void check(bool holds, const std::string& what) {
   ++failures;
 }
 
-/** A framework that registers components, keeps log lines, and offers nothing else. */
+/** A framework that registers components, keeps log lines, and has a model whose lock is taken when a case says so. */
+std::mutex linesMutex;
 std::vector<std::string> lines;
 std::vector<const VelaMgmtSpiComponent_1T*> components;
 
-void writeLog(int32_t, const char*, const char*, const char* text) { lines.emplace_back(text); }
+void writeLog(int32_t, const char*, const char*, const char* text) {
+  const std::lock_guard<std::mutex> lock(linesMutex);
+  lines.emplace_back(text);
+}
 const VelaMwSpiLog_1T logTable = {writeLog, [] { return static_cast<int32_t>(6); }};
 
+std::atomic<int> transactions = 0;
+std::atomic<bool> isModelLocked = false;
+
+VelaReturnT beginTransaction(int32_t, uint32_t, VelaOamSpiMoTransactionT* transaction) {
+  *transaction = static_cast<VelaOamSpiMoTransactionT>(++transactions);
+  if (!isModelLocked) return VELA_OK;
+  while (isModelLocked) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return VELA_TIMEOUT;
+}
+const VelaOamSpiManagedObject_3T modelTable = [] {
+  VelaOamSpiManagedObject_3T table = {};
+  table.beginTransaction = beginTransaction;
+  table.abort = [](VelaOamSpiMoTransactionT) { return static_cast<VelaReturnT>(VELA_OK); };
+  table.getErrorText = [] { return "locked"; };
+  table.getFirstInstance = [](VelaOamSpiMoTransactionT, const char*, const char** dn) {
+    *dn = "ManagedElement=1";
+    return static_cast<VelaReturnT>(VELA_OK);
+  };
+  return table;
+}();
+
 VelaReturnT getInterface(const char*, const char* name, const char*, void** interface) {
-  if (!name || std::strcmp(name, VELA_LOG_INTERFACE) != 0) return VELA_NOT_FOUND;
-  *interface = const_cast<VelaMwSpiLog_1T*>(&logTable);
+  if (!name) return VELA_NOT_FOUND;
+  if (std::strcmp(name, VELA_LOG_INTERFACE) == 0) {
+    *interface = const_cast<VelaMwSpiLog_1T*>(&logTable);
+  } else if (std::strcmp(name, VELA_MO_INTERFACE) == 0) {
+    *interface = const_cast<VelaOamSpiManagedObject_3T*>(&modelTable);
+  } else {
+    return VELA_NOT_FOUND;
+  }
   return VELA_OK;
 }
 VelaReturnT registerComponent(const VelaMgmtSpiComponent_1T* component) {
@@ -59,9 +96,36 @@ const VelaMgmtSpiInterfacePortalAccessor accessor = {
     [](const char* version) { return std::strcmp(version, "1") == 0 ? &portal : nullptr; }};
 
 bool isLogged(const std::string& text) {
+  const std::lock_guard<std::mutex> lock(linesMutex);
   return std::any_of(lines.begin(), lines.end(),
                      [&](const std::string& line) { return line.find(text) != std::string::npos; });
 }
+
+bool eventually(const std::function<bool()>& condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!condition() && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return condition();
+}
+
+/** A file of an empty component configuration, for as long as it lives. */
+class EmptyConfiguration {
+ public:
+  EmptyConfiguration() {
+    const std::string text = "<VelaFmSnmp/>";
+    const int fd = mkstemp(_name);
+    check(write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()), "write");
+    close(fd);
+  }
+  ~EmptyConfiguration() { unlink(_name); }
+  EmptyConfiguration(const EmptyConfiguration&) = delete;
+  EmptyConfiguration& operator=(const EmptyConfiguration&) = delete;
+  const char* getName() const { return _name; }
+
+ private:
+  char _name[32] = "/tmp/load_component_XXXXXX";
+};
 
 template <class T>
 T at(const std::vector<char>& file, std::size_t offset) {
@@ -146,20 +210,40 @@ void badFile(const std::string& path) {
 }
 
 void initTwice(const std::string& path) {
-  char name[] = "/tmp/load_component_XXXXXX";
-  const int fd = mkstemp(name);
-  const std::string text = "<VelaFmSnmp/>";
-  check(write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()), "write");
-  close(fd);
+  const EmptyConfiguration configuration;
   Library library(path);
-  check(library.init(&accessor, name) == 0, "init succeeds");
-  check(library.init(&accessor, name) == 0, "and again");
+  check(library.init(&accessor, configuration.getName()) == 0, "init succeeds");
+  check(library.init(&accessor, configuration.getName()) == 0, "and again");
   check(components.size() == 2 && components[0] == components[1], "it is one component");
   check(std::strcmp(components[0]->componentName, "VelaFmSnmp") == 0, "its name");
   check(components[0]->stop(VelaStateChangeDeactivate) == 0, "it stops without having been started");
   library.terminate();
   check(components.empty(), "terminate unregisters it");
-  unlink(name);
+}
+
+/** The adaptor waits for the model when it is stopped, and goes on while the process exits. */
+void leaveAThread(const std::string& path) {
+  setenv("PATH", "/nonexistent", 1);
+  // What the library destroys at the end was made after this, so it is gone by then.
+  std::atexit([] {
+    isModelLocked = false;
+    const bool hasGoneOn = eventually([] { return isLogged("stopMasterAgent caught exception"); });
+    if (!hasGoneOn) _exit(1);
+  });
+  const EmptyConfiguration configuration;
+  Library library(path);
+  check(library.init(&accessor, configuration.getName()) == 0, "init succeeds");
+  check(components.front()->start(VelaStateChangeActivate) == 0, "it starts");
+  isModelLocked = true;
+  const int begun = transactions;
+  check(eventually([&] { return transactions > begun; }), "the adaptor waits for the model");
+  check(components.front()->stop(VelaStateChangeDeactivate) == 0, "it stops");
+  check(isLogged("Timeout while waiting for snmpAdaptorThread"), "it does so without its thread");
+  check(components.front()->start(VelaStateChangeActivate) == -1, "it does not start meanwhile");
+  check(isLogged("the adaptor thread of the previous run has not ended"), "and says why");
+  check(transactions == begun + 1, "nothing was touched");
+  library.terminate();
+  dlclose(library.handle);
 }
 
 }  // namespace
@@ -169,7 +253,8 @@ int main(int count, char** arguments) {
                                                                      {"terminate_without_init", terminateWithoutInit},
                                                                      {"null_file_name", nullFileName},
                                                                      {"bad_file", badFile},
-                                                                     {"init_twice", initTwice}};
+                                                                     {"init_twice", initTwice},
+                                                                     {"leave_a_thread", leaveAThread}};
   if (count != 3 || cases.count(arguments[2]) == 0) {
     std::fprintf(stderr, "usage: load_component LIBRARY CASE\n");
     return 2;

@@ -176,6 +176,9 @@ TEST_F(FmSnmpNodeTest, StartsForwardsStopsAndStartsAgain) {
     EXPECT_TRUE(isLogged("Starting Fm Snmp Component, reason: 1"));
     EXPECT_TRUE(isLogged("Got first FM instance: ManagedElement=1,SystemFunctions=1,Fm=1."));
     EXPECT_TRUE(isLogged("Got first Snmp instance: " + Snmp + "."));
+    forgetLines();
+    EXPECT_EQ(component.start(VelaStateChangeActivate), -1) << "it runs";
+    EXPECT_FALSE(isLogged("Got first FM instance: ")) << "nothing is touched";
     VelaNode::FmReport report;
     report.key.source = "ManagedElement=1";
     fm.alert(report);
@@ -198,6 +201,40 @@ TEST_F(FmSnmpNodeTest, StartsForwardsStopsAndStartsAgain) {
   forgetLines();
   component.onAlarmListRebuilt("", nullptr);
   EXPECT_EQ(component.getAdaptorThread().popFromInput().size(), 1U) << "nobody reads any more";
+}
+
+TEST_F(FmSnmpNodeTest, AStopLeavesNoSubscriptionBehind) {
+  static int subscriptions;
+  static VelaOamSpiEventRouter_1T router;
+  static VelaMgmtSpiInterfacePortal_1T portal;
+  subscriptions = 0;
+  router = *VelaNode::EventRouter::getTable();
+  router.addSubscription = [](auto... arguments) -> VelaReturnT {
+    ++subscriptions;
+    return VelaNode::EventRouter::getTable()->addSubscription(arguments...);
+  };
+  router.removeSubscription = [](auto... arguments) -> VelaReturnT {
+    --subscriptions;
+    return VelaNode::EventRouter::getTable()->removeSubscription(arguments...);
+  };
+  portal = *VelaNode::HostPortal::getTable();
+  portal.getInterface = [](const char* from, const char* name, const char* version, void** interface) {
+    const VelaReturnT result = VelaNode::HostPortal::getTable()->getInterface(from, name, version, interface);
+    if (name && std::string(name) == VELA_EVENT_ROUTER_INTERFACE) *interface = &router;
+    return result;
+  };
+  const VelaMgmtSpiInterfacePortalAccessor accessor = {[](const char*) { return &portal; }};
+  ASSERT_EQ(FmSnmpCM::getInstance().velaLCMinit(&accessor, file.c_str()), 0);
+  ASSERT_EQ(component.start(VelaStateChangeActivate), 0);
+  EXPECT_EQ(subscriptions, 7);
+  component.startSubscriptionsOnOamAccessPointMoRefs({"^X=1$"});
+  EXPECT_EQ(subscriptions, 8);
+  EXPECT_EQ(component.stop(VelaStateChangeDeactivate), 0);
+  EXPECT_EQ(subscriptions, 0);
+  component.startSubscriptionsOnOamAccessPointMoRefs({"^X=1$"});
+  component.startTemporarySubscriptionsOnOamAccessPointMoRefs({"^X=1$"});
+  EXPECT_EQ(subscriptions, 0) << "a reader that is late watches nothing";
+  FmSnmpCM::getInstance().velaLCMterminate();
 }
 
 TEST_F(FmSnmpNodeTest, AStartThatFailsSaysWhy) {

@@ -103,7 +103,7 @@ class RunnableTest : public testing::Test {
     SnmpMaSession::setFactory([this] { return std::make_unique<StateTest::SessionStandIn>(agent, "adaptor"); });
   }
   ~RunnableTest() override {
-    if (input.isRunning()) stopThread();
+    if (!input.join(0)) stopThread();
     adaptor.reset();
     SnmpMaSession::setFactory({});
   }
@@ -458,7 +458,14 @@ TEST_F(RunnableTest, AnExceptionEndsTheLoopWithALineOfItsKind) {
     EXPECT_EQ(log.count(Vela::LogError, item.line), 1);
     EXPECT_FALSE(adaptor->isSubAgentActive());
     EXPECT_EQ(adaptor->getStateId(), -1) << "no state is left behind, nor what watches for it";
+    adaptor->stop();
+    EXPECT_TRUE(input.join(0));
   }
+  states.onUpdate = nullptr;
+  const int updates = states.updates;
+  startThread();
+  EXPECT_TRUE(eventually([&] { return states.updates > updates; })) << "a start follows as ever";
+  stopThread();
 }
 
 TEST_F(RunnableTest, AClosedConnectionIsReportedOncePerStay) {

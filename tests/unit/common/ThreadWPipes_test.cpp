@@ -4,9 +4,12 @@
 #include <poll.h>
 
 #include <memory>
+#include <semaphore>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "VelaException.h"
 
 namespace {
 
@@ -57,6 +60,24 @@ TEST(ThreadWPipes, MessagesPushedWhileReadingAllArrive) {
     for (const auto& message : pipe.popFromInput()) ASSERT_EQ(static_cast<const Numbered&>(*message).number, next++);
   }
   EXPECT_TRUE(pipe.popFromInput().empty());
+}
+
+TEST(ThreadWPipes, AJoinWaitsNoLongerThanItIsTold) {
+  struct Body : Poco::Runnable {
+    void run() override { end.acquire(); }
+    std::binary_semaphore end{0};
+  } body;
+  Vela::ThreadWPipes thread("test");
+  EXPECT_TRUE(thread.join(0)) << "it never ran";
+  for (int run = 1; run <= 2; ++run) {
+    thread.start(body);
+    EXPECT_TRUE(Vela::ThreadWPipes::isAnyLeft());
+    EXPECT_FALSE(thread.join(10)) << run;
+    EXPECT_THROW(thread.start(body), Vela::VelaException) << run;
+    body.end.release();
+    EXPECT_TRUE(thread.join(20000)) << run;
+    EXPECT_FALSE(Vela::ThreadWPipes::isAnyLeft());
+  }
 }
 
 }  // namespace
