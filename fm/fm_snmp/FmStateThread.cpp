@@ -1,7 +1,6 @@
 #include "FmStateThread.h"
 
 #include <fcntl.h>
-#include <sys/select.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -73,10 +72,7 @@ bool FmStateThread::openPipe() {
   if (pipe2(ends, O_CLOEXEC) != 0) return false;
   _readFd = ends[0];
   _writeFd = ends[1];
-  // A descriptor beyond the size of a set cannot be waited on with select.
-  if (_readFd < FD_SETSIZE) return true;
-  closePipe();
-  return false;
+  return true;
 }
 
 void FmStateThread::closePipe() {

@@ -1,10 +1,11 @@
 #include "SnmpStateMachine.h"
 
 #include <Poco/Net/IPAddress.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <limits>
 #include <memory>
 #include <set>
 #include <utility>
@@ -42,6 +43,7 @@ constexpr unsigned long long TargetCheckAfter = 30000;
 constexpr unsigned long long SessionRetryDelay = 100;
 /** A configured poll interval of 0 would keep the master agent busy with nothing else. */
 constexpr unsigned long long MinPollInterval = 100;
+constexpr unsigned long long MaxPollInterval = std::numeric_limits<int>::max();
 constexpr unsigned long long FirstRetryInterval = 2000;
 constexpr unsigned int MaxRetryIntervalShift = 5;
 
@@ -545,13 +547,8 @@ bool FmStateIdleEnabled::createSession(SnmpMaSession& session) const {
 }
 
 bool FmStateIdleEnabled::checkIfSocketClosed(unsigned long long timeoutMs) const {
-  timeval timeout = {};
-  timeout.tv_sec = static_cast<time_t>(timeoutMs / 1000);
-  timeout.tv_usec = static_cast<suseconds_t>(timeoutMs % 1000 * 1000);
-  fd_set readable;
-  FD_ZERO(&readable);
-  FD_SET(getReadFD(), &readable);
-  const int result = select(getReadFD() + 1, &readable, nullptr, nullptr, &timeout);
+  pollfd pipe = {getReadFD(), POLLIN, 0};
+  const int result = poll(&pipe, 1, static_cast<int>(std::min(timeoutMs, MaxPollInterval)));
   if (result == 0) return false;
   VELA_TRACE("socket closed (%d), will exit thread", result);
   return true;

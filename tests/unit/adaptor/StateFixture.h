@@ -213,14 +213,19 @@ class Adaptor : public SnmpAdaptorRunnable {
 /** A UDP socket on a port of its own on the loopback interface, for as long as it lives. */
 class TakenPort {
  public:
-  TakenPort() : _fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
+  explicit TakenPort(int family = AF_INET) : _fd(socket(family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    // The port lies at the same place in the addresses of both families.
+    sockaddr_in6 address = {};
+    if (family == AF_INET) {
+      reinterpret_cast<sockaddr_in&>(address).sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    } else {
+      address.sin6_addr = in6addr_loopback;
+    }
+    address.sin6_family = static_cast<sa_family_t>(family);
+    socklen_t length = family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+    bind(_fd, reinterpret_cast<sockaddr*>(&address), length);
     getsockname(_fd, reinterpret_cast<sockaddr*>(&address), &length);
-    _port = ntohs(address.sin_port);
+    _port = ntohs(address.sin6_port);
   }
   ~TakenPort() { release(); }
   TakenPort(const TakenPort&) = delete;

@@ -239,6 +239,12 @@ TEST_F(LoadTest, knowsWhatNeedsARestart) {
     to.tlsOptions.agentAddressDtls = {{"127.0.0.1", 10161}};
     to.tlsOptions.trustCategories = {"02"};
   };
+  const auto withTls = [&](const std::function<void(SnmpConfig::tlsOptions_t&)>& change) {
+    return [enableTls, change](SnmpConfig& to) {
+      enableTls(to);
+      change(to.tlsOptions);
+    };
+  };
   const auto addInform = [](SnmpConfig& to, SnmpTargetV3Usm* target, const char* authKey) {
     target->name = target->user = "inform";
     target->address = "127.0.0.1";
@@ -260,12 +266,16 @@ TEST_F(LoadTest, knowsWhatNeedsARestart) {
       {"host", none, [](SnmpConfig& to) { to.agentAddress[0].first = "::1"; }, true, ""},
       {"port", none, [](SnmpConfig& to) { to.agentAddress[0].second++; }, true, ""},
       {"dtls off", enableTls, none, true, ""},
-      {"dtls trust", enableTls,
-       [&](SnmpConfig& to) {
-         enableTls(to);
-         to.tlsOptions.trustCategories.emplace_back("03");
-       },
-       true, ""},
+      {"dtls trust", enableTls, withTls([](auto& options) { options.trustCategories.emplace_back("03"); }), true, ""},
+      {"dtls address", enableTls, withTls([](auto& options) { options.agentAddressDtls[0].first = "::1"; }), true, ""},
+      {"dtls port", enableTls, withTls([](auto& options) { options.agentAddressDtls[0].second++; }), true, ""},
+      {"dtls credential", enableTls, withTls([](auto& options) { options.nodeCredential = "04"; }), true, ""},
+      {"dtls address, off", none, [](SnmpConfig& to) { to.tlsOptions.agentAddressDtls.clear(); }, false, ""},
+      {"name", none, [](SnmpConfig& to) { to.snmpId = "another"; }, true, ""},
+      {"engine id", none, [](SnmpConfig& to) { to.engineId = "8000000001020304"; }, true, ""},
+      {"source check", none, [](SnmpConfig& to) { to.enableSourceCheckForV1V2C = true; }, true, ""},
+      {"target", none, [](SnmpConfig& to) { addTarget(to, "b"); }, false, ""},
+      {"community removed", [](SnmpConfig& to) { addTarget(to, "b", "old"); }, none, false, ""},
       {"community", none, [&](SnmpConfig& to) { addTarget(to, "b", "new"); }, true,
        "Community 'new' is not in the old config"},
       {"source, checked", [&](SnmpConfig& to) { addSource(to, "10.0.0.1"); },
@@ -332,6 +342,20 @@ TEST_F(StatesTest, startWaitsTwentySecondsForATakenPort) {
   EXPECT_THAT(text(state.onUpdate(adaptor)), StartsWith("11/Port is not available: failed to bind socket"));
   EXPECT_EQ(log.count(Vela::LogError, "Port " + port + " is not available to start SNMP agent."), 1);
   EXPECT_THAT(takeToolCommands(), IsEmpty());
+}
+
+TEST_F(StatesTest, startLooksAtEveryPortOfEitherFamily) {
+  for (const int family : {AF_INET, AF_INET6}) {
+    const TakenPort taken(family);
+    if (taken.port() == 0) GTEST_SKIP() << "no IPv6 here";
+    const std::pair<std::string, std::uint32_t> address(family == AF_INET ? "127.0.0.1" : "::1", taken.port());
+    const std::pair<std::string, std::uint32_t> free("127.0.0.1", agentPort);
+    for (const auto& [first, second] : {std::pair(address, free), std::pair(free, address)}) {
+      config().agentAddress = {first, second};
+      EXPECT_EQ(text(FmStateStartMasterAgent(adaptor).onUpdate(adaptor)), "handled/1000") << address.first;
+      EXPECT_TRUE(log.hasTrace("Port " + std::to_string(taken.port()) + " is not available, will retry"));
+    }
+  }
 }
 
 TEST_F(StatesTest, startGoesOnWhenThePortIsFreeAgain) {
@@ -538,6 +562,23 @@ TEST_F(TargetsTest, aRetryReadsTheModelAgainForPassPhrasesThatCouldNotBeDecrypte
       EXPECT_EQ(adaptor.getStateId(), state) << &test - cases;
     }
   }
+}
+
+TEST_F(TargetsTest, eachReconfigurationAppliesItsOwnConfiguration) {
+  const auto applied = [this] {
+    const SnmpConfig& current = adaptor.getConfigurator().getCurrentConfig();
+    return std::to_string(current.isEnabled()) + (current.targets.count("b") != 0 ? " b" : " a");
+  };
+  addTarget(config(), "a");
+  FmStateConfigureTargets().onUpdate(adaptor);
+  EXPECT_EQ(applied(), "1 a");
+  config().targets.clear();
+  addTarget(config(), "b");
+  FmStateRetryConfigureTargets(adaptor).onUpdate(adaptor);
+  EXPECT_EQ(applied(), "1 a") << "what the agent has, not what was read since";
+  config().administrativeState = false;
+  make<FmStateIdleDisabled>(adaptor);
+  EXPECT_EQ(applied(), "0 b");
 }
 
 /** With one target, and the internal one. */
@@ -804,6 +845,18 @@ TEST_F(SupervisionTest, noticesARestartedMasterAgent) {
   EXPECT_TRUE(reaches(FmStateIdConfigureAgentX));
   EXPECT_THAT(journal.take(), testing::IsSupersetOf({"supervision open 127.0.0.1 " + std::to_string(agentPort) +
                                                      " vela_config_user pwd-file"}));
+}
+
+TEST_F(SupervisionTest, asksAtTheConfiguredInterval) {
+  for (const auto& [seconds, milliseconds] : {std::pair(0, 100), std::pair(1, 1000)}) {
+    configure(true, seconds);
+    agent.requests = 0;
+    const auto begin = std::chrono::steady_clock::now();
+    adaptor.changeState(FmStateIdIdleEnabled);
+    ASSERT_TRUE(eventually([this] { return agent.requests >= 1; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(milliseconds)) << seconds;
+    adaptor.leaveState();
+  }
 }
 
 TEST_F(SupervisionTest, toleratesOneFailureButNotTwoInARow) {
