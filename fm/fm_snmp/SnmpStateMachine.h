@@ -21,7 +21,8 @@ using FmState = StateBase<SnmpAdaptorRunnable, SnmpEvent>;
 /** Registers every state of the adaptor under its id and name. */
 void registerAdaptorStates(StateMachine<SnmpAdaptorRunnable, SnmpEvent>& machine);
 
-/** Finds out what the installed management tool supports. */
+/** Finds out what the installed management tool supports, since that decides what can be configured. Entered once. Ends
+ * when the tool has answered, or has failed often enough to be taken for one without. */
 class FmStateOneTimeInit : public FmState {
  public:
   StateTransition onUpdate(SnmpAdaptorRunnable& owner) override;
@@ -33,7 +34,8 @@ class FmStateOneTimeInit : public FmState {
   int _retries = 0;
 };
 
-/** Waits until the configuration has not changed for more than a second. */
+/** Waits for an operator's changes to settle, so that many of them cost one reload. Ends when there was none for more
+ * than a second. */
 class FmStateIMMUpdating : public FmState {
  public:
   explicit FmStateIMMUpdating(SnmpAdaptorRunnable& owner);
@@ -44,7 +46,8 @@ class FmStateIMMUpdating : public FmState {
   unsigned long long _lastChange;
 };
 
-/** Reads the configuration and decides whether the master agent is restarted, reconfigured, stopped or left alone. */
+/** Reads the configuration and decides what it takes: a restart of the master agent, SET requests, nothing, or no
+ * master agent at all. Ends with that decision, or when the model cannot be read. */
 class FmStateLoadConfigurationData : public FmState {
  public:
   StateTransition onUpdate(SnmpAdaptorRunnable& owner) override;
@@ -58,7 +61,8 @@ class FmStateLoadConfigurationData : public FmState {
   int _retries = 0;
 };
 
-/** Stops the master agent, waits for its ports, writes its configuration and starts it. */
+/** Starts the master agent, because what only its configuration files say has changed, or because it is not there.
+ * Stops it first and waits for its ports, which others may hold for a while. Ends when it is started, or cannot be. */
 class FmStateStartMasterAgent : public FmState {
  public:
   explicit FmStateStartMasterAgent(SnmpAdaptorRunnable& owner);
@@ -72,7 +76,8 @@ class FmStateStartMasterAgent : public FmState {
   int _retries = 0;
 };
 
-/** Attaches the sub-agent to the master agent. */
+/** Attaches the sub-agent, without which the master agent serves no alarm table and sends no notification. Ends when it
+ * is attached, or the master agent does not answer. */
 class FmStateConfigureAgentX : public FmState {
  public:
   StateTransition onUpdate(SnmpAdaptorRunnable& owner) override;
@@ -81,7 +86,8 @@ class FmStateConfigureAgentX : public FmState {
   int _retries = 0;
 };
 
-/** Opens the session to the master agent. */
+/** Opens the session by which the master agent's tables are written; also where contact was lost, which a session that
+ * opens proves wrong. Ends when it is open, or the master agent does not answer. */
 class FmStateCreateSession : public FmState {
  public:
   explicit FmStateCreateSession(SnmpAdaptorRunnable& owner);
@@ -97,7 +103,8 @@ class FmStateCreateSession : public FmState {
   int _retries = 0;
 };
 
-/** Brings the master agent's tables in line with the new configuration. */
+/** Brings the master agent's tables in line with the new configuration. Ends when all is written, whatever became of
+ * single targets, or the master agent does not answer. */
 class FmStateConfigureTargets : public FmState {
  public:
   StateTransition onUpdate(SnmpAdaptorRunnable& owner) override;
@@ -108,7 +115,8 @@ class FmStateConfigureTargets : public FmState {
   int _retries = 0;
 };
 
-/** Applies the current configuration again because of targets that are not operational. */
+/** Applies the current configuration again, because targets that are not operational may have become possible (a name
+ * that resolves by now). Ends after one pass, helpful or not. */
 class FmStateRetryConfigureTargets : public FmState {
  public:
   explicit FmStateRetryConfigureTargets(SnmpAdaptorRunnable& owner);
@@ -118,7 +126,9 @@ class FmStateRetryConfigureTargets : public FmState {
   int _retries = 0;
 };
 
-/** Sends queued alarms one by one until one comes back through the master agent; without any it is a plain delay. */
+/** Makes sure that notifications leave the master agent before all that wait are entrusted to it: sends queued alarms
+ * one by one to the adaptor's own listener, too. Ends when one has come back, or after 25 seconds, which are a failure
+ * if one was sent. */
 class FmStatePostConfigure : public FmState {
  public:
   explicit FmStatePostConfigure(SnmpAdaptorRunnable& owner);
@@ -132,14 +142,17 @@ class FmStatePostConfigure : public FmState {
   unsigned long long _lastSent = 0; /**< 0: nothing was sent */
 };
 
-/** Alarms over SNMP are switched off. */
+/** Rests because the operator has switched SNMP off; there is no master agent. A change of the configuration ends it.
+ */
 class FmStateIdleDisabled : public FmState {
  public:
   explicit FmStateIdleDisabled(SnmpAdaptorRunnable& owner);
   StateTransition onEvent(SnmpAdaptorRunnable& owner, SnmpEvent event) override;
 };
 
-/** The master agent is up and configured. A thread with a session of its own watches whether it still is. */
+/** The service itself: the master agent is up and configured, and notifications go out as they come. A thread with a
+ * session of its own watches that it stays so. A change of the configuration ends it, a master agent that is gone,
+ * another or silent, and targets that are due for another attempt. */
 class FmStateIdleEnabled : public FmState, public FmStateThread {
  public:
   explicit FmStateIdleEnabled(SnmpAdaptorRunnable& owner);
@@ -163,7 +176,8 @@ class FmStateIdleEnabled : public FmState, public FmStateThread {
   unsigned long long _lastMarking;
 };
 
-/** Something failed. The configuration is loaded again, after a wait that grows with every failure in a row. */
+/** Rests after a failure, without a master agent, so that a fault that lasts is not answered with restarts without
+ * pause. Ends after a wait that grows with every failure in a row, or with a change of the configuration. */
 class FmStateIdleError : public FmState {
  public:
   explicit FmStateIdleError(SnmpAdaptorRunnable& owner);
@@ -180,7 +194,7 @@ class FmStateIdleError : public FmState {
   static unsigned long long _lastAttemptedTime;
 };
 
-/** The end: the master agent is stopped, and the adaptor's loop is told to leave. Swallows every event. */
+/** Leaves nothing behind: no master agent, no packet-marking rule. Swallows every event; the loop ends in it. */
 class FmStateShutdown : public FmState {
  public:
   explicit FmStateShutdown(SnmpAdaptorRunnable& owner);

@@ -11,6 +11,11 @@ from vela import BIN, MIB_ROOT, free_port
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 
+def test_the_diagram_of_states_is_that_of_the_code():
+    result = subprocess.run([ROOT / "scripts/state-diagram", "--check"], capture_output=True, text=True, check=False)
+    assert result.returncode == 0, result.stderr
+
+
 @pytest.mark.parametrize("page", ["snmpv3", "dtls", "managing", "operating"])
 def test_the_commands_of_a_page(folder, page):
     script = "".join(re.findall(r"^```sh\n(.*?)^```", (ROOT / f"docs/{page}.md").read_text(), re.M | re.S))
