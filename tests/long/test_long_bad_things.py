@@ -50,5 +50,5 @@ def test_each_faulty_attribute_of_each_class(folder, nodes, receivers, make_rece
                 given = dict(GOOD_ATTRIBUTES[cls], **{attribute: value})
                 words = [f"{name}={typed(one)}" for name, one in given.items()]
                 thing = ((Command("mo", "create", f"{SNMP},{cls}=faulty", *words),
-                          Command("mo", "delete", f"{SNMP},{cls}=faulty")), "")
+                          Command("mo", "delete", f"{SNMP},{cls}=faulty")), None)
                 five.cost_nothing_but_themselves({f"{cls} with {attribute} {str(value)[:40]!r}": thing})
