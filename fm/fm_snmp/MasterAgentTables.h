@@ -17,9 +17,9 @@ class SnmpMaSession;
 /** Values of the textual convention RowStatus (RFC 2579) that are written. */
 enum RowStatus { RowActive = 1, RowCreateAndGo = 4, RowCreateAndWait = 5, RowDestroy = 6 };
 /**
- * The textual convention StorageType (RFC 2579). All rows are volatile: they must not outlive the agent, whose next
- * start is configured anew, and the agent would go through all rows that it has to keep at every SET. (snmpd does not
- * let the type of access rules be changed, so these are left as they are.)
+ * The textual convention StorageType (RFC 2579). It is written for the rows of DTLS trust only. The other rows have
+ * what snmpd gives them (nonVolatile); they do not outlive the agent because it is told to keep nothing, and its next
+ * start begins without them.
  */
 enum StorageType { StorageVolatile = 2 };
 /** Where notifications of one target go. */

@@ -57,7 +57,7 @@ class SnmpMaSession {
   /** Closes the session, if open, and wipes its pass phrases and keys. */
   virtual void close();
 
-  /** Peer of the open session in the form "host:port", empty when closed. */
+  /** Peer of the open session without its port ("127.0.0.1", "udp6:[::1]"), empty when closed. */
   virtual std::string getPeername() const;
   /** UDP port of the open session's peer, 0 when closed. */
   virtual int getRemotePort() const;

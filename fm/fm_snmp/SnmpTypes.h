@@ -52,8 +52,9 @@ struct SnmpTlsOptions {
 };
 
 /**
- * Base of the configuration objects. They are reference counted, held by Poco::AutoPtr only, and not changed any more
- * once they stand in an SnmpConfig, so that configurations may share them. A copy has a count of its own.
+ * Base of the configuration objects. They are reference counted and held by Poco::AutoPtr only. Once they stand in an
+ * SnmpConfig they are not changed any more, so that configurations may share them; only the configurator fills in what
+ * it established, on copies that are its own. A copy has a count of its own.
  */
 class SnmpBase : public Poco::RefCountedObject {
  public:
@@ -303,7 +304,7 @@ class SnmpConfig {
   std::size_t countReadableLater() const;
   /** Whether every unlocked target is operational; DTLS targets count only while DTLS is enabled. */
   bool allTargetsOperational() const;
-  /** Communities of all v1 and v2c targets, in the targets' order, each once. */
+  /** Communities of all v1 and v2c targets, one for each target, in the targets' order. */
   std::vector<std::string> getV1AndV2communities() const;
   /** Communities of the unlocked v1 and v2c targets with the sources ("address" or "address/prefix") they allow. */
   std::multimap<std::string, std::string> getV1V2communitiesAndAddrWithPrefixLength() const;
