@@ -74,8 +74,9 @@ void PduParser::parseMessage() {
   _sequenceEnds.clear();
   pushSequence(TagSequence);
   const std::int64_t version = readInteger(TagInteger);
-  const std::string community = readString();
-  VELA_TRACE("Trap version: %d, community: %s", static_cast<int>(version), community.c_str());
+  _community = readString();
+  // Anybody on the machine may have sent it.
+  VELA_TRACE("Trap version: %d, community: %.200s", static_cast<int>(version), _community.c_str());
 
   const bool isInform = _position < currentEnd() && _data[_position] == TagInform;
   pushSequence(isInform ? TagInform : TagTrapV2);

@@ -25,6 +25,7 @@ class PduParser {
   /** Decodes the message. False (and a trace line) when it is none; the accessors then hold what was found before. */
   bool parse();
 
+  const std::string& getCommunity() const { return _community; }
   /** Value of snmpTrapOID.0; empty if there was none. */
   const SnmpOid& getTrapOid() const { return _trapOid; }
   bool isAlarmListRebuilt() const;
@@ -64,6 +65,7 @@ class PduParser {
   std::size_t _position = 0;
   std::vector<std::size_t> _sequenceEnds;
 
+  std::string _community;
   SnmpOid _trapOid = SnmpOid("");
   unsigned int _majorType = 0;
   unsigned int _minorType = 0;

@@ -22,6 +22,7 @@
 #include "SnmpStateMachine.h"
 #include "SnmpTarnWrapper.h"
 #include "SnmpUtil.h"
+#include "TarnSpi.h"
 #include "VelaException.h"
 #include "kavrelAlarmMIB.h"
 
@@ -35,7 +36,7 @@ constexpr int StopMasterAgentTimeout = 15000;
 constexpr unsigned long long RestartRequestInterval = 30000;
 
 constexpr const char* InternalTargetName = "DummyTarget";
-constexpr const char* InternalSecurityName = "VelaDummy";
+constexpr const char* InternalSecurityName = Vela::TarnSpi::InternalSecurityName;
 
 /** The adaptor's own listener as a notification target; it belongs to no object of the model. */
 class InternalTarget : public SnmpTargetV2C {
@@ -388,6 +389,7 @@ void SnmpAdaptorRunnable::handleTraplistener() {
   std::vector<unsigned char> datagram(Listener::maxDatagram);
   const int length = _listener.read(datagram.data(), static_cast<unsigned int>(datagram.size()));
   if (length <= 0 || getStateId() != FmStateIdPostConfigure) return;
+  if (!_internalCommunity.isIn(datagram.data(), static_cast<std::size_t>(length))) return;
   if (_queue->confirmProbe(datagram.data(), static_cast<std::size_t>(length))) emitEvent(SnmpEventTrapReceived);
 }
 

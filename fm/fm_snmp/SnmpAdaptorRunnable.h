@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "AgentXSubAgent.h"
+#include "InternalCommunity.h"
 #include "Listener.h"
 #include "MoConnector.h"
 #include "NotificationQueue.h"
@@ -99,6 +100,8 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
   /** The notification target that is the adaptor's own listener, which is opened if it is not (address family of the
       system: AF_INET6, everything else IPv4). Throws Vela::VelaException. Valid until the next call. */
   virtual const SnmpBaseTarget& getInternalTrapTarget(int ipFamily);
+  /** Before the internal target is written to the agent; see InternalCommunity. */
+  void agreeOnInternalCommunity() { _internalCommunity.agreeOn(getMaSession()); }
   virtual void closeListener() { _listener.close(); }
 
   // What the states work with.
@@ -175,6 +178,7 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
   SnmpDscpRuleHandler _dscpRuleHandler;
   SnmpConfig _newConfig;
   Listener _listener;
+  InternalCommunity _internalCommunity;
   Poco::AutoPtr<SnmpTargetV2C> _internalTarget;
 
   std::unique_ptr<AgentXSubAgent> _subAgent;

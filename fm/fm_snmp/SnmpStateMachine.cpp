@@ -117,6 +117,7 @@ bool isDeliveryVerified(SnmpAdaptorRunnable& owner, const SnmpConfig& config) {
 }
 
 void addInternalTarget(SnmpAdaptorRunnable& owner, const SnmpConfig& config) {
+  owner.agreeOnInternalCommunity();
   owner.getConfigurator().configureTrapTarget(owner.getMaSession(), owner.getInternalTrapTarget(getIpFamily(config)),
                                               true);
 }
