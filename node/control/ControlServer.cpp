@@ -4,13 +4,16 @@
 #include <Poco/JSON/Parser.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <sstream>
 #include <system_error>
@@ -29,13 +32,31 @@ constexpr int listenBacklog = 64;
 /** Pause after a connection could not be accepted (no descriptors left, for one). */
 constexpr int acceptPauseMs = 100;
 
+std::string errorLine(const std::string& text) {
+  Poco::JSON::Object reply;
+  reply.set("ok", false);
+  reply.set("error", text);
+  std::ostringstream stream;
+  reply.stringify(stream);
+  return stream.str() + "\n";
+}
+
+/** Tells a client that is not served why; its socket has room for that. */
+void refuse(const FileDescriptor& socket, const std::string& reason) {
+  const std::string line = errorLine(reason);
+  if (::send(socket.get(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0)
+    VELA_LOG(Vela::LogWarning, "A control connection was refused: %s", reason.c_str());
+}
+
 }  // namespace
 
 /** One connection and its thread. */
 class ControlServer::Client : public ControlReply {
  public:
-  Client(FileDescriptor socket, int stopFd, const Handler& handler)
-      : _socket(std::move(socket)), _stopFd(stopFd), _handler(handler), _thread([this] { run(); }) {}
+  Client(FileDescriptor socket, int stopFd, const Handler& handler, int idleTimeoutMs)
+      : _socket(std::move(socket)), _stopFd(stopFd), _handler(handler), _idleTimeoutMs(idleTimeoutMs), _thread([this] {
+          run();
+        }) {}
   ~Client() override { _thread.join(); }
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
@@ -71,6 +92,7 @@ class ControlServer::Client : public ControlReply {
   /** False at the end of what the client sends. */
   bool readLine(std::string& line) {
     std::size_t searched = 0;
+    const auto begin = std::chrono::steady_clock::now();
     for (;;) {
       const std::size_t end = _received.find('\n', searched);
       if (end != std::string::npos) {
@@ -83,7 +105,9 @@ class ControlServer::Client : public ControlReply {
         sendError("request is longer than " + std::to_string(maxRequestLength) + " octets");
         return false;
       }
-      waitFor(POLLIN, -1);
+      const auto waited = std::chrono::steady_clock::now() - begin;
+      const auto left = std::chrono::milliseconds(_idleTimeoutMs) - waited;
+      waitFor(POLLIN, std::max(0, static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count())));
       std::array<char, 16384> buffer;
       const ssize_t count = ::recv(_socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
       if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
@@ -112,18 +136,16 @@ class ControlServer::Client : public ControlReply {
     }
   }
 
-  void sendError(const std::string& text) {
-    Poco::JSON::Object reply;
-    reply.set("ok", false);
-    reply.set("error", text);
-    send(reply);
-  }
+  void sendError(const std::string& text) { send(errorLine(text)); }
 
   void send(const Poco::JSON::Object& object) {
     std::ostringstream stream;
     object.stringify(stream);
     stream << '\n';
-    const std::string text = stream.str();
+    send(stream.str());
+  }
+
+  void send(const std::string& text) {
     for (std::size_t sent = 0; sent < text.size();) {
       const ssize_t count = ::send(_socket.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
       if (count >= 0) {
@@ -148,12 +170,14 @@ class ControlServer::Client : public ControlReply {
   FileDescriptor _socket;
   const int _stopFd;
   const Handler& _handler;
+  const int _idleTimeoutMs;
   std::string _received;
   std::atomic<bool> _hasEnded{false};
   std::thread _thread;
 };
 
-ControlServer::ControlServer(Handler handler) : _handler(std::move(handler)) {}
+ControlServer::ControlServer(Handler handler, int idleTimeoutMs)
+    : _handler(std::move(handler)), _idleTimeoutMs(idleTimeoutMs) {}
 
 ControlServer::~ControlServer() { stop(); }
 
@@ -195,6 +219,15 @@ void ControlServer::stop() {
   ::unlink(_path.c_str());
 }
 
+std::string ControlServer::refusalOf(const FileDescriptor& socket) const {
+  if (_clients.size() >= maxClients) return "the node has " + std::to_string(maxClients) + " clients already";
+  rlimit limit{};
+  // Descriptors are given out from the lowest on.
+  const bool isReserved = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 &&
+                          static_cast<rlim_t>(socket.get()) + reservedDescriptors >= limit.rlim_cur;
+  return isReserved ? "the node needs its last descriptors for itself" : "";
+}
+
 void ControlServer::acceptClients() {
   std::array<pollfd, 2> watched{pollfd{_stop.get(), POLLIN, 0}, pollfd{_listener.get(), POLLIN, 0}};
   for (;;) {
@@ -204,7 +237,11 @@ void ControlServer::acceptClients() {
     try {
       FileDescriptor socket(::accept4(_listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
       if (!socket.isOpen()) throw std::system_error(errno, std::generic_category());
-      _clients.emplace_back(std::move(socket), _stop.get(), _handler);
+      const std::string refusal = refusalOf(socket);
+      if (refusal.empty())
+        _clients.emplace_back(std::move(socket), _stop.get(), _handler, _idleTimeoutMs);
+      else
+        refuse(socket, refusal);
     } catch (const std::exception& ex) {
       VELA_LOG(Vela::LogWarning, "Could not accept a control connection: %s", ex.what());
       ::poll(watched.data(), 1, acceptPauseMs);

@@ -37,7 +37,14 @@ class ControlServer {
   /** Longest request line, in octets; a client that sends a longer one is told so and disconnected. */
   static constexpr std::size_t maxRequestLength = 4UL * 1024 * 1024;
 
-  explicit ControlServer(Handler handler);
+  /** How long a client may take to send a request, from the last one on. */
+  static constexpr int idleTimeoutMs = 30000;
+  /** Clients served at a time; one more is told so and disconnected. */
+  static constexpr std::size_t maxClients = 64;
+  /** Descriptors of the process that clients leave to everybody else in it. */
+  static constexpr std::size_t reservedDescriptors = 64;
+
+  explicit ControlServer(Handler handler, int idleTimeoutMs = idleTimeoutMs);
   ~ControlServer(); /**< stops */
   ControlServer(const ControlServer&) = delete;
   ControlServer& operator=(const ControlServer&) = delete;
@@ -52,7 +59,11 @@ class ControlServer {
 
   void acceptClients();
 
+  /** Why a new client cannot be served; empty when it can. */
+  std::string refusalOf(const FileDescriptor& socket) const;
+
   const Handler _handler;
+  const int _idleTimeoutMs;
   std::string _path;
   FileDescriptor _listener;
   FileDescriptor _stop; /**< readable once the server is to stop */

@@ -67,8 +67,13 @@ std::string readFile(const std::string& attribute, const std::string& name) {
 }  // namespace
 
 std::optional<std::string> Secret::read(const std::string& dn, const std::string& attribute, const std::string& value) {
+  if (value.empty() || !holdsPassPhrase(dn, attribute)) return std::nullopt;
   const bool isStandardInput = value == "-";
-  if ((!isStandardInput && value.compare(0, 1, "@") != 0) || !holdsPassPhrase(dn, attribute)) return std::nullopt;
+  if (!isStandardInput && value.front() != '@') {
+    throw CommandError(attribute +
+                       ": a pass phrase is not taken from the command line, which other users can read; give " +
+                       attribute + "=@FILE, or " + attribute + "=- for standard input");
+  }
   std::string secret = isStandardInput ? readStandardInput(attribute) : readFile(attribute, value.substr(1));
   if (!secret.empty() && secret.back() == '\r') secret.pop_back();
   if (secret.empty()) throw CommandError(attribute + ": the pass phrase is empty");

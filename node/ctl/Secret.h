@@ -12,8 +12,8 @@ namespace VelaNode {
  */
 class Secret {
  public:
-  /** The pass phrase, when an attribute of an object holds one and the value tells where it is to be read; else
-     nothing. Throws CommandError when it cannot be read. */
+  /** The pass phrase, when an attribute of an object holds one and the value tells where it is to be read; nothing for
+      other attributes, and for an empty value. Throws CommandError when it cannot be read, or is the value itself. */
   static std::optional<std::string> read(const std::string& dn, const std::string& attribute, const std::string& value);
 };
 

@@ -317,8 +317,18 @@ class Node:
         return index
 
     # -- the operator
+    def phrase_file(self, argument):
+        """An argument with a pass phrase (authKey=JSON) as the operator has to give it: in a file."""
+        name, _, value = str(argument).partition("=")
+        if name not in ("authKey", "privKey") or not value.startswith("{"):
+            return str(argument)
+        file = self.dir.parent / f"{self.dir.name}-{name}"
+        file.write_text(json.loads(value)["password"])
+        return f"{name}=@{file}"
+
     def ctl(self, *arguments, check=True, **options):
-        result = subprocess.run([str(BIN / "vela-nodectl"), "--dir", str(self.dir), *map(str, arguments)],
+        arguments = [self.phrase_file(argument) for argument in arguments]
+        result = subprocess.run([str(BIN / "vela-nodectl"), "--dir", str(self.dir), *arguments],
                                 capture_output=True, text=True, timeout=60, env=self.environment, **options)
         if check:
             assert result.returncode == 0, f"{arguments}: {result.stderr}{result.stdout}"
