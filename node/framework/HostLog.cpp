@@ -1,6 +1,7 @@
 #include "framework/HostLog.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -50,6 +51,10 @@ void writeAll(int fd, std::string_view text) {
   }
 }
 
+int openFile(const std::string& path) {
+  return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, FileMode);
+}
+
 void logWrite(int32_t severity, const char* component, const char* function, const char* text) {
   if (HostLog* log = CurrentInstance<HostLog>::get()) log->write(severity, component, function, text);
 }
@@ -78,10 +83,41 @@ const DaxMwSpiTraceT* HostLog::getTraceTable() {
 }
 
 void HostLog::open(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, FileMode);
+  const int fd = openFile(path);
   if (fd < 0) throw Vela::VelaException("%s: cannot be opened: %s", path.c_str(), std::strerror(errno));
   const std::lock_guard lock(_mutex);
   if (_fd >= 0) ::close(_fd);
+  _fd = fd;
+  _path = path;
+}
+
+void HostLog::setBounds(std::size_t octets, unsigned files) {
+  const std::lock_guard lock(_mutex);
+  _maxSize = octets;
+  _files = files;
+}
+
+void HostLog::append(const std::string& text) {
+  struct stat status {};
+  if (_maxSize != 0 && ::fstat(_fd, &status) == 0 &&
+      static_cast<std::size_t>(status.st_size) + text.size() > _maxSize && status.st_size > 0) {
+    rotate();
+  }
+  writeAll(_fd, text);
+}
+
+void HostLog::rotate() {
+  const auto name = [this](unsigned i) { return i == 0 ? _path : _path + "." + std::to_string(i); };
+  bool isMoved = true;
+  for (unsigned i = _files - 1; i > 0 && isMoved; --i)
+    isMoved = ::rename(name(i - 1).c_str(), name(i).c_str()) == 0 || errno == ENOENT;
+  const int fd = isMoved && _files > 1 ? openFile(_path) : -1;
+  if (fd < 0) {
+    // The bound holds all the same.
+    [[maybe_unused]] const int result = ::ftruncate(_fd, 0);
+    return;
+  }
+  ::close(_fd);
   _fd = fd;
 }
 
@@ -125,7 +161,7 @@ void HostLog::emit(const Line& line) {
   const bool isEchoed = _echo;
   if (_fd < 0 && !isEchoed) return;
   const std::string written = format(safe, now()) + "\n";
-  if (_fd >= 0) writeAll(_fd, written);
+  if (_fd >= 0) append(written);
   if (isEchoed) writeAll(STDERR_FILENO, written);
 }
 

@@ -2,6 +2,7 @@
 #define VELA_NODE_HOST_LOG_H
 
 #include <atomic>
+#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -41,6 +42,9 @@ class HostLog {
   /** Appends to a file (made with mode 600) from now on; again: closes it and opens it anew. Throws
       Vela::VelaException and keeps what it had. */
   void open(const std::string& path);
+  /** From now on the file is renamed to NAME.1 before it grows beyond so many octets, NAME.1 to NAME.2 and so on; there
+      are so many files (at least 1) in all. What is older is gone. */
+  void setBounds(std::size_t octets, unsigned files);
   void setEcho(bool toStandardError) { _echo = toStandardError; }
   /** Gets every line that passes the level instead of file and standard error; empty: those again. Called one line at
       a time; must not log. */
@@ -61,11 +65,16 @@ class HostLog {
 
  private:
   void emit(const Line& line);
+  void append(const std::string& text);
+  void rotate();
 
   std::atomic<int> _level{DefaultLevel};
   std::atomic<bool> _echo{false};
   std::mutex _mutex;
   int _fd = -1;
+  std::string _path;
+  std::size_t _maxSize = 0; /**< 0: no bound */
+  unsigned _files = 1;
   Sink _sink;
   CurrentInstance<HostLog> _current{this};
 };

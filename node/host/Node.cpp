@@ -49,6 +49,7 @@ Node::Node(const NodeFolder& folder, const NodeOptions& options)
   HostLog& log = _services.getLog();
   log.setLevel(options.logLevel);
   log.setEcho(options.isVerbose);
+  log.setBounds(options.logOctets(), static_cast<unsigned>(options.logFiles));
   log.open(folder.log());
   Vela::LoggingWrapper::getInstance().setInterfaces(HostLog::getLogTable(), HostLog::getTraceTable());
 
@@ -69,6 +70,14 @@ void Node::start(const std::filesystem::path& componentLibrary) {
   _component.load(componentLibrary, AdaptorStateWatch::getAccessor(), _folder.configuration());
   _component.start();
   _control.start(_folder.controlSocket());
+}
+
+void Node::reopenLog() {
+  try {
+    _services.getLog().open(_folder.log());
+  } catch (const Vela::VelaException& ex) {
+    _services.getLog().print(Vela::LogError, __func__, "The log goes on in its old file: %s", ex.what());
+  }
 }
 
 void Node::stop() {

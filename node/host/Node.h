@@ -29,6 +29,7 @@ class Node {
 
   /** Starts everything, the component last. Throws Vela::VelaException. */
   void start(const std::filesystem::path& componentLibrary);
+  void reopenLog();
   /** Stops everything, the component first. */
   void stop();
 

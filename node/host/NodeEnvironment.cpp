@@ -59,6 +59,11 @@ void NodeEnvironment::set(const ComponentPaths& paths) {
 
 void NodeEnvironment::setAgentUser(const std::string& name) { setVariable("VELA_AGENT_USER", name); }
 
+void NodeEnvironment::setLogBounds(std::size_t octets, unsigned files) {
+  setVariable("VELA_LOG_SIZE", std::to_string(octets));
+  setVariable("VELA_LOG_FILES", std::to_string(files));
+}
+
 void NodeEnvironment::requireProgram(const std::string& program, const std::string& package) {
   Poco::Path found;
   const char* path = std::getenv("PATH");

@@ -1,6 +1,7 @@
 #ifndef VELA_NODE_NODE_ENVIRONMENT_H
 #define VELA_NODE_NODE_ENVIRONMENT_H
 
+#include <cstddef>
 #include <filesystem>
 #include <string>
 
@@ -22,6 +23,8 @@ class NodeEnvironment {
   static void set(const ComponentPaths& paths);
   /** Sets who the master agent runs as when the caller is root. Before other threads run. */
   static void setAgentUser(const std::string& name);
+  /** Sets how large the master agent's log may grow. Before other threads run. */
+  static void setLogBounds(std::size_t octets, unsigned files);
   /** Throws Vela::VelaException that names the Debian package when a program is not found in PATH. */
   static void requireProgram(const std::string& program, const std::string& package);
 

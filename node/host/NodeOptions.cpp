@@ -10,7 +10,7 @@ namespace VelaNode {
 
 namespace {
 
-enum Code { Dir = 1, Model, Config, AgentUser, LogLevel, Verbose, Help = 'h' };
+enum Code { Dir = 1, Model, Config, AgentUser, LogLevel, LogSize, LogFiles, Verbose, Help = 'h' };
 
 constexpr option longOptions[] = {
     {"dir", required_argument, nullptr, Dir},
@@ -18,18 +18,23 @@ constexpr option longOptions[] = {
     {"config", required_argument, nullptr, Config},
     {"agent-user", required_argument, nullptr, AgentUser},
     {"log-level", required_argument, nullptr, LogLevel},
+    {"log-size", required_argument, nullptr, LogSize},
+    {"log-files", required_argument, nullptr, LogFiles},
     {"verbose", no_argument, nullptr, Verbose},
     {"help", no_argument, nullptr, Help},
     {nullptr, 0, nullptr, 0},
 };
 
-int parseLogLevel(const char* text) {
-  int level = 0;
-  if (!Poco::NumberParser::tryParse(text, level) || level < 0 || level > HostLog::MaxLevel) {
-    throw Vela::VelaException("--log-level is not a number from 0 to %d: '%s'", static_cast<int>(HostLog::MaxLevel),
-                              text);
-  }
-  return level;
+constexpr int defaultLogSize = 10;
+constexpr int defaultLogFiles = 5;
+constexpr int maxLogSize = 1024;
+constexpr int maxLogFiles = 100;
+
+int parseNumber(const char* option, const char* text, int least, int most) {
+  int number = 0;
+  if (!Poco::NumberParser::tryParse(text, number) || number < least || number > most)
+    throw Vela::VelaException("--%s is not a number from %d to %d: '%s'", option, least, most, text);
+  return number;
 }
 
 }  // namespace
@@ -37,6 +42,8 @@ int parseLogLevel(const char* text) {
 NodeOptions NodeOptions::parse(int argc, char** argv) {
   NodeOptions options;
   options.logLevel = HostLog::DefaultLevel;
+  options.logSize = defaultLogSize;
+  options.logFiles = defaultLogFiles;
   opterr = 0;
   for (int code = 0; (code = ::getopt_long(argc, argv, ":h", longOptions, nullptr)) != -1;) {
     switch (code) {
@@ -53,7 +60,13 @@ NodeOptions NodeOptions::parse(int argc, char** argv) {
         options.agentUser = optarg;
         break;
       case LogLevel:
-        options.logLevel = parseLogLevel(optarg);
+        options.logLevel = parseNumber("log-level", optarg, 0, HostLog::MaxLevel);
+        break;
+      case LogSize:
+        options.logSize = parseNumber("log-size", optarg, 1, maxLogSize);
+        break;
+      case LogFiles:
+        options.logFiles = parseNumber("log-files", optarg, 1, maxLogFiles);
         break;
       case Verbose:
         options.isVerbose = true;
@@ -89,8 +102,13 @@ foreground until SIGINT, SIGTERM or "vela-nodectl --dir DIR stop".
                    environment variable VELA_AGENT_USER). Default Debian-snmp, which the package snmpd brings.
   --log-level N    0 to 9: log lines up to this severity (3 errors, 4 warnings, 5 notices, 6 information, 7 debug; above
                    7 traces too). Default 6.
+  --log-size N     a log file has at most N MiB (1 to 1024); then it is renamed to FILE.1, FILE.1 to FILE.2 and so on.
+                   Default 10. It counts for DIR/log/node.log and for the master agent's DIR/log/snmpd.log.
+  --log-files N    so many files (1 to 100) of each log are kept. Default 5.
   --verbose        log to standard error too, besides DIR/log/node.log.
   --help           this text.
+
+SIGUSR1 makes the node open DIR/log/node.log anew, for who rotates it himself.
 
 Exit status: 0 stopped as told; 1 failed while running; 2 wrong usage, model, configuration or installation - then
 nothing was started and nothing in DIR was replaced.

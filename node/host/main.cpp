@@ -30,12 +30,14 @@ constexpr const char* programName = "vela-node";
 constexpr const char* masterAgent = "snmpd";
 constexpr const char* masterAgentPackage = "snmpd";
 
-/** The signals that end the node. They are blocked in all threads and taken by the main thread's wait. */
+/** The signals that end the node, and the one that reopens its log. They are blocked in all threads and taken by the
+ * main thread's wait. */
 sigset_t blockStopSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGUSR1);
   struct sigaction hangup {};
   // A node that was started to outlive its terminal has this one ignored.
   if (::sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP);
@@ -101,6 +103,13 @@ void installInputs(const Inputs& inputs, const NodeFolder& folder) {
   if (!inputs.configuration.empty()) ModelFile::writeFile(folder.configuration(), inputs.configuration);
 }
 
+void waitForStop(const sigset_t& signals, Node& node) {
+  for (int signal = SIGUSR1; signal == SIGUSR1;) {
+    ::sigwait(&signals, &signal);
+    if (signal == SIGUSR1) node.reopenLog();
+  }
+}
+
 int run(const NodeOptions& options, const sigset_t& stopSignals) {
   int failure = exitUsage;
   try {
@@ -108,6 +117,7 @@ int run(const NodeOptions& options, const sigset_t& stopSignals) {
     const NodeFolder folder(options.directory);
     const NodeEnvironment environment;
     environment.set(folder.path());
+    NodeEnvironment::setLogBounds(options.logOctets(), static_cast<unsigned>(options.logFiles));
     NodeEnvironment::requireProgram(masterAgent, masterAgentPackage);
     installInputs(checkInputs(options, folder), folder);
 
@@ -116,8 +126,7 @@ int run(const NodeOptions& options, const sigset_t& stopSignals) {
     node.start(environment.componentLibrary());
     std::printf("%s: running in %s\n", programName, folder.path().c_str());
     std::fflush(stdout);
-    int signal = 0;
-    ::sigwait(&stopSignals, &signal);
+    waitForStop(stopSignals, node);
     node.stop();
     return 0;
   } catch (const std::exception& ex) {

@@ -44,7 +44,15 @@ constexpr seconds StartTimeout{Vela::TarnSpi::StartTimeoutMs / 1000 - 5};
 constexpr seconds TerminateTimeout{4};
 constexpr seconds KillTimeout{5};
 constexpr milliseconds PollInterval{10};
-constexpr std::uintmax_t MaxLogSize = std::uintmax_t{4} * 1024 * 1024;
+
+/** A bound of the log: the variable that sets it, and its value without. */
+struct LogBound {
+  const char* variable;
+  std::uintmax_t otherwise;
+};
+constexpr LogBound LogSize{"VELA_LOG_SIZE", std::uintmax_t{10} * 1024 * 1024};
+constexpr LogBound LogFiles{"VELA_LOG_FILES", 5};
+
 constexpr const char* AgentName = "snmpd";
 constexpr const char* SystemFolders = ":/usr/local/sbin:/usr/sbin:/sbin";
 constexpr int ExecFailed = 127;
@@ -63,6 +71,15 @@ constexpr const char* LeftOutModules =
     "mteObjectsConf,schedCore,schedConf,schedTable";
 // snmpd's last line whatever it failed of; the line before has the reason.
 constexpr std::string_view ExitLine = "Server Exiting";
+
+std::uintmax_t logBound(const LogBound& bound) {
+  const char* text = std::getenv(bound.variable);
+  if (text == nullptr || *text == '\0') return bound.otherwise;
+  char* end = nullptr;
+  const unsigned long value = std::strtoul(text, &end, 10);
+  if (*end != '\0' || value == 0) throw Failure(std::string(bound.variable) + " is no number above 0: " + text);
+  return value;
+}
 
 /** Absolute path of snmpd, or a Failure that names the package. */
 std::string findExecutable() {
@@ -131,7 +148,10 @@ pid_t AgentProcess::spawn() const {
   std::vector<std::string> environment = {
       "SNMPCONFPATH=" + below(_folder.configuration()) + ":" + below(_folder.persistent()),
       "SNMP_PERSISTENT_DIR=" + below(_folder.persistent()), "MIBS=", "PATH=/usr/sbin:/usr/bin:/sbin:/bin",
-      "HOME=" + below(_folder.configuration())};
+      "HOME=" + below(_folder.configuration()),
+      // The plugin bounds the log while the agent runs.
+      "VELA_SNMPD_LOG=" + _folder.log().string(), "VELA_LOG_SIZE=" + std::to_string(logBound(LogSize)),
+      "VELA_LOG_FILES=" + std::to_string(logBound(LogFiles))};
   const auto argv = pointers(arguments);
   const auto envp = pointers(environment);
   int gate[2];
@@ -170,7 +190,7 @@ bool AgentProcess::isReady(pid_t pid) const {
 
 void AgentProcess::rotateLog() const {
   std::error_code error;
-  if (std::filesystem::file_size(_folder.log(), error) > MaxLogSize && !error)
+  if (std::filesystem::file_size(_folder.log(), error) > logBound(LogSize) && !error)
     std::filesystem::rename(_folder.log(), _folder.log().string() + ".1", error);
 }
 
