@@ -32,10 +32,10 @@ inline constexpr TemplateUser TemplateUsers[] = {{NodeUser, Md5, Des},
 inline constexpr const char* SecurityNamePrefix = "Vela_";
 
 /**
- * Security name of the component's own notification target. What the agent sends it carries, as its community, the random
- * one of the run, which the component sets as snmpCommunityName (RFC 3584) of the row of this name before it writes the
- * target's rows. The plugin serves this one object, to the node's user alone, and never yields its value. In an agent
- * without the plugin the community is the security name.
+ * Security name of the component's own notification target. What the agent sends it carries, as its community, the
+ * random one of the run, which the component sets as snmpCommunityName (RFC 3584) of the row of this name before it
+ * writes the target's rows. The plugin serves this one object, to the node's user alone, and never yields its value. In
+ * an agent without the plugin the community is the security name.
  */
 inline constexpr const char* InternalSecurityName = "VelaDummy";
 inline constexpr const char* InternalCommunityObject = ".1.3.6.1.6.3.18.1.1.1.2.86.101.108.97.68.117.109.109.121";

@@ -38,13 +38,13 @@ class ControlServer {
   static constexpr std::size_t maxRequestLength = 4UL * 1024 * 1024;
 
   /** How long a client may take to send a request, from the last one on. */
-  static constexpr int idleTimeoutMs = 30000;
+  static constexpr int defaultIdleTimeoutMs = 30000;
   /** Clients served at a time; one more is told so and disconnected. */
   static constexpr std::size_t maxClients = 64;
   /** Descriptors of the process that clients leave to everybody else in it. */
   static constexpr std::size_t reservedDescriptors = 64;
 
-  explicit ControlServer(Handler handler, int idleTimeoutMs = idleTimeoutMs);
+  explicit ControlServer(Handler handler, int idleTimeoutMs = defaultIdleTimeoutMs);
   ~ControlServer(); /**< stops */
   ControlServer(const ControlServer&) = delete;
   ControlServer& operator=(const ControlServer&) = delete;

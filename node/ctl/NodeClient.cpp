@@ -54,6 +54,7 @@ Poco::JSON::Object::Ptr NodeClient::call(const Poco::JSON::Object& request, cons
   const std::string text = stream.str();
   for (std::size_t sent = 0; sent < text.size();) {
     const ssize_t count = ::send(_socket.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+    if (count < 0 && errno == EPIPE) break;  // it may have said why it closed
     if (count < 0 && errno != EINTR) throw CommandError(_folder + ": the node has gone: " + std::strerror(errno));
     if (count > 0) sent += static_cast<std::size_t>(count);
   }

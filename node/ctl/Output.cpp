@@ -7,12 +7,45 @@
 
 namespace VelaNode {
 
+namespace {
+
+/** Puts something else in the place of every control character, line ends and tabs excepted. */
+template <class Replacement>
+std::string replaceControls(std::string_view text, const Replacement& replacement) {
+  constexpr unsigned Delete = 0x7f;
+  constexpr unsigned LeadOfC1 = 0xc2;  // in UTF-8, before one of 0x80 to 0x9f, whose number its second octet is
+  std::string shown;
+  shown.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto octet = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+    const bool isC1 = octet(i) == LeadOfC1 && i + 1 < text.size() && octet(i + 1) < 0xa0;
+    if (isC1) ++i;
+    const bool isControl = isC1 || octet(i) == Delete || (octet(i) < ' ' && text[i] != '\n' && text[i] != '\t');
+    if (isControl)
+      shown += replacement(octet(i));
+    else
+      shown += text[i];
+  }
+  return shown;
+}
+
+/** JSON itself leaves the control characters above 0x7e as they are; they only stand in its strings. */
+std::string toJson(const Poco::JSON::Object& object) {
+  std::ostringstream text;
+  object.stringify(text);
+  return replaceControls(text.str(), [](unsigned octet) {
+    static constexpr char Digits[] = "0123456789abcdef";
+    return std::string("\\u00") + Digits[octet >> 4] + Digits[octet & 0xf];
+  });
+}
+
+}  // namespace
+
 void Output::print(const Poco::JSON::Object& result, const std::string& plainText) {
   if (_isJson) {
-    result.stringify(std::cout);
-    std::cout << '\n';
+    std::cout << toJson(result) << '\n';
   } else if (!plainText.empty()) {
-    std::cout << plainText << '\n';
+    std::cout << visible(plainText) << '\n';
   }
 }
 
@@ -20,14 +53,18 @@ void Output::printItem(const Poco::JSON::Object& item, const std::string& plainT
   if (_isJson) {
     std::cout << (_hasItems ? ",\n" : "[");
     _hasItems = true;
-    item.stringify(std::cout);
+    std::cout << toJson(item);
   } else {
-    std::cout << plainText << '\n';
+    std::cout << visible(plainText) << '\n';
   }
 }
 
 void Output::endList() {
   if (_isJson) std::cout << (_hasItems ? "]\n" : "[]\n");
+}
+
+std::string Output::visible(std::string_view text) {
+  return replaceControls(text, [](unsigned) { return std::string("?"); });
 }
 
 std::string Output::toText(const Poco::Dynamic::Var& value) {

@@ -5,6 +5,7 @@
 #include <Poco/JSON/Object.h>
 
 #include <string>
+#include <string_view>
 
 namespace VelaNode {
 
@@ -20,6 +21,10 @@ class Output {
   /** A list, item by item: endList is called at its end, also when it was empty. */
   void printItem(const Poco::JSON::Object& item, const std::string& plainText);
   void endList();
+
+  /** A text that may be anybody's, as it may be shown on a terminal: control characters, other than line ends and tabs,
+      are question marks. */
+  static std::string visible(std::string_view text);
 
   /** A value of an attribute as people read it: texts bare, structures as JSON, nothing for no value. */
   static std::string toText(const Poco::Dynamic::Var& value);

@@ -6,6 +6,7 @@
 
 #include "ctl/CommandLine.h"
 #include "ctl/Commands.h"
+#include "ctl/Output.h"
 #include "support/Utf8.h"
 
 namespace {
@@ -37,10 +38,10 @@ int main(int argc, char** argv) {
     std::cout << std::flush;
     return std::cout ? 0 : exitFailure;
   } catch (const UsageError& ex) {
-    std::cerr << programName << ": " << ex.what() << " (see " << programName << " --help)\n";
+    std::cerr << programName << ": " << Output::visible(ex.what()) << " (see " << programName << " --help)\n";
     return exitUsage;
   } catch (const std::exception& ex) {
-    std::cerr << programName << ": " << ex.what() << '\n';
+    std::cerr << programName << ": " << Output::visible(ex.what()) << '\n';
     return exitFailure;
   }
 }

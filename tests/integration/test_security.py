@@ -4,16 +4,19 @@ import contextlib
 import os
 import pathlib
 import pwd
+import re
 import shutil
+import signal
+import socket
 import subprocess
 import sys
 
 import pytest
 
-from dtls import ANY, SHA1, DtlsNode, LastingManager, addr_row, allow, params_row, trust_row
+from dtls import ADDR, ANY, PARAMS, SHA1, DtlsNode, LastingManager, addr_row, allow, params_row, trust_row
 from strangers import DelayingRelay, Flood, Stranger, client_hello, rubbish
-from tarn_node import CREATE_AND_GO, NOTIFY, TARGET_ADDR, TARGET_PARAMS, TarnNode, oid_index, row
-from vela import Node, TOOL_ENVIRONMENT, eventually, free_port, target_xml
+from tarn_node import CREATE_AND_GO, NOTIFY, TARGET_ADDR, TARGET_PARAMS, TarnNode, oid_index, row, tlv
+from vela import FM, Node, SNMP, TOOL_ENVIRONMENT, eventually, free_port, target_xml
 
 NOBODY = 65534
 AS_ROOT = os.geteuid() == 0
@@ -203,6 +206,103 @@ def test_a_community_reads_no_processes_or_software_and_sets_nothing_of_the_mach
         refused = node.snmp("snmpset", name, "i", value, check=False, **community)
         assert refused.returncode == 2 and "noAccess" in refused.stderr, refused.stderr
     node.snmp("snmpset", SYS_CONTACT, "s", "operator", **community)
+
+
+# --- Another user of the machine: what he can send and fill up
+
+
+def udp_ports(pid):
+    """The IPv4 ports of a process."""
+    held = {os.readlink(f"/proc/{pid}/fd/{fd}") for fd in os.listdir(f"/proc/{pid}/fd")}
+    rows = [line.split() for line in open("/proc/net/udp").readlines()[1:]]
+    return [int(row[1].rsplit(":", 1)[1], 16) for row in rows if f"socket:[{row[9]}]" in held]
+
+
+def test_a_look_alike_datagram_does_not_verify_delivery(nodes, receivers):
+    receiver = receivers()
+    node = nodes(target_xml("SnmpTargetV2C", "nms", receiver.port, community="public"), log_level=8).start()
+    node.reach("PostConfigure")  # where it stays, as nothing is sent
+    look_alike = tlv(0x30, b"\x02\x01\x01" + tlv(0x04, b"VelaDummy") + tlv(0xA7, bytes.fromhex("020101020100020100") + tlv(
+        0x30, tlv(0x30, bytes.fromhex("060a2b06010603010104010006092b0601060301010501")))))
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as stranger:
+        for port in udp_ports(node.process.pid):
+            stranger.sendto(look_alike, ("127.0.0.1", port))
+    node.logged("at the internal listener that the master agent did not send")
+    assert node.state() == "PostConfigure"
+    node.operational()
+    # What did verify it carried another community, which no other receiver sees.
+    communities = set(re.findall(r"Trap version: 1, community: (\S+)", node.log())) - {"VelaDummy"}
+    assert len(communities) == 1 and re.fullmatch("[0-9a-f]{32}", *communities)
+    assert {n.community for n in receiver.wait_for(1)} == {"public"}
+    for user in (None, node.config_user()):
+        assert node.walk("1.3.6.1.6.3.18", user=user) == []
+
+
+def test_the_control_socket_bounds_its_clients(nodes):
+    node = nodes().start()
+    path, clients = str(node.dir / "run/node.sock"), []
+    try:
+        for _ in range(64):
+            clients.append(socket.socket(socket.AF_UNIX))
+            clients[-1].connect(path)
+            clients[-1].sendall(b'{"half')
+        refused = eventually(lambda: (result := node.ctl("status", check=False)).returncode and result)
+        assert "the node has 64 clients already" in refused.stderr
+        clients.pop().close()
+        eventually(lambda: node.ctl("status", check=False).returncode == 0)
+    finally:
+        for client in clients:
+            client.close()
+
+
+def test_logs_are_bounded_and_reopened_while_the_node_runs(folder, nodes, stopping):
+    node = nodes(snmp="").start(arguments=["--model", str(folder / "n0-model.xml"), "--config", str(folder / "n0-config.xml"),
+                                           "--log-size", "1", "--log-files", "2", "--log-level", "9"])
+    log = node.dir / "log/node.log"
+    log.rename(folder / "moved.log")
+    node.process.send_signal(signal.SIGUSR1)
+    eventually(log.exists)
+    node.ctl("alarm", "raise", "--mo", "ManagedElement=1", "--severity", "major", "--major", 1, "--minor", 1, "--problem",
+             "after the signal")
+    node.logged("after the signal")
+    assert node.ctl("status").returncode == 0
+
+    # The agent's log: the node's own user makes it write a line for each row that it refuses.
+    agent = stopping(TarnNode(folder))
+    agent.env.update(VELA_LOG_SIZE="3000", VELA_LOG_FILES="2")
+    agent.start()
+    for table in (PARAMS, ADDR):
+        for number in range(25):
+            cells = (1, "x", SHA1 + "ab" * 20), (3 if table == PARAMS else 4, "i", CREATE_AND_GO)
+            assert agent.snmp("snmpset", *map(str, row(table, oid_index(f"row{number}"), *cells))).returncode != 0
+    sizes = [(agent.folder / "log" / name).stat().st_size for name in ("snmpd.log", "snmpd.log.1")]
+    assert 0 < sizes[0] <= 3000 and 0 < sizes[1] <= 3000
+    lines = (agent.log() + (agent.folder / "log/snmpd.log.1").read_text()).splitlines()
+    assert len(lines) == len(set(lines)) and sum("row19" in line for line in lines) >= 1
+    assert not any("row24" in line for line in lines), "what repeats is counted"
+
+
+def test_no_pass_phrase_is_taken_from_the_command_line(nodes):
+    node = nodes().start()
+    dn = f"{SNMP},SnmpTargetV3=v3"
+    for verb in ("create", "set"):
+        for value in ('{"cleartext":true,"password":"a secret phrase"}', '{"cleartext":false,"password":"trove1:abc"}',
+                      "a secret phrase", "null"):
+            result = subprocess.run([str(node.programs / "vela-nodectl"), "--dir", str(node.dir), "mo", verb, dn,
+                                     f"authKey={value}"], capture_output=True, text=True, check=False)
+            assert result.returncode == 1 and "is not taken from the command line" in result.stderr, (verb, value)
+            assert "secret" not in node.log() + result.stderr
+
+
+def test_texts_do_not_drive_the_terminal_that_shows_them(nodes):
+    node = nodes().start()
+    text = "red \x1b[31m bell \x07 delete \x7f eight bits \u009b1m end"
+    index = node.raise_alarm("Link failure", "ManagedElement=1", "major", 1, 2, "--text", text)
+    for arguments in (("alarm", "list"), ("alarm", "show", index), ("mo", "get", f"{FM},FmAlarm={index}"), ("mo", "get", text),
+                      ("--json", "alarm", "list")):
+        result = node.ctl(*arguments, check=False)
+        assert not re.search("[\x00-\x08\x0b-\x1f\x7f-\x9f]", result.stdout + result.stderr), arguments
+    assert node.json("alarm", "list")[0]["text"] == text
 
 
 # --- Holders of a community or a user that may write

@@ -1,9 +1,11 @@
 #include "control/ControlServer.h"
 
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <condition_variable>
+#include <list>
 #include <optional>
 
 #include "ControlClient.h"
@@ -90,6 +92,37 @@ TEST_F(ControlServerTest, RequestMayComeInPiecesButNotEndlessly) {
   EXPECT_THAT(client.readLine(), HasSubstr("longer than"));
   EXPECT_EQ("(end)", client.readLine());
   sender.join();
+}
+
+TEST_F(ControlServerTest, HalfOpenClientsEndAndTooManyAreTurnedAway) {
+  _server.stop();
+  constexpr int idleTimeoutMs = 100;
+  ControlServer server([](const Object&, ControlReply&) { return Object::Ptr(); }, idleTimeoutMs);
+  server.start(_path);
+  ControlClient half(_path);
+  half.send("{\"comm");
+  EXPECT_EQ("(end)", half.readLine());
+  server.stop();
+
+  _server.start(_path);
+  std::list<ControlClient> clients;
+  while (clients.size() < ControlServer::maxClients) {
+    clients.emplace_back(_path);
+    EXPECT_THAT(clients.back().ask("{\"command\":\"x\"}"), HasSubstr("\"ok\":true"));
+  }
+  EXPECT_THAT(ControlClient(_path).readLine(), HasSubstr("clients already"));
+  clients.pop_front();
+  EXPECT_TRUE(
+      eventually([&] { return ControlClient(_path).ask("{\"command\":\"x\"}").find("true") != std::string::npos; }));
+
+  // A process short of descriptors keeps the last ones to itself.
+  clients.clear();
+  rlimit before{};
+  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+  const rlimit few{ControlServer::reservedDescriptors, before.rlim_max};
+  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &few));
+  EXPECT_THAT(ControlClient(_path).readLine(), HasSubstr("last descriptors"));
+  ::setrlimit(RLIMIT_NOFILE, &before);
 }
 
 TEST_F(ControlServerTest, LongRequestHoldsNobodyUpAndEndsWithItsClient) {
