@@ -30,9 +30,13 @@ std::vector<std::string> LogLimit::endMinute() {
 
 std::string LogLimit::kindOf(std::string_view line) {
   constexpr std::size_t Beginning = 40;
-  std::string kind(line.substr(0, Beginning));
-  for (char& c : kind)
-    if (c >= '0' && c <= '9') c = '0';
+  std::string kind;
+  for (const char c : line.substr(0, 2 * Beginning)) {
+    const bool isDigit = c >= '0' && c <= '9';
+    if (isDigit && !kind.empty() && kind.back() == '0') continue;  // one for a number of whatever length
+    kind += isDigit ? '0' : c;
+    if (kind.size() == Beginning) break;
+  }
   return kind;
 }
 

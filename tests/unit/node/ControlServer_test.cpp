@@ -112,8 +112,11 @@ TEST_F(ControlServerTest, HalfOpenClientsEndAndTooManyAreTurnedAway) {
   }
   EXPECT_THAT(ControlClient(_path).readLine(), HasSubstr("clients already"));
   clients.pop_front();
-  EXPECT_TRUE(
-      eventually([&] { return ControlClient(_path).ask("{\"command\":\"x\"}").find("true") != std::string::npos; }));
+  bool isServed = false;  // once: who was served may hold the place a moment longer
+  EXPECT_TRUE(eventually([&] {
+    isServed = isServed || ControlClient(_path).ask("{\"command\":\"x\"}").find("true") != std::string::npos;
+    return isServed;
+  }));
 
   // A process short of descriptors keeps the last ones to itself.
   clients.clear();
