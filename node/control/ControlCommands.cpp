@@ -7,6 +7,7 @@
 #include <iterator>
 #include <utility>
 
+#include "VelaException.h"
 #include "control/ControlProtocol.h"
 #include "model/MoAttribute.h"
 #include "model/MoTransaction.h"
@@ -101,14 +102,22 @@ void listBelow(const MoTree& tree, const std::string& dn, ControlReply& reply) {
 }  // namespace
 
 const ControlCommands::Entry ControlCommands::commands[] = {
-    {"alarm raise", &ControlCommands::raiseAlarm}, {"alarm change", &ControlCommands::changeAlarm},
-    {"alarm clear", &ControlCommands::clearAlarm}, {"alarm clear-all", &ControlCommands::clearAllAlarms},
-    {"alarm list", &ControlCommands::listAlarms},  {"alarm storm", &ControlCommands::raiseStorm},
-    {"alert", &ControlCommands::sendAlert},        {"heartbeat", &ControlCommands::sendHeartbeat},
-    {"rebuild", &ControlCommands::rebuild},        {"mo list", &ControlCommands::listObjects},
-    {"mo get", &ControlCommands::getObject},       {"mo set", &ControlCommands::setAttributes},
-    {"mo create", &ControlCommands::createObject}, {"mo delete", &ControlCommands::deleteObject},
-    {"status", &ControlCommands::getStatus},       {"stop", &ControlCommands::stop},
+    {"alarm raise", &ControlCommands::raiseAlarm, true},
+    {"alarm change", &ControlCommands::changeAlarm, true},
+    {"alarm clear", &ControlCommands::clearAlarm, true},
+    {"alarm clear-all", &ControlCommands::clearAllAlarms, true},
+    {"alarm list", &ControlCommands::listAlarms},
+    {"alarm storm", &ControlCommands::raiseStorm, true},
+    {"alert", &ControlCommands::sendAlert, true},
+    {"heartbeat", &ControlCommands::sendHeartbeat},
+    {"rebuild", &ControlCommands::rebuild, true},
+    {"mo list", &ControlCommands::listObjects},
+    {"mo get", &ControlCommands::getObject},
+    {"mo set", &ControlCommands::setAttributes},
+    {"mo create", &ControlCommands::createObject},
+    {"mo delete", &ControlCommands::deleteObject},
+    {"status", &ControlCommands::getStatus},
+    {"stop", &ControlCommands::stop},
 };
 
 ControlCommands::ControlCommands(MoStore& store, FmService& fm, Host host)
@@ -119,7 +128,14 @@ Poco::JSON::Object::Ptr ControlCommands::handle(const Object& request, ControlRe
   const auto entry =
       std::find_if(std::begin(commands), std::end(commands), [&](const Entry& known) { return name == known.name; });
   if (entry == std::end(commands)) throw ControlError("unknown command " + quoted(name));
-  return (this->*entry->command)(request, reply);
+  Result result = (this->*entry->command)(request, reply);
+  if (!entry->mustLast) return result;
+  try {
+    _fm.sync();
+  } catch (const Vela::VelaException& ex) {
+    throw ControlError(std::string("done, but it would not survive a restart: ") + ex.what());
+  }
+  return result;
 }
 
 ControlCommands::Result ControlCommands::raiseAlarm(const Object& request, ControlReply&) {
@@ -158,15 +174,21 @@ ControlCommands::Result ControlCommands::clearAllAlarms(const Object&, ControlRe
 }
 
 ControlCommands::Result ControlCommands::listAlarms(const Object&, ControlReply& reply) {
-  FmAlarm alarm;
   Poco::UInt64 count = 0;
-  for (std::uint32_t index = 0; _fm.getNext(index, alarm); index = alarm.index) {
-    reply.sendItem(*toJson(alarm));
+  for (FmAlarmPtr alarm = _fm.getNext(0); alarm; alarm = _fm.getNext(alarm->index)) {
+    reply.sendItem(*toJson(*alarm));
     ++count;
   }
   Result result = makeResult();
   result->set("count", count);
   return result;
+}
+
+/** A number that keeps a storm's alarms apart from those of all other storms, those before a restart too. */
+std::uint64_t ControlCommands::nextStorm() {
+  const std::lock_guard lock(_stormMutex);
+  _lastStorm = std::max(_lastStorm, _fm.getLastAlarmSequenceNo()) + 1;
+  return _lastStorm;
 }
 
 ControlCommands::Result ControlCommands::raiseStorm(const Object& request, ControlReply& reply) {
@@ -179,8 +201,7 @@ ControlCommands::Result ControlCommands::raiseStorm(const Object& request, Contr
   report.severity = arguments.has("severity") ? uncleared(arguments.severity("severity")) : FmMajor;
   report.key.majorType = arguments.number("majorType", 1);
   report.additionalText = "Alarm of a storm";
-  // The storm's number keeps its alarms apart from those of all other storms.
-  const std::string problem = "Storm " + std::to_string(++_stormCount) + ", alarm ";
+  const std::string problem = "Storm " + std::to_string(nextStorm()) + ", alarm ";
 
   Result result = makeResult();
   const Clock::time_point begin = Clock::now();

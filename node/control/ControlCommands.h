@@ -3,9 +3,9 @@
 
 #include <Poco/JSON/Object.h>
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <string>
 
 #include "control/ControlServer.h"
@@ -38,6 +38,7 @@ class ControlCommands {
   struct Entry {
     const char* name;
     Command command;
+    bool mustLast = false; /**< what it did is on the disk before it is answered */
   };
   static const Entry commands[];
 
@@ -46,6 +47,7 @@ class ControlCommands {
   Result clearAlarm(const Poco::JSON::Object& request, ControlReply& reply);
   Result clearAllAlarms(const Poco::JSON::Object& request, ControlReply& reply);
   Result listAlarms(const Poco::JSON::Object& request, ControlReply& reply);
+  std::uint64_t nextStorm();
   Result raiseStorm(const Poco::JSON::Object& request, ControlReply& reply);
   Result sendAlert(const Poco::JSON::Object& request, ControlReply& reply);
   Result sendHeartbeat(const Poco::JSON::Object& request, ControlReply& reply);
@@ -61,7 +63,8 @@ class ControlCommands {
   MoStore& _store;
   FmService& _fm;
   const Host _host;
-  std::atomic<unsigned> _stormCount{0};
+  std::mutex _stormMutex;
+  std::uint64_t _lastStorm = 0;
 };
 
 }  // namespace VelaNode

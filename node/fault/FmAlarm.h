@@ -3,6 +3,7 @@
 #define VELA_NODE_FM_ALARM_H
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "VelaOamApiFm.h"
+#include "support/PersistentMap.h"
 
 namespace VelaNode {
 
@@ -63,6 +65,32 @@ struct FmAlarm : FmReport {
   std::uint64_t originalEventTime = 0;
   std::string originalAdditionalText;
   FmSeverity originalSeverity = FmIndeterminate;
+};
+
+using FmAlarmPtr = std::shared_ptr<const FmAlarm>;
+
+/** The numbers and times (ns since the epoch) that the next alarm or alert goes on from. */
+struct FmNumbers {
+  std::uint64_t alarmSequenceNo = 0;
+  std::uint64_t lastAlarmTime = 0;
+  std::uint64_t lastChanged = 0; /**< of the alarm list */
+  std::uint64_t alertSequenceNo = 0;
+  std::uint64_t lastAlertTime = 0;
+  std::uint32_t lastIndex = 0;
+
+  bool operator==(const FmNumbers&) const = default;
+};
+
+/** An alarm in the list of active ones. */
+struct ActiveAlarm {
+  FmAlarmPtr alarm;
+  std::uint32_t key() const { return alarm->index; }
+};
+
+/** What the fault-management service knows at one moment. A copy costs two references. */
+struct FmState {
+  PersistentMap<std::uint32_t, ActiveAlarm> alarms; /**< by index */
+  FmNumbers numbers;
 };
 
 /** A time as ISO 8601 with microseconds and zone (UTC), e.g. 2017-03-14T09:00:00.123456Z. */

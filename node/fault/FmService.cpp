@@ -2,11 +2,13 @@
 
 #include <Poco/Timestamp.h>
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
 #include "LoggingWrapper.h"
 #include "VelaException.h"
+#include "fault/AlarmRecords.h"
 
 namespace VelaNode {
 
@@ -105,7 +107,40 @@ FmClock FmClock::system() {
 FmService::FmService(MoStore& store, EventRouter& router, FmClock clock)
     : _store(store), _router(router), _clock(std::move(clock)) {}
 
-FmService::~FmService() { stop(); }
+FmService::~FmService() {
+  stop();
+  _journal.reset();  // asks this service what to write
+}
+
+void FmService::keepIn(const std::string& path) {
+  auto journal = std::make_unique<AlarmJournal>(path);
+  {
+    const std::lock_guard lock(_mutex);
+    _state = journal->load();
+    _byKey.clear();
+    _sums = {};
+    _state.alarms.forEach([this](const ActiveAlarm& active) {
+      _byKey.insert(active.alarm);
+      ++_sums[active.alarm->severity];
+      return true;
+    });
+    MoTransaction transaction(_store);
+    if (const auto dn = transaction.findFirst(fmClassPath)) {
+      writeList(transaction, *dn, _sums, _state);
+      transaction.commit();
+    }
+    _journal = std::move(journal);
+  }
+  _journal->start([this](std::uint64_t& position) {
+    const std::lock_guard lock(_mutex);
+    position = _journal->position();
+    return _state;
+  });
+}
+
+void FmService::sync() {
+  if (_journal) _journal->sync();
+}
 
 void FmService::start() {
   if (_heartbeatThread.joinable()) return;
@@ -113,7 +148,8 @@ void FmService::start() {
     const std::lock_guard lock(_mutex);
     MoTransaction transaction(_store);
     if (const auto dn = transaction.findFirst(fmClassPath)) {
-      writeSums(transaction, *dn, _counters, _clock.wallNs());
+      if (_state.numbers.lastChanged == 0) _state.numbers.lastChanged = _clock.wallNs();
+      writeSums(transaction, *dn, _sums, _state);
       transaction.commit();
     }
   }
@@ -147,36 +183,30 @@ void FmService::stop() {
 std::uint32_t FmService::raise(const FmReport& report) {
   checkSeverity(report.severity, FmIndeterminate);
   const std::lock_guard lock(_mutex);
-  const auto active = _indexes.find(report.key);
+  const auto active = _byKey.find(report.key);
+  const FmAlarmPtr before = active == _byKey.end() ? nullptr : *active;
   FmAlarm alarm;
   static_cast<FmReport&>(alarm) = report;
   alarm.eventTime = _clock.wallNs();
-  if (active != _indexes.end()) {
-    const FmAlarm& before = find(active->second);
-    alarm.index = before.index;
-    alarm.originalEventTime = before.originalEventTime;
-    alarm.originalSeverity = before.originalSeverity;
-    alarm.originalAdditionalText = before.originalAdditionalText;
-    update(before.index, std::move(alarm));
-    return active->second;
-  }
-  alarm.index = _lastIndex + 1;
-  alarm.originalEventTime = alarm.eventTime;
-  alarm.originalSeverity = alarm.severity;
-  alarm.originalAdditionalText = alarm.additionalText;
-  update(0, std::move(alarm));
-  return _lastIndex;
+  alarm.index = before ? before->index : _state.numbers.lastIndex + 1;
+  alarm.originalEventTime = before ? before->originalEventTime : alarm.eventTime;
+  alarm.originalSeverity = before ? before->originalSeverity : alarm.severity;
+  alarm.originalAdditionalText = before ? before->originalAdditionalText : alarm.additionalText;
+  const std::uint32_t index = alarm.index;
+  update(before, std::move(alarm));
+  return index;
 }
 
 void FmService::change(std::uint32_t index, const FmChange& change) {
   if (change.severity) checkSeverity(*change.severity, FmIndeterminate);
   const std::lock_guard lock(_mutex);
-  FmAlarm alarm = find(index);
+  const FmAlarmPtr before = find(index);
+  FmAlarm alarm = *before;
   alarm.eventTime = _clock.wallNs();
   if (change.severity) alarm.severity = *change.severity;
   if (change.additionalText) alarm.additionalText = *change.additionalText;
   if (change.additionalInfo) alarm.additionalInfo = *change.additionalInfo;
-  update(index, std::move(alarm));
+  update(before, std::move(alarm));
 }
 
 void FmService::clear(std::uint32_t index) {
@@ -186,11 +216,10 @@ void FmService::clear(std::uint32_t index) {
 
 std::size_t FmService::clearAll() {
   std::size_t count = 0;
-  FmAlarm alarm;
-  for (std::uint32_t index = 0; getNext(index, alarm); index = alarm.index) {
+  for (FmAlarmPtr alarm = getNext(0); alarm; alarm = getNext(alarm->index)) {
     const std::lock_guard lock(_mutex);
-    if (_alarms.count(alarm.index) == 0) continue;
-    remove(alarm.index);
+    if (_state.alarms.find(alarm->index) == nullptr) continue;
+    remove(alarm->index);
     ++count;
   }
   return count;
@@ -199,23 +228,26 @@ std::size_t FmService::clearAll() {
 std::uint64_t FmService::alert(const FmReport& report) {
   checkSeverity(report.severity, FmCleared);
   const std::lock_guard lock(_mutex);
-  _lastAlertTime = _clock.wallNs();
+  FmNumbers& numbers = _state.numbers;
+  numbers.lastAlertTime = _clock.wallNs();
+  ++numbers.alertSequenceNo;
+  keep(encodeNumbers(numbers));
   VelaOamApiFmNotificationEventValue_4T event{};
-  event.sequenceNumber = static_cast<std::int64_t>(++_lastAlertSequenceNo);
-  event.originalEventTime = _lastAlertTime;
+  event.sequenceNumber = static_cast<std::int64_t>(numbers.alertSequenceNo);
+  event.originalEventTime = numbers.lastAlertTime;
   event.originalAdditionalText = report.additionalText.c_str();
   event.originalSeverity = report.severity;
-  post(_router, report, report.severity, _lastAlertTime, event);
-  return _lastAlertSequenceNo;
+  post(_router, report, report.severity, numbers.lastAlertTime, event);
+  return numbers.alertSequenceNo;
 }
 
 void FmService::sendHeartbeat() {
   const std::lock_guard lock(_mutex);
   VelaOamApiFmHeartbeatEventValue_4T event{};
-  event.lastAlarmTime = _lastAlarmTime;
-  event.lastAlarmSequenceNumber = static_cast<std::uint32_t>(_counters.sequenceNo);
-  event.lastAlertTime = _lastAlertTime;
-  event.lastAlertSequenceNumber = static_cast<std::uint32_t>(_lastAlertSequenceNo);
+  event.lastAlarmTime = _state.numbers.lastAlarmTime;
+  event.lastAlarmSequenceNumber = static_cast<std::uint32_t>(_state.numbers.alarmSequenceNo);
+  event.lastAlertTime = _state.numbers.lastAlertTime;
+  event.lastAlertSequenceNumber = static_cast<std::uint32_t>(_state.numbers.alertSequenceNo);
   _router.postHeartbeat(event);
 }
 
@@ -223,43 +255,45 @@ void FmService::rebuild() {
   const std::lock_guard lock(_mutex);
   MoTransaction transaction(_store);
   const std::string dn = fmDn(transaction);
+  FmState state = _state;
+  state.numbers.lastChanged = _clock.wallNs();
   transaction.traverse(dn, alarmClass, [&](const MoObjectPtr& object) {
-    if (_alarms.count(static_cast<std::uint32_t>(object->getName().number)) == 0) transaction.remove(object->getDn());
+    const auto index = static_cast<std::uint32_t>(object->getName().number);
+    if (state.alarms.find(index) == nullptr) transaction.remove(object->getDn());
     return true;
   });
-  for (const auto& [index, alarm] : _alarms) writeAlarm(transaction, dn, alarm);
-  writeSums(transaction, dn, _counters, _clock.wallNs());
+  writeList(transaction, dn, _sums, state);
   transaction.commit();
+  _state = std::move(state);
+  keep(encodeNumbers(_state.numbers));
   _router.postAlarmListRebuilt();
 }
 
 std::size_t FmService::countActive() const {
   const std::lock_guard lock(_mutex);
-  return _alarms.size();
+  return _state.alarms.getSize();
 }
 
-bool FmService::getNext(std::uint32_t index, FmAlarm& alarm) const {
+FmAlarmPtr FmService::getNext(std::uint32_t index) const {
   const std::lock_guard lock(_mutex);
-  const auto next = _alarms.upper_bound(index);
-  if (next == _alarms.end()) return false;
-  alarm = next->second;
-  return true;
+  const ActiveAlarm* const next = _state.alarms.next(index);
+  return next == nullptr ? nullptr : next->alarm;
 }
 
 std::uint64_t FmService::getLastAlarmSequenceNo() const {
   const std::lock_guard lock(_mutex);
-  return _counters.sequenceNo;
+  return _state.numbers.alarmSequenceNo;
 }
 
 std::uint64_t FmService::getLastAlertSequenceNo() const {
   const std::lock_guard lock(_mutex);
-  return _lastAlertSequenceNo;
+  return _state.numbers.alertSequenceNo;
 }
 
-const FmAlarm& FmService::find(std::uint32_t index) const {
-  const auto found = _alarms.find(index);
-  if (found == _alarms.end()) throw Vela::VelaException(VELA_NOT_FOUND, "No active alarm has the index %u", index);
-  return found->second;
+FmAlarmPtr FmService::find(std::uint32_t index) const {
+  const ActiveAlarm* const found = _state.alarms.find(index);
+  if (found == nullptr) throw Vela::VelaException(VELA_NOT_FOUND, "No active alarm has the index %u", index);
+  return found->alarm;
 }
 
 std::string FmService::fmDn(MoTransaction& transaction) const {
@@ -268,67 +302,83 @@ std::string FmService::fmDn(MoTransaction& transaction) const {
   return *dn;
 }
 
-void FmService::writeSums(MoTransaction& transaction, const std::string& dn, const Counters& counters,
-                          std::uint64_t time) const {
-  for (const auto& [name, severity] : sumAttributes) transaction.set(dn, name, counters.bySeverity[severity]);
-  transaction.set(dn, "totalActive", counters.total);
-  transaction.set(dn, "lastSequenceNo", counters.sequenceNo);
-  transaction.set(dn, "lastChanged", formatTime(time));
+void FmService::writeSums(MoTransaction& transaction, const std::string& dn, const Sums& sums, const FmState& state) {
+  for (const auto& [name, severity] : sumAttributes) transaction.set(dn, name, sums[severity]);
+  transaction.set(dn, "totalActive", static_cast<std::uint32_t>(state.alarms.getSize()));
+  transaction.set(dn, "lastSequenceNo", state.numbers.alarmSequenceNo);
+  transaction.set(dn, "lastChanged", formatTime(state.numbers.lastChanged));
 }
 
-/** Puts a new alarm (index 0) or the next state of an active one into the model and the list. */
-void FmService::update(std::uint32_t index, FmAlarm alarm) {
-  const bool isUpdate = index != 0;
-  Counters counters = _counters;
-  ++counters.sequenceNo;
-  ++counters.bySeverity[alarm.severity];
-  if (isUpdate) {
-    --counters.bySeverity[find(index).severity];
-  } else {
-    ++counters.total;
-  }
+void FmService::writeList(MoTransaction& transaction, const std::string& dn, const Sums& sums, const FmState& state) {
+  state.alarms.forEach([&](const ActiveAlarm& active) {
+    writeAlarm(transaction, dn, *active.alarm);
+    return true;
+  });
+  writeSums(transaction, dn, sums, state);
+}
+
+/** The state with the numbers of the next change of the list. */
+FmState FmService::nextState(std::uint64_t time) const {
+  FmState state = _state;
+  ++state.numbers.alarmSequenceNo;
+  state.numbers.lastAlarmTime = state.numbers.lastChanged = time;
+  return state;
+}
+
+/** Puts a new alarm, or the next state of the one before, into the model and the list. */
+void FmService::update(const FmAlarmPtr& before, FmAlarm alarm) {
+  const auto after = std::make_shared<const FmAlarm>(std::move(alarm));
+  FmState state = nextState(after->eventTime);
+  state.numbers.lastIndex = std::max(state.numbers.lastIndex, after->index);
+  state.alarms.put({after});
+  Sums sums = _sums;
+  ++sums[after->severity];
+  if (before) --sums[before->severity];
   MoTransaction transaction(_store);
   const std::string dn = fmDn(transaction);
-  writeAlarm(transaction, dn, alarm);
-  writeSums(transaction, dn, counters, alarm.eventTime);
+  writeAlarm(transaction, dn, *after);
+  writeSums(transaction, dn, sums, state);
   transaction.commit();
 
-  _counters = counters;
-  _lastAlarmTime = alarm.eventTime;
-  if (!isUpdate) {
-    _lastIndex = alarm.index;
-    _indexes.emplace(alarm.key, alarm.index);
-  }
-  emitAlarm(alarm, alarm.severity, isUpdate);
-  _alarms.insert_or_assign(alarm.index, std::move(alarm));
+  _state = std::move(state);
+  _sums = sums;
+  if (before) _byKey.erase(before);
+  _byKey.insert(after);
+  keep(encodeActive(*after, _state.numbers));
+  emitAlarm(*after, after->severity, before != nullptr);
 }
 
 void FmService::remove(std::uint32_t index) {
-  FmAlarm alarm = find(index);
+  const FmAlarmPtr before = find(index);
+  FmAlarm alarm = *before;
   alarm.eventTime = _clock.wallNs();
-  Counters counters = _counters;
-  ++counters.sequenceNo;
-  --counters.bySeverity[alarm.severity];
-  --counters.total;
+  FmState state = nextState(alarm.eventTime);
+  state.alarms.erase(index);
+  Sums sums = _sums;
+  --sums[before->severity];
   MoTransaction transaction(_store);
   const std::string dn = fmDn(transaction);
   const std::string object = alarmDn(dn, index);
   if (transaction.find(object)) transaction.remove(object);
-  writeSums(transaction, dn, counters, alarm.eventTime);
+  writeSums(transaction, dn, sums, state);
   transaction.commit();
 
-  _counters = counters;
-  _lastAlarmTime = alarm.eventTime;
-  _indexes.erase(alarm.key);
-  _alarms.erase(index);
+  _state = std::move(state);
+  _sums = sums;
+  _byKey.erase(before);
+  keep(encodeRemoved(index, _state.numbers));
   emitAlarm(alarm, FmCleared, true);
+}
+
+void FmService::keep(std::string record) {
+  if (_journal) _journal->append(std::move(record));
 }
 
 void FmService::emitAlarm(const FmAlarm& alarm, FmSeverity severity, bool isUpdate) {
   VelaOamApiFmNotificationEventValue_4T event{};
   event.stateful = true;
   event.alarmUpdate = isUpdate;
-  event.sequenceNumber = static_cast<std::int64_t>(_counters.sequenceNo);
+  event.sequenceNumber = static_cast<std::int64_t>(_state.numbers.alarmSequenceNo);
   event.index = alarm.index;
   event.originalEventTime = alarm.originalEventTime;
   event.originalAdditionalText = alarm.originalAdditionalText.c_str();

@@ -7,11 +7,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <map>
+#include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 
+#include "fault/AlarmJournal.h"
 #include "fault/FmAlarm.h"
 #include "framework/CurrentInstance.h"
 #include "framework/EventRouter.h"
@@ -29,9 +31,9 @@ struct FmClock {
 
 /**
  * The fault-management service: keeps the active alarms, and with each change, in one transaction, the FmAlarm objects
- * and the summary attributes of the model's first Fm object; then emits the event, in the order of the changes. Alarms
- * live as long as the service; indexes rise from 1 and are never used again. Alarms and alerts are each numbered
- * from 1.
+ * and the summary attributes of the model's first Fm object; then emits the event, in the order of the changes. Indexes
+ * rise from 1 and are never used again; alarms and alerts are each numbered from 1. All that lives as long as the
+ * service, or, when it is kept in a file, as long as the file.
  *
  * Any thread. A failing operation throws Vela::VelaException (VELA_NOT_FOUND for an index that is not active,
  * VELA_INVALID for a bad argument) and has changed nothing. One at a time per process.
@@ -42,6 +44,12 @@ class FmService {
   ~FmService(); /**< stops */
   FmService(const FmService&) = delete;
   FmService& operator=(const FmService&) = delete;
+
+  /** Takes up the alarms and numbers that the file holds, and keeps them there from now on. Before anything else. */
+  void keepIn(const std::string& path);
+  /** Waits until everything that was done before is on the disk, if it is kept. Throws Vela::VelaException when it
+      cannot be written; it is done nevertheless. */
+  void sync();
 
   /** Starts the heartbeat at the model's interval; a change of the interval takes effect at once. */
   void start();
@@ -61,8 +69,8 @@ class FmService {
   void rebuild();
 
   std::size_t countActive() const;
-  /** The alarm with the smallest index above the given one; false if there is none. */
-  bool getNext(std::uint32_t index, FmAlarm& alarm) const;
+  /** The alarm with the smallest index above the given one, or null. */
+  FmAlarmPtr getNext(std::uint32_t index) const;
   std::uint64_t getLastAlarmSequenceNo() const;
   std::uint64_t getLastAlertSequenceNo() const;
 
@@ -71,19 +79,28 @@ class FmService {
   std::chrono::milliseconds updateHeartbeat();
 
  private:
-  struct Counters {
-    std::array<std::uint32_t, FmCritical + 1> bySeverity{};
-    std::uint32_t total = 0;
-    std::uint64_t sequenceNo = 0;
+  /** Orders alarms by what makes them one. */
+  struct ByKey {
+    using is_transparent = void;
+    static const FmAlarmKey& keyOf(const FmAlarmPtr& alarm) { return alarm->key; }
+    static const FmAlarmKey& keyOf(const FmAlarmKey& key) { return key; }
+    template <class Left, class Right>
+    bool operator()(const Left& left, const Right& right) const {
+      return keyOf(left) < keyOf(right);
+    }
   };
+  using Sums = std::array<std::uint32_t, FmCritical + 1>; /**< by severity; of no use for cleared */
 
   static void onFmObjectChange(const char* eventType, const void* eventValue);
 
-  const FmAlarm& find(std::uint32_t index) const;
+  FmAlarmPtr find(std::uint32_t index) const;
   std::string fmDn(MoTransaction& transaction) const;
-  void writeSums(MoTransaction& transaction, const std::string& dn, const Counters& counters, std::uint64_t time) const;
-  void update(std::uint32_t index, FmAlarm alarm);
+  static void writeSums(MoTransaction& transaction, const std::string& dn, const Sums& sums, const FmState& state);
+  static void writeList(MoTransaction& transaction, const std::string& dn, const Sums& sums, const FmState& state);
+  FmState nextState(std::uint64_t time) const;
+  void update(const FmAlarmPtr& before, FmAlarm alarm);
   void remove(std::uint32_t index);
+  void keep(std::string record);
   void emitAlarm(const FmAlarm& alarm, FmSeverity severity, bool isUpdate);
   unsigned long long readHeartbeatInterval() const;
   void runHeartbeat();
@@ -93,13 +110,9 @@ class FmService {
   const FmClock _clock;
 
   mutable std::mutex _mutex; /**< held from a change's start until its event is posted, which keeps both in one order */
-  std::map<std::uint32_t, FmAlarm> _alarms;
-  std::map<FmAlarmKey, std::uint32_t> _indexes;
-  Counters _counters;
-  std::uint32_t _lastIndex = 0;
-  std::uint64_t _lastAlarmTime = 0;
-  std::uint64_t _lastAlertTime = 0;
-  std::uint64_t _lastAlertSequenceNo = 0;
+  FmState _state;
+  std::set<FmAlarmPtr, ByKey> _byKey;
+  Sums _sums{};
 
   std::mutex _heartbeatMutex;
   std::condition_variable _heartbeatChanged;
@@ -109,6 +122,7 @@ class FmService {
   unsigned long long _lastHeartbeatMs = 0; /**< when the regular heartbeat was last sent, or began to run */
   std::uint32_t _consumerId = 0;
   std::thread _heartbeatThread;
+  std::unique_ptr<AlarmJournal> _journal; /**< may be null */
   CurrentInstance<FmService> _current{this};
 };
 

@@ -78,9 +78,13 @@ void AdaptorStateWatch::onLine(int severity, const char* component, const char* 
     const std::size_t reason = state == line.npos ? line.npos : line.find(beforeReason, state);
     if (reason != line.npos) {
       const std::size_t begin = state + beforeState.size();
-      const std::lock_guard lock(_mutex);
-      _state.name = line.substr(begin, reason - begin);
-      _state.reason = line.substr(reason + beforeReason.size());
+      const State entered{std::string(line.substr(begin, reason - begin)),
+                          std::string(line.substr(reason + beforeReason.size()))};
+      {
+        const std::lock_guard lock(_mutex);
+        _state = entered;
+      }
+      if (_listener) _listener(entered);
     }
   }
   _log.write(severity, component, function, text);

@@ -1,6 +1,7 @@
 #ifndef VELA_NODE_ADAPTOR_STATE_WATCH_H
 #define VELA_NODE_ADAPTOR_STATE_WATCH_H
 
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -24,6 +25,10 @@ class AdaptorStateWatch {
     std::string reason;
   };
   State getState() const;
+  /** Name of the state in which the adaptor sends what it is given at once. */
+  static constexpr const char* operationalState = "IdleEnabled";
+  /** Gets each new state, on the adaptor's thread; it must not block. Before the component is loaded. */
+  void setListener(std::function<void(const State&)> listener) { _listener = std::move(listener); }
   void reset(); /**< nothing is known any more */
 
   /** To be handed to the component instead of the host portal's own. */
@@ -36,6 +41,7 @@ class AdaptorStateWatch {
   HostLog& _log;
   mutable std::mutex _mutex;
   State _state;
+  std::function<void(const State&)> _listener;
   CurrentInstance<AdaptorStateWatch> _current{this};
 };
 

@@ -46,6 +46,9 @@ Node::Node(const NodeFolder& folder, const NodeOptions& options)
       _commands(_services.getStore(), _fm, {[this] { return getStatus(); }, [] { ::kill(::getpid(), SIGTERM); }}),
       _control(
           [this](const Poco::JSON::Object& request, ControlReply& reply) { return _commands.handle(request, reply); }) {
+  _adaptorState.setListener([this](const AdaptorStateWatch::State& state) {
+    if (state.name == AdaptorStateWatch::operationalState) _listRebuilt.tell();
+  });
   HostLog& log = _services.getLog();
   log.setLevel(options.logLevel);
   log.setEcho(options.isVerbose);
@@ -66,6 +69,7 @@ Node::~Node() {
 
 void Node::start(const std::filesystem::path& componentLibrary) {
   cleanUp();
+  _fm.keepIn(_folder.alarms());
   _fm.start();
   _component.load(componentLibrary, AdaptorStateWatch::getAccessor(), _folder.configuration());
   _component.start();

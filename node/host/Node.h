@@ -9,6 +9,7 @@
 #include "control/ControlCommands.h"
 #include "control/ControlServer.h"
 #include "fault/FmService.h"
+#include "fault/ListRebuiltNotice.h"
 #include "framework/NodeServices.h"
 #include "host/AdaptorStateWatch.h"
 #include "host/ComponentHost.h"
@@ -41,6 +42,7 @@ class Node {
   const NodeFolder& _folder;
   const ModelFile _model;
   NodeServices _services;
+  ListRebuiltNotice _listRebuilt{_services.getStore(), _services.getRouter()};
   AdaptorStateWatch _adaptorState{_services.getLog()};
   FmService _fm{_services.getStore(), _services.getRouter()};
   ComponentHost _component{_services.getPortal()};

@@ -20,6 +20,7 @@ class NodeFolder {
   const std::filesystem::path& path() const { return _path; } /**< absolute */
   std::filesystem::path model() const { return _path / "model.xml"; }
   std::filesystem::path configuration() const { return _path / "config.xml"; }
+  std::filesystem::path alarms() const { return _path / "alarms.journal"; }
   std::filesystem::path log() const { return _path / "log" / "node.log"; }
   std::filesystem::path controlSocket() const;
 

@@ -2,13 +2,9 @@
 #include <signal.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "VelaException.h"
@@ -19,6 +15,7 @@
 #include "host/NodeFolder.h"
 #include "host/NodeOptions.h"
 #include "model/ModelFile.h"
+#include "support/Files.h"
 
 namespace {
 
@@ -47,15 +44,6 @@ sigset_t blockStopSignals() {
   return signals;
 }
 
-std::string readFile(const std::string& name) {
-  std::ifstream stream(name, std::ios::binary);
-  std::ostringstream content;
-  if (stream) content << stream.rdbuf();
-  if (std::filesystem::is_directory(name)) errno = EISDIR;
-  if (!stream || !content) throw Vela::VelaException("%s: %s", name.c_str(), std::strerror(errno));
-  return content.str();
-}
-
 void checkSocketPath(const std::string& path, const char* what) {
   if (path.size() > maxSocketPathLength) {
     throw Vela::VelaException("The path of the %s has %zu octets, a socket's has at most %zu: %s", what, path.size(),
@@ -73,21 +61,21 @@ struct Inputs {
 Inputs checkInputs(const NodeOptions& options, const NodeFolder& folder) {
   Inputs inputs;
   if (!options.modelFile.empty()) {
-    inputs.model = readFile(options.modelFile);
+    inputs.model = readWholeFile(options.modelFile);
     ModelFile::parse(inputs.model, options.modelFile);
   } else if (std::filesystem::exists(folder.model())) {
-    ModelFile::parse(readFile(folder.model()), folder.model());
+    ModelFile::parse(readWholeFile(folder.model()), folder.model());
   } else {
     inputs.model = ModelFile::getDefaultText();
   }
 
   std::string configurationFile = options.configurationFile;
   if (!configurationFile.empty()) {
-    inputs.configuration = readFile(configurationFile);
+    inputs.configuration = readWholeFile(configurationFile);
   } else {
     configurationFile = folder.configuration();
     if (!std::filesystem::exists(configurationFile)) {
-      ModelFile::writeFile(configurationFile, ComponentConfigCheck::getDefaultText());
+      writeWholeFile(configurationFile, ComponentConfigCheck::getDefaultText());
     }
   }
   const ComponentPaths paths = ComponentConfigCheck::check(configurationFile);
@@ -99,8 +87,8 @@ Inputs checkInputs(const NodeOptions& options, const NodeFolder& folder) {
 
 void installInputs(const Inputs& inputs, const NodeFolder& folder) {
   folder.makeTree();
-  if (!inputs.model.empty()) ModelFile::writeFile(folder.model(), inputs.model);
-  if (!inputs.configuration.empty()) ModelFile::writeFile(folder.configuration(), inputs.configuration);
+  if (!inputs.model.empty()) writeWholeFile(folder.model(), inputs.model);
+  if (!inputs.configuration.empty()) writeWholeFile(folder.configuration(), inputs.configuration);
 }
 
 void waitForStop(const sigset_t& signals, Node& node) {

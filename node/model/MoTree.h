@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "model/MoObject.h"
-#include "model/PersistentMap.h"
+#include "support/PersistentMap.h"
 
 namespace VelaNode {
 

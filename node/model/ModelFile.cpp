@@ -5,12 +5,7 @@
 #include <Poco/SAX/Locator.h>
 #include <Poco/SAX/SAXException.h>
 #include <Poco/SAX/SAXParser.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <map>
 #include <optional>
@@ -19,7 +14,7 @@
 
 #include "VelaException.h"
 #include "model/MoAttribute.h"
-#include "support/FileDescriptor.h"
+#include "support/Files.h"
 
 namespace VelaNode {
 
@@ -29,7 +24,6 @@ namespace {
 
 constexpr const char* RootElement = "model";
 constexpr const char* NameAttribute = "id";
-constexpr mode_t FileMode = 0600;
 constexpr const char* Blanks = " \t\r\n";
 
 // ---- reading ------------------------------------------------------------------------------------------------------
@@ -240,16 +234,6 @@ class ModelHandler : public Poco::XML::DefaultHandler {
   std::string _text;
 };
 
-std::string readFile(const std::string& path) {
-  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  std::string text;
-  char buffer[65536];
-  ssize_t got = file.isOpen() ? ::read(file.get(), buffer, sizeof buffer) : -1;
-  for (; got > 0; got = ::read(file.get(), buffer, sizeof buffer)) text.append(buffer, static_cast<std::size_t>(got));
-  if (got < 0) throw VelaException("%s: cannot be read: %s", path.c_str(), std::strerror(errno));
-  return text;
-}
-
 // ---- writing ------------------------------------------------------------------------------------------------------
 
 /** Escapes what a parser would take for something else, or normalise. */
@@ -318,50 +302,6 @@ void formatNode(const MoNode& node, const std::string& indentation, std::string&
   out += content.empty() ? "/>\n" : ">\n" + content + indentation + "</" + name + ">\n";
 }
 
-[[noreturn]] void failWriting(const std::string& path) {
-  const int error = errno;
-  throw VelaException("%s: cannot be written: %s", path.c_str(), std::strerror(error));
-}
-
-void syncFolderOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  const FileDescriptor descriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!descriptor.isOpen() || ::fsync(descriptor.get()) != 0) failWriting(folder);
-}
-
-/** Takes a file away again unless it got its final name. */
-class NewFile {
- public:
-  explicit NewFile(std::string path)
-      : _path(std::move(path)),
-        _file(::open(_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, FileMode)) {
-    if (!_file.isOpen() || ::fchmod(_file.get(), FileMode) != 0) failWriting(_path);
-  }
-  ~NewFile() {
-    if (!_path.empty()) ::unlink(_path.c_str());
-  }
-  NewFile(const NewFile&) = delete;
-  NewFile& operator=(const NewFile&) = delete;
-
-  void write(std::string_view text) {
-    while (!text.empty()) {
-      const ssize_t written = ::write(_file.get(), text.data(), text.size());
-      if (written < 0 && errno != EINTR) failWriting(_path);
-      if (written > 0) text.remove_prefix(static_cast<std::size_t>(written));
-    }
-    if (::fsync(_file.get()) != 0) failWriting(_path);
-  }
-  void become(const std::string& path) {
-    if (::rename(_path.c_str(), path.c_str()) != 0) failWriting(path);
-    _path.clear();
-  }
-
- private:
-  std::string _path;
-  FileDescriptor _file;
-};
-
 }  // namespace
 
 MoTree ModelFile::parse(const std::string& text, const std::string& name) {
@@ -400,7 +340,7 @@ std::string ModelFile::format(const MoTree& tree) {
 }
 
 void ModelFile::load(MoStore& store) const {
-  const MoTree tree = parse(readFile(_path), _path);
+  const MoTree tree = parse(readWholeFile(_path), _path);
   bool hasChanged = false;
   try {
     hasChanged = store.install(tree);
@@ -410,13 +350,6 @@ void ModelFile::load(MoStore& store) const {
   if (hasChanged) save(store.getTree());
 }
 
-void ModelFile::save(const MoTree& tree) const { writeFile(_path, format(tree)); }
-
-void ModelFile::writeFile(const std::string& path, const std::string& text) {
-  NewFile file(path + ".new");
-  file.write(text);
-  file.become(path);
-  syncFolderOf(path);
-}
+void ModelFile::save(const MoTree& tree) const { writeWholeFile(_path, format(tree)); }
 
 }  // namespace VelaNode

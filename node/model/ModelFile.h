@@ -26,8 +26,6 @@ class ModelFile {
   /** Reads a model text; `name` stands for the file's name in messages. */
   static MoTree parse(const std::string& text, const std::string& name);
   static std::string format(const MoTree& tree);
-  /** Writes a text as a file of mode 600, atomically and durably. Throws Vela::VelaException. */
-  static void writeFile(const std::string& path, const std::string& text);
 
  private:
   std::string _path;

@@ -28,6 +28,9 @@ class AdaptorStateWatchTest : public testing::Test {
 
 TEST_F(AdaptorStateWatchTest, RemembersTheLastChangeOfState) {
   EXPECT_EQ("", _watch.getState().name);
+  std::vector<std::string> entered;
+  _watch.setListener(
+      [&](const AdaptorStateWatch::State& state) { entered.push_back(state.name + ": " + state.reason); });
   _log->write(6, "c", "f", "Changing state from OneTimeInit to WaitForTrap : first");
   _log->write(6, "c", "f", "Changing state from WaitForTrap to IdleEnabled : got it: from a to b : c");
   for (const char* other : {"Changing state", "Changing state from A", "Changing state from A to B", "anything"}) {
@@ -36,6 +39,7 @@ TEST_F(AdaptorStateWatchTest, RemembersTheLastChangeOfState) {
   EXPECT_EQ("IdleEnabled", _watch.getState().name);
   EXPECT_EQ("got it: from a to b : c", _watch.getState().reason);
   EXPECT_EQ(6U, _lines.size());
+  EXPECT_EQ(entered, (std::vector<std::string>{"WaitForTrap: first", "IdleEnabled: got it: from a to b : c"}));
   _watch.reset();
   EXPECT_EQ("", _watch.getState().name);
 

@@ -2,11 +2,14 @@
 
 #include <gmock/gmock.h>
 
+#include <optional>
 #include <set>
 #include <sstream>
 #include <thread>
 
+#include "TemporaryFolder.h"
 #include "VelaException.h"
+#include "fault/ListRebuiltNotice.h"
 #include "framework/NodeServices.h"
 #include "model/ModelFile.h"
 
@@ -105,9 +108,32 @@ class FmServiceTest : public testing::Test {
   std::uint64_t _wallNs = 1489482000123456000;
   std::uint64_t _steadyMs = 5000;
   NodeServices _services;
-  FmService _fm{
-      _services.getStore(), _services.getRouter(), {[this] { return _wallNs; }, [this] { return _steadyMs; }}};
+  std::optional<FmService> _service{std::in_place, _services.getStore(), _services.getRouter(),
+                                    FmClock{[this] { return _wallNs; }, [this] { return _steadyMs; }}};
+  FmService& _fm = *_service;
 };
+
+TEST_F(FmServiceTest, ListRebuiltIsToldOnceWhenServiceAndATargetWork) {
+  constexpr const char* snmpDn = "ManagedElement=1,SystemFunctions=1,SysM=1,Snmp=1";
+  const std::string targetDn = std::string(snmpDn) + ",SnmpTargetV2C=nms";
+  MoTransaction preparation(_services.getStore());
+  if (!preparation.find(targetDn)) preparation.create(targetDn);
+  preparation.commit();
+  ListRebuiltNotice notice(_services.getStore(), _services.getRouter());
+  const auto tellWith = [&](const char* serviceState, const char* targetState) {
+    MoTransaction transaction(_services.getStore());
+    transaction.set(snmpDn, "operationalState", serviceState);
+    transaction.set(targetDn, "operationalState", targetState);
+    transaction.commit();
+    notice.tell();
+    return events().size();
+  };
+  EXPECT_EQ(0U, tellWith("ENABLED", "DISABLED")) << "nobody would get it";
+  EXPECT_EQ(0U, tellWith("DISABLED", "ENABLED"));
+  EXPECT_EQ(1U, tellWith("ENABLED", "ENABLED"));
+  EXPECT_EQ(VELA_FM_ALARM_LIST_REBUILT_EVENT, events().front().type);
+  EXPECT_EQ(1U, tellWith("ENABLED", "ENABLED")) << "once";
+}
 
 TEST_F(FmServiceTest, RaisedAlarmIsInTheModelAndEmitted) {
   EXPECT_EQ(1U, _fm.raise(linkFailure()));
@@ -317,6 +343,53 @@ TEST_F(FmServiceTest, RebuildMakesTheModelTrueAgain) {
   EXPECT_FALSE(alarmObject(77));
   EXPECT_THAT(sums(), ElementsAre(0, 1, 0, 0, 1));
   EXPECT_EQ(VELA_FM_ALARM_LIST_REBUILT_EVENT, events().at(1).type);
+}
+
+TEST_F(FmServiceTest, AlarmsAndNumbersOutliveTheService) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("alarms.journal");
+  const auto clock = FmClock{[this] { return _wallNs; }, [this] { return _steadyMs; }};
+  _service.reset();
+  {
+    FmService before(_services.getStore(), _services.getRouter(), clock);
+    before.keepIn(file);
+    before.start();
+    FmReport report = linkFailure();
+    const std::uint32_t cleared = before.raise(report);
+    ++report.key.minorType;
+    before.raise(report);
+    ++report.key.minorType;
+    report.severity = FmCritical;
+    before.raise(report);
+    before.alert(report);
+    _wallNs += 1000;
+    before.clear(cleared);
+  }
+  MoTransaction restart(_services.getStore());
+  restart.remove(std::string(fmDn) + ",FmAlarm=2");
+  restart.remove(std::string(fmDn) + ",FmAlarm=3");
+  restart.set(fmDn, "lastSequenceNo", 0U);
+  restart.commit();
+  const std::uint64_t changed = _wallNs;
+  _wallNs += 1000000000;
+  const std::size_t seen = events().size();
+
+  FmService after(_services.getStore(), _services.getRouter(), clock);
+  after.keepIn(file);
+  after.start();
+  EXPECT_FALSE(alarmObject(1));
+  EXPECT_EQ("no light", alarmObject(2)->getText("additionalText"));
+  EXPECT_THAT(sums(), ElementsAre(1, 1, 0, 0, 2));
+  EXPECT_EQ(4U, fmObject()->getUnsigned("lastSequenceNo"));
+  EXPECT_EQ(formatTime(changed), fmObject()->getText("lastChanged"));
+  EXPECT_EQ(seen, events().size()) << "what is told anew is told by the list-rebuilt event alone";
+
+  FmReport report = linkFailure();
+  ++report.key.minorType;
+  EXPECT_EQ(2U, after.raise(report)) << "the alarm is known";
+  EXPECT_EQ(4U, after.raise(linkFailure())) << "an index is not used again";
+  EXPECT_EQ(2U, after.alert(report));
+  EXPECT_EQ(5, events().at(seen).notification.sequenceNumber);
 }
 
 TEST_F(FmServiceTest, EventsOfManyThreadsComeInTheOrderOfTheirNumbers) {

@@ -1,4 +1,4 @@
-#include "model/PersistentMap.h"
+#include "support/PersistentMap.h"
 
 #include <gtest/gtest.h>
 

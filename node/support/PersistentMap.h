@@ -40,6 +40,18 @@ class PersistentMap {
     return node == nullptr ? nullptr : &node->value;
   }
 
+  /** The least one above a key, or null. */
+  const Value* next(const Key& key) const {
+    const Value* found = nullptr;
+    const Node* node = _root.get();
+    while (node != nullptr) {
+      const bool isAbove = std::is_lt(key <=> node->value.key());
+      if (isAbove) found = &node->value;
+      node = isAbove ? node->left.get() : node->right.get();
+    }
+    return found;
+  }
+
   /** Visits all values in order, until the visitor returns false; false then. */
   template <class Visitor>
   bool forEach(Visitor&& visitor) const {
