@@ -8,6 +8,7 @@
 
 #include "LoggingWrapper.h"
 #include "VelaException.h"
+#include "fault/AlarmObject.h"
 #include "fault/AlarmRecords.h"
 
 namespace VelaNode {
@@ -19,9 +20,6 @@ constexpr const char* fmDnExpression = "^ManagedElement=[^,]*,SystemFunctions=[^
 constexpr const char* alarmClass = "FmAlarm";
 constexpr const char* heartbeatIntervalAttribute = "heartbeatInterval";
 
-/** Severities as the model's alarm objects hold them, by severity of the events. */
-constexpr std::int64_t modelSeverities[] = {1, 2, 6, 5, 4, 3};
-
 /** The model's sums and the severities that they count. An indeterminate alarm is in the total only. */
 constexpr std::pair<const char*, FmSeverity> sumAttributes[] = {
     {"sumCritical", FmCritical}, {"sumMajor", FmMajor}, {"sumMinor", FmMinor}, {"sumWarning", FmWarning}};
@@ -30,30 +28,22 @@ std::string alarmDn(const std::string& fmDn, std::uint32_t index) {
   return fmDn + "," + alarmClass + "=" + std::to_string(index);
 }
 
-void writeAlarm(MoTransaction& transaction, const std::string& fmDn, const FmAlarm& alarm) {
-  const std::string dn = alarmDn(fmDn, alarm.index);
-  if (!transaction.find(dn)) transaction.create(dn);
-  const std::pair<const char*, MoValue> values[] = {
-      {"fmAlarmId", alarm.index},
-      {"lastEventTime", formatTime(alarm.eventTime)},
-      {"originalEventTime", formatTime(alarm.originalEventTime)},
-      {"activeSeverity", modelSeverities[alarm.severity]},
-      {"originalSeverity", modelSeverities[alarm.originalSeverity]},
-      {"additionalText", alarm.additionalText},
-      {"originalAdditionalText", alarm.originalAdditionalText},
-      {"specificProblem", alarm.key.specificProblem},
-      {"source", alarm.key.source},
-      {"majorType", alarm.key.majorType},
-      {"minorType", alarm.key.minorType},
-      {"probableCause", alarm.probableCause},
-      {"eventType", alarm.eventType},
+void writeAlarm(MoTransaction& transaction, const std::string& fmDn, const FmAlarmPtr& alarm) {
+  transaction.put(alarmDn(fmDn, alarm->index), std::make_shared<const AlarmObject>(alarm));
+}
+
+void checkTexts(const FmReport& report) {
+  const auto check = [](const std::string& text) {
+    if (text.find('\0') != std::string::npos) {
+      throw Vela::VelaException(VELA_INVALID, "A text must not hold a NUL character");
+    }
   };
-  for (const auto& [name, value] : values) transaction.set(dn, name, value);
-  std::vector<MoValue> info;
-  info.reserve(alarm.additionalInfo.size());
-  for (const auto& [name, value] : alarm.additionalInfo)
-    info.emplace_back(MoValue::Members{{"name", name}, {"value", value}});
-  transaction.setSequence(dn, "additionalInfo", info);
+  for (const std::string* text : {&report.key.source, &report.key.specificProblem, &report.additionalText})
+    check(*text);
+  for (const auto& [name, value] : report.additionalInfo) {
+    check(name);
+    check(value);
+  }
 }
 
 void checkSeverity(FmSeverity severity, FmSeverity least) {
@@ -311,7 +301,7 @@ void FmService::writeSums(MoTransaction& transaction, const std::string& dn, con
 
 void FmService::writeList(MoTransaction& transaction, const std::string& dn, const Sums& sums, const FmState& state) {
   state.alarms.forEach([&](const ActiveAlarm& active) {
-    writeAlarm(transaction, dn, *active.alarm);
+    writeAlarm(transaction, dn, active.alarm);
     return true;
   });
   writeSums(transaction, dn, sums, state);
@@ -327,6 +317,7 @@ FmState FmService::nextState(std::uint64_t time) const {
 
 /** Puts a new alarm, or the next state of the one before, into the model and the list. */
 void FmService::update(const FmAlarmPtr& before, FmAlarm alarm) {
+  checkTexts(alarm);
   const auto after = std::make_shared<const FmAlarm>(std::move(alarm));
   FmState state = nextState(after->eventTime);
   state.numbers.lastIndex = std::max(state.numbers.lastIndex, after->index);
@@ -336,7 +327,7 @@ void FmService::update(const FmAlarmPtr& before, FmAlarm alarm) {
   if (before) --sums[before->severity];
   MoTransaction transaction(_store);
   const std::string dn = fmDn(transaction);
-  writeAlarm(transaction, dn, *after);
+  writeAlarm(transaction, dn, after);
   writeSums(transaction, dn, sums, state);
   transaction.commit();
 

@@ -2,6 +2,7 @@
 
 #include <Poco/Exception.h>
 
+#include <algorithm>
 #include <cstring>
 #include <list>
 #include <optional>
@@ -14,6 +15,9 @@ namespace {
 
 using ChangeEvent = DaxOamSpiCmEvent_Event_1T;
 using ChangedAttribute = DaxOamSpiCmEvent_Attribute_1T;
+
+/** How many DNs the verdicts of the filters are kept for. */
+constexpr std::size_t verdictLimit = 4096;
 
 /** A notification's value with all that it refers to. */
 class NotificationCopy {
@@ -176,6 +180,7 @@ VelaReturnT EventRouter::registerConsumer(const VelaOamSpiEventConsumer_1T* cons
 VelaReturnT EventRouter::unregisterConsumer(std::uint32_t consumerId) {
   std::unique_lock lock(_mutex);
   if (_consumers.erase(consumerId) == 0) return VELA_NOT_FOUND;
+  _ways.clear();
   if (std::this_thread::get_id() != _thread.get_id()) {
     _progressed.wait(lock, [&] { return _servedConsumer != consumerId; });
   }
@@ -186,15 +191,14 @@ VelaReturnT EventRouter::addSubscription(std::uint32_t consumerId, const char* e
                                          const VelaOamSpiEventFilter_1T* const* filters,
                                          std::uint32_t* subscriptionId) {
   if (eventType == nullptr || subscriptionId == nullptr) return VELA_INVALID;
-  const auto subscription = std::make_shared<Subscription>();
-  subscription->eventType = eventType;
+  Subscription subscription{eventType, {}};
   for (; filters != nullptr && *filters != nullptr; ++filters) {
     const VelaOamSpiEventFilter_1T& filter = **filters;
-    const bool isKnown = subscription->eventType == DAX_CM_EVENT_TYPE && filter.name != nullptr &&
+    const bool isKnown = subscription.eventType == DAX_CM_EVENT_TYPE && filter.name != nullptr &&
                          std::strcmp(filter.name, DAX_CM_EVENT_FILTER_REGEXP) == 0;
     if (!isKnown || filter.value == nullptr) return VELA_INVALID;
     try {
-      subscription->expressions.push_back(std::make_unique<Poco::RegularExpression>(filter.value));
+      subscription.filters.push_back(std::make_shared<const Filter>(filter.value));
     } catch (const Poco::Exception& ex) {
       if (_log != nullptr) {
         _log->print(Vela::LogWarning, __func__, "Bad regular expression \"%s\": %s", filter.value,
@@ -207,7 +211,8 @@ VelaReturnT EventRouter::addSubscription(std::uint32_t consumerId, const char* e
   const auto consumer = _consumers.find(consumerId);
   if (consumer == _consumers.end()) return VELA_NOT_FOUND;
   *subscriptionId = ++_lastId;
-  consumer->second.subscriptions.emplace(*subscriptionId, subscription);
+  consumer->second.subscriptions.emplace(*subscriptionId, std::move(subscription));
+  _ways.clear();
   return VELA_OK;
 }
 
@@ -215,6 +220,7 @@ VelaReturnT EventRouter::removeSubscription(std::uint32_t consumerId, std::uint3
   const std::lock_guard lock(_mutex);
   const auto consumer = _consumers.find(consumerId);
   if (consumer == _consumers.end() || consumer->second.subscriptions.erase(subscriptionId) == 0) return VELA_NOT_FOUND;
+  _ways.clear();
   return VELA_OK;
 }
 
@@ -235,27 +241,49 @@ void EventRouter::run() {
   }
 }
 
+EventRouter::WayPtr EventRouter::makeWay(const std::string& eventType) const {
+  auto way = std::make_shared<Way>();
+  for (const auto& [consumerId, consumer] : _consumers) {
+    Stop stop{consumerId, consumer.callback, false, {}};
+    bool isOnTheWay = false;
+    for (const auto& [id, subscription] : consumer.subscriptions) {
+      if (subscription.eventType != eventType) continue;
+      isOnTheWay = true;
+      stop.takesAll = stop.takesAll || subscription.filters.empty();
+      for (const std::shared_ptr<const Filter>& filter : subscription.filters) {
+        const auto known = std::ranges::find(way->filters, filter->text, [](const auto& item) { return item->text; });
+        stop.filters.push_back(static_cast<std::size_t>(known - way->filters.begin()));
+        if (known == way->filters.end()) way->filters.push_back(filter);
+      }
+    }
+    if (isOnTheWay) way->stops.push_back(std::move(stop));
+  }
+  return way;
+}
+
+EventRouter::WayPtr EventRouter::wayOf(const std::string& eventType) {
+  WayPtr& way = _ways[eventType];
+  if (!way) way = makeWay(eventType);
+  return way;
+}
+
 void EventRouter::deliver(const Event& event) {
   std::optional<ChangeNotification> changes;
   std::uint32_t served = 0;
   std::unique_lock lock(_mutex);
   while (!_isStopping) {
-    const auto next = _consumers.upper_bound(served);
-    if (next == _consumers.end()) break;
-    served = next->first;
-    Subscriptions subscriptions;
-    for (const auto& [id, subscription] : next->second.subscriptions) {
-      if (subscription->eventType == event.type) subscriptions.push_back(subscription);
-    }
-    if (subscriptions.empty()) continue;
-    const VelaOamSpiEventConsumer_1T callback = next->second.callback;
-    _servedConsumer = served;
+    const WayPtr way = wayOf(event.type);  // a callback may have changed it
+    const auto stop = std::ranges::upper_bound(way->stops, served, {}, &Stop::consumerId);
+    if (stop == way->stops.end()) break;
+    _servedConsumer = served = stop->consumerId;
     lock.unlock();
     try {
       if (event.changes) {
-        notifyChanges(callback, subscriptions, *event.changes, changes);
+        if (_judgedWay != way) _verdicts.clear();
+        _judgedWay = way;
+        notifyChanges(*way, *stop, *event.changes, changes);
       } else {
-        callback.notify(event.type.c_str(), event.value.get());
+        stop->callback.notify(event.type.c_str(), event.value.get());
       }
     } catch (const std::exception& ex) {
       if (_log != nullptr)
@@ -267,34 +295,40 @@ void EventRouter::deliver(const Event& event) {
   }
 }
 
-void EventRouter::notifyChanges(const VelaOamSpiEventConsumer_1T& callback, const Subscriptions& subscriptions,
-                                const MoChanges& changes, std::optional<ChangeNotification>& notification) {
+void EventRouter::notifyChanges(const Way& way, const Stop& stop, const MoChanges& changes,
+                                std::optional<ChangeNotification>& notification) {
   if (notification) notification->clear();
   for (std::size_t i = 0; i < changes.size(); ++i) {
-    if (!passes(subscriptions, changes[i].dn)) continue;
+    if (!stop.takesAll && !passes(way, stop, changes[i].dn)) continue;
     // Most changes pass no filter at all, so the C form is only made for one that does.
     if (!notification) notification.emplace(changes);
     notification->pick(i);
   }
   if (!notification || notification->isEmpty()) return;
   const DaxOamSpiCmEvent_Notification_1T value = notification->get();
-  callback.notify(DAX_CM_EVENT_TYPE, &value);
+  stop.callback.notify(DAX_CM_EVENT_TYPE, &value);
 }
 
-bool EventRouter::passes(const Subscriptions& subscriptions, const std::string& dn) const {
-  for (const auto& subscription : subscriptions) {
-    if (subscription->expressions.empty()) return true;
-    for (const auto& expression : subscription->expressions) {
-      Poco::RegularExpression::Match match;
-      try {
-        if (expression->match(dn, match) > 0) return true;
-      } catch (const Poco::Exception& ex) {
-        if (_log != nullptr)
-          _log->print(Vela::LogWarning, __func__, "Matching \"%s\" failed: %s", dn.c_str(), ex.displayText().c_str());
-      }
-    }
+bool EventRouter::passes(const Way& way, const Stop& stop, const std::string& dn) {
+  auto known = _verdicts.find(dn);
+  if (known == _verdicts.end()) {
+    if (_verdicts.size() >= verdictLimit) _verdicts.clear();
+    std::vector<bool> verdicts(way.filters.size());
+    for (std::size_t i = 0; i < verdicts.size(); ++i) verdicts[i] = matches(*way.filters[i], dn);
+    known = _verdicts.emplace(dn, std::move(verdicts)).first;
   }
-  return false;
+  return std::ranges::any_of(stop.filters, [&](std::size_t filter) { return known->second[filter]; });
+}
+
+bool EventRouter::matches(const Filter& filter, const std::string& dn) const {
+  Poco::RegularExpression::Match match;
+  try {
+    return filter.expression.match(dn, match) > 0;
+  } catch (const Poco::Exception& ex) {
+    if (_log != nullptr)
+      _log->print(Vela::LogWarning, __func__, "Matching \"%s\" failed: %s", dn.c_str(), ex.displayText().c_str());
+    return false;
+  }
 }
 
 }  // namespace VelaNode

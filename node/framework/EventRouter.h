@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "VelaOamApiFm.h"
@@ -65,23 +66,43 @@ class EventRouter {
     std::shared_ptr<const void> value;
     std::shared_ptr<const MoChanges> changes;
   };
+  struct Filter {
+    explicit Filter(const char* pattern) : text(pattern), expression(pattern) {}
+    const std::string text;
+    const Poco::RegularExpression expression;
+  };
   struct Subscription {
     std::string eventType;
-    std::vector<std::unique_ptr<Poco::RegularExpression>> expressions; /**< none: everything passes */
+    std::vector<std::shared_ptr<const Filter>> filters; /**< none: everything passes */
   };
-  using Subscriptions = std::vector<std::shared_ptr<const Subscription>>;
   struct Consumer {
     VelaOamSpiEventConsumer_1T callback;
-    std::map<std::uint32_t, std::shared_ptr<const Subscription>> subscriptions;
+    std::map<std::uint32_t, Subscription> subscriptions;
   };
+  /** A consumer on the way of an event. */
+  struct Stop {
+    std::uint32_t consumerId;
+    VelaOamSpiEventConsumer_1T callback;
+    bool takesAll = false;
+    std::vector<std::size_t> filters; /**< positions in the way's */
+  };
+  /** Whom the events of one type go to; made when the first one comes after a change of the subscriptions. */
+  struct Way {
+    std::vector<Stop> stops;                            /**< by consumer */
+    std::vector<std::shared_ptr<const Filter>> filters; /**< each once, however many subscriptions have it */
+  };
+  using WayPtr = std::shared_ptr<const Way>;
   class ChangeNotification;
 
   void enqueue(Event event);
   void run();
   void deliver(const Event& event);
-  void notifyChanges(const VelaOamSpiEventConsumer_1T& callback, const Subscriptions& subscriptions,
-                     const MoChanges& changes, std::optional<ChangeNotification>& notification);
-  bool passes(const Subscriptions& subscriptions, const std::string& dn) const;
+  WayPtr wayOf(const std::string& eventType);
+  WayPtr makeWay(const std::string& eventType) const;
+  void notifyChanges(const Way& way, const Stop& stop, const MoChanges& changes,
+                     std::optional<ChangeNotification>& notification);
+  bool passes(const Way& way, const Stop& stop, const std::string& dn);
+  bool matches(const Filter& filter, const std::string& dn) const;
 
   HostLog* _log;
   std::mutex _mutex;
@@ -89,11 +110,15 @@ class EventRouter {
   std::condition_variable _progressed; /**< a callback has returned, or an event is done */
   std::deque<Event> _queue;
   std::map<std::uint32_t, Consumer> _consumers;
+  std::map<std::string, WayPtr> _ways; /**< by event type; empty again when a subscription comes or goes */
   std::uint32_t _lastId = 0;
   std::uint32_t _servedConsumer = 0; /**< whose callback is running; 0: none */
   std::uint64_t _posted = 0;
   std::uint64_t _delivered = 0;
   bool _isStopping = false;
+  /** What the filters of the way below said of DNs: the same few change again and again. The router's thread's own. */
+  std::unordered_map<std::string, std::vector<bool>> _verdicts;
+  WayPtr _judgedWay;
   CurrentInstance<EventRouter> _current{this};
   std::thread _thread;
 };

@@ -42,10 +42,8 @@ void requireOut(const void* out) {
 }
 
 /** To the other side of the interface an object is opaque. */
-const VelaOamSpiMoObjectT* toHandle(const MoObject* object) {
-  return reinterpret_cast<const VelaOamSpiMoObjectT*>(object);
-}
-const MoObject* fromHandle(const VelaOamSpiMoObjectT* handle) { return reinterpret_cast<const MoObject*>(handle); }
+const VelaOamSpiMoObjectT* toHandle(const MoView* view) { return reinterpret_cast<const VelaOamSpiMoObjectT*>(view); }
+const MoView* fromHandle(const VelaOamSpiMoObjectT* handle) { return reinterpret_cast<const MoView*>(handle); }
 
 }  // namespace
 
@@ -70,19 +68,17 @@ std::shared_ptr<MoTransaction> ManagedObjectService::take(VelaOamSpiMoTransactio
   return node.mapped();
 }
 
-const MoObject* ManagedObjectService::open(MoObjectPtr object) {
-  const MoObject* const key = object.get();
+const MoView* ManagedObjectService::open(MoObjectPtr object) {
+  auto opened = std::make_unique<const OpenObject>(std::move(object));
+  const MoView* const view = &opened->view;
   const std::lock_guard lock(_mutex);
-  OpenObject& entry = _openObjects[key];
-  entry.object = std::move(object);
-  ++entry.count;
-  return key;
+  _openObjects.emplace(view, std::move(opened));
+  return view;
 }
 
-void ManagedObjectService::close(const MoObject* object) {
+void ManagedObjectService::close(const MoView* view) {
   const std::lock_guard lock(_mutex);
-  const auto found = _openObjects.find(object);
-  if (found != _openObjects.end() && --found->second.count == 0) _openObjects.erase(found);
+  _openObjects.erase(view);
 }
 
 std::size_t ManagedObjectService::countTransactions() const {
@@ -131,7 +127,8 @@ struct ManagedObjectCalls {
       // The empty name stands for the roots in the store only; here it is the name of no object.
       if (*required(parentDn, "parent") == '\0') throw VelaException(VELA_NOT_FOUND, "No such object: \"\"");
       service.find(id)->traverse(parentDn, className == nullptr ? "" : className, [&](const MoObjectPtr& object) {
-        return visitor(context, object->getDn().c_str(), toHandle(object.get()));
+        const MoView view(*object);
+        return visitor(context, object->getDn().c_str(), toHandle(&view));
       });
     });
   }
@@ -148,13 +145,13 @@ struct ManagedObjectCalls {
   }
 
   static const char* getClassName(const VelaOamSpiMoObjectT* object) {
-    return object == nullptr ? nullptr : fromHandle(object)->getClass().getName();
+    return object == nullptr ? nullptr : fromHandle(object)->getObject().getClass().getName();
   }
 
   static VelaReturnT getAttribute(const VelaOamSpiMoObjectT* object, const char* name,
                                   const VelaOamSpiMoAttribute_3T** attribute) {
     if (object == nullptr || name == nullptr || attribute == nullptr) return fail(VELA_INVALID, "An argument is null");
-    *attribute = fromHandle(object)->findAttribute(name);
+    *attribute = fromHandle(object)->find(name);
     if (*attribute != nullptr) return VELA_OK;
     errorText = std::string("Class ") + getClassName(object) + " has no attribute " + name;
     return VELA_NOT_FOUND;

@@ -29,22 +29,24 @@ class ManagedObjectService {
  private:
   friend struct ManagedObjectCalls;
 
+  /** An object with its attributes, which stay where they are until it is closed. */
   struct OpenObject {
-    MoObjectPtr object;
-    unsigned count = 0;
+    explicit OpenObject(MoObjectPtr opened) : object(std::move(opened)), view(*object) {}
+    const MoObjectPtr object;
+    const MoView view;
   };
 
   VelaOamSpiMoTransactionT begin(int lockPolicy, unsigned timeoutSeconds);
   std::shared_ptr<MoTransaction> find(VelaOamSpiMoTransactionT id) const;
   std::shared_ptr<MoTransaction> take(VelaOamSpiMoTransactionT id);
-  const MoObject* open(MoObjectPtr object);
-  void close(const MoObject* object);
+  const MoView* open(MoObjectPtr object);
+  void close(const MoView* view);
 
   MoStore& _store;
   mutable std::mutex _mutex;
   VelaOamSpiMoTransactionT _lastId = 0;
   std::map<VelaOamSpiMoTransactionT, std::shared_ptr<MoTransaction>> _transactions;
-  std::unordered_map<const MoObject*, OpenObject> _openObjects;
+  std::unordered_map<const MoView*, std::unique_ptr<const OpenObject>> _openObjects;
   CurrentInstance<ManagedObjectService> _current{this};
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <utility>
 
 #include "VelaException.h"
 #include "model/MoAttribute.h"
@@ -17,6 +18,10 @@ bool parseNumber(std::string_view text, std::uint64_t& number) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), parsed);
   number = parsed;
   return error == std::errc() && end == text.data() + text.size() && (text.size() == 1 || text[0] != '0');
+}
+
+const VelaOamSpiMoValue_3T* singleValue(const VelaOamSpiMoAttribute_3T* attribute) {
+  return attribute == nullptr || attribute->isSequence || !attribute->isSet ? nullptr : attribute->values;
 }
 
 }  // namespace
@@ -57,22 +62,50 @@ bool MoDn::parse(std::string_view dn, std::string* reason) {
 
 MoObject::MoObject(const MoClass& moClass, std::string dn)
     : _class(&moClass), _dn(std::move(dn)), _number(0), _attributes(moClass.getDefaults()) {
+  parseName();
+}
+
+MoObject::MoObject(const MoClass& moClass, std::string dn, MoRecordPtr record)
+    : _class(&moClass), _dn(std::move(dn)), _number(0), _record(std::move(record)) {
+  parseName();
+}
+
+void MoObject::parseName() {
   _nameOffset = _dn.find('=', _dn.rfind(',') + 1) + 1;
-  if (moClass.isNumbered()) parseNumber(std::string_view(_dn).substr(_nameOffset), _number);
+  if (_class->isNumbered()) parseNumber(std::string_view(_dn).substr(_nameOffset), _number);
 }
 
-const VelaOamSpiMoAttribute_3T* MoObject::findAttribute(std::string_view name) const noexcept {
+MoAttributePtr MoObject::getAttribute(std::size_t index) const {
+  if (!_record) return _attributes[index];
+  const auto made = std::make_shared<const MoAttributes>(*_class, _record);
+  return {made, &(*made)[index]};
+}
+
+MoAttributePtr MoObject::findAttribute(std::string_view name) const {
   const int index = _class->findAttribute(name);
-  return index < 0 ? nullptr : _attributes[static_cast<std::size_t>(index)].get();
+  return index < 0 ? nullptr : getAttribute(static_cast<std::size_t>(index));
 }
 
-const VelaOamSpiMoValue_3T* MoObject::singleValue(std::string_view name) const noexcept {
-  const VelaOamSpiMoAttribute_3T* const attribute = findAttribute(name);
-  return attribute == nullptr || attribute->isSequence || !attribute->isSet ? nullptr : attribute->values;
+void MoObject::setAttribute(std::size_t index, MoAttributePtr attribute) {
+  if (_record) {
+    const auto made = std::make_shared<const MoAttributes>(*_class, std::exchange(_record, nullptr));
+    for (std::size_t i = 0; i < _class->getAttributes().size(); ++i) _attributes.emplace_back(made, &(*made)[i]);
+  }
+  _attributes[index] = std::move(attribute);
+}
+
+MoView::MoView(const MoObject& object) : _object(object) {
+  if (object._record) _made.emplace(object.getClass(), object._record);
+}
+
+const VelaOamSpiMoAttribute_3T* MoView::find(std::string_view name) const noexcept {
+  const int index = _object.getClass().findAttribute(name);
+  return index < 0 ? nullptr : &(*this)[static_cast<std::size_t>(index)];
 }
 
 std::optional<std::int64_t> MoObject::getSigned(std::string_view name) const {
-  const VelaOamSpiMoValue_3T* const value = singleValue(name);
+  const MoAttributePtr attribute = findAttribute(name);
+  const VelaOamSpiMoValue_3T* const value = singleValue(attribute.get());
   if (value == nullptr) return {};
   switch (value->type) {
     case VELA_MO_BOOL:
@@ -87,7 +120,8 @@ std::optional<std::int64_t> MoObject::getSigned(std::string_view name) const {
 }
 
 std::optional<std::uint64_t> MoObject::getUnsigned(std::string_view name) const {
-  const VelaOamSpiMoValue_3T* const value = singleValue(name);
+  const MoAttributePtr attribute = findAttribute(name);
+  const VelaOamSpiMoValue_3T* const value = singleValue(attribute.get());
   if (value == nullptr) return {};
   switch (value->type) {
     case VELA_MO_UINT16:
@@ -100,13 +134,15 @@ std::optional<std::uint64_t> MoObject::getUnsigned(std::string_view name) const 
 }
 
 std::optional<bool> MoObject::getBool(std::string_view name) const {
-  const VelaOamSpiMoValue_3T* const value = singleValue(name);
+  const MoAttributePtr attribute = findAttribute(name);
+  const VelaOamSpiMoValue_3T* const value = singleValue(attribute.get());
   if (value == nullptr || value->type != VELA_MO_BOOL) return {};
   return value->i64 != 0;
 }
 
 std::optional<std::string> MoObject::getText(std::string_view name) const {
-  const VelaOamSpiMoValue_3T* const value = singleValue(name);
+  const MoAttributePtr attribute = findAttribute(name);
+  const VelaOamSpiMoValue_3T* const value = singleValue(attribute.get());
   if (value == nullptr || (value->type != VELA_MO_STRING && value->type != VELA_MO_REFERENCE)) return {};
   return value->text;
 }
@@ -114,8 +150,9 @@ std::optional<std::string> MoObject::getText(std::string_view name) const {
 Poco::JSON::Object::Ptr MoObject::toJson() const {
   Poco::JSON::Object::Ptr attributes = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
   const std::vector<MoAttributeDef>& definitions = _class->getAttributes();
+  const MoView view(*this);
   for (std::size_t i = 0; i < definitions.size(); ++i) {
-    attributes->set(definitions[i].name, VelaNode::toJson(definitions[i], *_attributes[i]));
+    attributes->set(definitions[i].name, VelaNode::toJson(definitions[i], view[i]));
   }
   Poco::JSON::Object::Ptr object = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
   object->set("dn", _dn);

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "model/MoRecord.h"
 #include "model/ModelSchema.h"
 
 namespace VelaNode {
@@ -58,16 +59,20 @@ class MoObject {
  public:
   /** An object with the class's defaults. The DN must parse as one of the class. */
   MoObject(const MoClass& moClass, std::string dn);
+  /** An object that holds what a record tells. */
+  MoObject(const MoClass& moClass, std::string dn, MoRecordPtr record);
 
   const MoClass& getClass() const { return *_class; }
   const std::string& getDn() const { return _dn; }
   /** Valid as long as this version lives. */
   MoName getName() const { return {_number, std::string_view(_dn).substr(_nameOffset)}; }
 
-  /** Null when the class has no such attribute. Allocates nothing. */
-  const VelaOamSpiMoAttribute_3T* findAttribute(std::string_view name) const noexcept;
-  const MoAttributePtr& getAttribute(std::size_t index) const { return _attributes[index]; }
-  void setAttribute(std::size_t index, MoAttributePtr attribute) { _attributes[index] = std::move(attribute); }
+  /** Null when the class has no such attribute. The attributes of a record are made by the call; who reads several uses
+      an MoView. */
+  MoAttributePtr findAttribute(std::string_view name) const;
+  MoAttributePtr getAttribute(std::size_t index) const;
+  /** A record is replaced by attributes. */
+  void setAttribute(std::size_t index, MoAttributePtr attribute);
 
   /** Typed reads of single attributes; nothing when the attribute is missing, has no value or another kind of type.
       Signed types, booleans and enumerations are read as signed, all unsigned types as unsigned. */
@@ -80,13 +85,34 @@ class MoObject {
   Poco::JSON::Object::Ptr toJson() const;
 
  private:
-  const VelaOamSpiMoValue_3T* singleValue(std::string_view name) const noexcept;
+  friend class MoView;
+
+  void parseName();
 
   const MoClass* _class;
   std::string _dn;
   std::uint64_t _number;
   std::size_t _nameOffset;
-  std::vector<MoAttributePtr> _attributes;
+  MoRecordPtr _record;                     /**< null: the object holds attributes */
+  std::vector<MoAttributePtr> _attributes; /**< empty when there is a record */
+};
+
+/** The attributes of an object, for somebody who reads several of them. */
+class MoView {
+ public:
+  /** The object must live as long as the view. */
+  explicit MoView(const MoObject& object);
+
+  const MoObject& getObject() const { return _object; }
+  const VelaOamSpiMoAttribute_3T& operator[](std::size_t index) const {
+    return _made ? (*_made)[index] : *_object._attributes[index];
+  }
+  /** Null when the class has no such attribute. Allocates nothing. */
+  const VelaOamSpiMoAttribute_3T* find(std::string_view name) const noexcept;
+
+ private:
+  const MoObject& _object;
+  std::optional<MoAttributes> _made;
 };
 
 using MoObjectPtr = std::shared_ptr<const MoObject>;

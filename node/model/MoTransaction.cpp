@@ -158,17 +158,31 @@ void MoTransaction::unset(std::string_view dn, std::string_view name) {
   write(dn, name, [](const MoAttributeDef& definition) { return makeUnsetAttribute(definition); });
 }
 
-void MoTransaction::create(std::string_view dn) {
+/** The class of an object that exists or may be created; has the writer's lock. */
+const MoClass& MoTransaction::requirePlace(std::string_view dn) {
   MoDn path;
   std::string reason;
   if (!path.parse(dn, &reason)) throw VelaException(VELA_INVALID, "%s", reason.c_str());
   lock();
-  if (find(dn)) throw VelaException(VELA_EXISTS, "The object exists already: %s", quoted(dn).c_str());
   if (path.size() > 1 && !find(parentDn(dn))) {
     throw VelaException(VELA_NOT_FOUND, "%s: the object above it does not exist", quoted(dn).c_str());
   }
-  _draft = std::make_shared<MoObject>(*path.back().moClass, std::string(dn));
+  return *path.back().moClass;
+}
+
+void MoTransaction::create(std::string_view dn) {
+  const MoClass& moClass = requirePlace(dn);
+  if (find(dn)) throw VelaException(VELA_EXISTS, "The object exists already: %s", quoted(dn).c_str());
+  _draft = std::make_shared<MoObject>(moClass, std::string(dn));
   touch(_draft->getDn());
+}
+
+void MoTransaction::put(std::string_view dn, MoRecordPtr record) {
+  const MoClass& moClass = requirePlace(dn);
+  flush();
+  auto object = std::make_shared<const MoObject>(moClass, std::string(dn), std::move(record));
+  touch(object->getDn());
+  _working.put(std::move(object));
 }
 
 void MoTransaction::remove(std::string_view dn) {
@@ -202,8 +216,10 @@ MoChanges MoTransaction::diff(bool& mustPersist) const {
     }
     std::vector<const char*> names;
     const std::vector<MoAttributeDef>& definitions = after->getClass().getAttributes();
+    const MoView old(*before);
+    const MoView now(*after);
     for (std::size_t i = 0; i < definitions.size(); ++i) {
-      if (isEqual(*before->getAttribute(i), *after->getAttribute(i))) continue;
+      if (isEqual(old[i], now[i])) continue;
       mustPersist = mustPersist || !definitions[i].isRunTime;
       names.push_back(definitions[i].name);
     }

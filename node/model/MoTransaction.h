@@ -55,6 +55,8 @@ class MoTransaction {
   /** Takes the value away: the attribute gets its default, or no value when there is none. */
   void unset(std::string_view dn, std::string_view name);
 
+  /** Puts an object that holds what a record tells, or the record in place of what an object holds. */
+  void put(std::string_view dn, MoRecordPtr record);
   /** A new object holds its class's defaults. */
   void create(std::string_view dn);
   /** Deletes an object with all below it. */
@@ -76,6 +78,7 @@ class MoTransaction {
   template <class Maker>
   void write(std::string_view dn, std::string_view name, const Maker& make);
   void encryptPasswords();
+  const MoClass& requirePlace(std::string_view dn);
   MoChanges diff(bool& mustPersist) const;
   void finish() noexcept;
 

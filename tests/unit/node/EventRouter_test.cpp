@@ -91,6 +91,18 @@ TEST_F(EventRouterTest, ConsumersGetTheChangesThatPassTheirFilters) {
   EXPECT_THAT(alarms, ElementsAre("2 Root=1,Alarm=7; ", "4 Root=1,Alarm=7; "));
   EXPECT_THAT(others, ElementsAre("1 Root=1,Target=t port; ")) << "once, though both subscriptions let it pass";
   EXPECT_THAT(all, ElementsAre("1 Root=1 sum last; 2 Root=1,Alarm=7; 1 Root=1,Target=t port; ", "4 Root=1,Alarm=7; "));
+
+  // What was said of a DN holds for the filters of then.
+  others.clear();
+  std::uint32_t added = 0;
+  EXPECT_EQ(subscribe(second, DAX_CM_EVENT_TYPE, {"^Root=.*,Alarm=.*$", "^Root=1$"}, &added), VELA_OK);
+  post({{DAX_CM_EVENT_MODIFIED, "Root=1", {"sum"}}, {DAX_CM_EVENT_DELETED, "Root=1,Alarm=7", {}}});
+  deliverAll();
+  EXPECT_EQ(_table.removeSubscription(second, added), VELA_OK);
+  post({{DAX_CM_EVENT_MODIFIED, "Root=1", {"sum"}}, {DAX_CM_EVENT_DELETED, "Root=1,Alarm=7", {}}});
+  deliverAll();
+  EXPECT_THAT(others, ElementsAre("1 Root=1 sum; 4 Root=1,Alarm=7; "));
+  EXPECT_EQ(4U, alarms.size()) << "a filter that two consumers have works for both";
 }
 
 TEST_F(EventRouterTest, NotificationsAreCopiedWhole) {

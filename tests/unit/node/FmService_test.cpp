@@ -1,6 +1,7 @@
 #include "fault/FmService.h"
 
 #include <gmock/gmock.h>
+#include <malloc.h>
 
 #include <optional>
 #include <set>
@@ -344,6 +345,71 @@ TEST_F(FmServiceTest, RebuildMakesTheModelTrueAgain) {
   EXPECT_THAT(sums(), ElementsAre(0, 1, 0, 0, 1));
   EXPECT_EQ(VELA_FM_ALARM_LIST_REBUILT_EVENT, events().at(1).type);
 }
+
+TEST_F(FmServiceTest, AnAlarmObjectReadsAndWritesAsAnyOther) {
+  _fm.raise(linkFailure());
+  const VelaOamSpiManagedObject_3T& table = *ManagedObjectService::getTable();
+  const std::string dn = std::string(fmDn) + ",FmAlarm=1";
+  VelaOamSpiMoTransactionT transaction = 0;
+  const VelaOamSpiMoObjectT* object = nullptr;
+  ASSERT_EQ(VELA_OK, table.beginTransaction(VELA_MO_LOCK_ON_WRITE, 5, &transaction));
+  ASSERT_EQ(VELA_OK, table.openObject(transaction, dn.c_str(), &object));
+  FmChange change;
+  change.additionalText = "changed meanwhile";
+  _fm.change(1, change);
+  const VelaOamSpiMoAttribute_3T* text = nullptr;
+  const VelaOamSpiMoAttribute_3T* info = nullptr;
+  ASSERT_EQ(VELA_OK, table.getAttribute(object, "additionalText", &text));
+  ASSERT_EQ(VELA_OK, table.getAttribute(object, "additionalInfo", &info));
+  EXPECT_STREQ("no light", text->values[0].text) << "as it was when opened";
+  ASSERT_EQ(2U, info->valueCount);
+  EXPECT_STREQ("port", info->values[1].members[0].value.text);
+  EXPECT_STREQ("7", info->values[1].members[1].value.text);
+  table.closeObject(object);
+  ASSERT_EQ(VELA_OK, table.commit(transaction));
+
+  MoTransaction write(_services.getStore());
+  write.set(dn, "activeSeverity", 9);
+  const MoChanges changes = write.commit();
+  ASSERT_EQ(1U, changes.size());
+  EXPECT_THAT(changes[0].attributes, ElementsAre(testing::StrEq("activeSeverity")));
+  EXPECT_EQ(9, alarmObject(1)->getSigned("activeSeverity"));
+  EXPECT_EQ("changed meanwhile", alarmObject(1)->getText("additionalText"));
+  EXPECT_EQ(193U, alarmObject(1)->getUnsigned("majorType"));
+  FmReport report = linkFailure();
+  report.additionalText = std::string("a\0b", 3);
+  EXPECT_THROW(_fm.raise(report), Vela::VelaException);
+}
+
+#if defined(__GLIBC__)
+/** Null without a sanitizer. */
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
+
+TEST_F(FmServiceTest, AnAlarmWith200OctetsOfTextsTakesAtMost1500) {
+  const auto used = [] {
+    return __sanitizer_get_current_allocated_bytes != nullptr ? __sanitizer_get_current_allocated_bytes()
+                                                              : ::mallinfo2().uordblks;
+  };
+  constexpr std::size_t count = 2000;
+  FmReport report = linkFailure();
+  report.key.specificProblem.assign(60, 'p');
+  report.additionalText.assign(70, 't');
+  const auto raiseAll = [&](std::uint32_t major) {
+    report.key.majorType = major;
+    for (report.key.minorType = 0; report.key.minorType < count; ++report.key.minorType) _fm.raise(report);
+    events();
+    record = {};
+  };
+  raiseAll(1);  // what the router keeps of names it has seen is there now
+  raiseAll(2);
+  const std::size_t before = used();
+  raiseAll(3);
+  const std::size_t perAlarm = (used() - before) / count;
+  RecordProperty("octetsPerAlarm", static_cast<int>(perAlarm));
+  EXPECT_LE(perAlarm, 1500U);
+  EXPECT_GE(perAlarm, 400U) << "this measures nothing";
+}
+#endif
 
 TEST_F(FmServiceTest, AlarmsAndNumbersOutliveTheService) {
   const TemporaryFolder folder;
