@@ -4,37 +4,36 @@
 #include <exception>
 #include <string>
 
+#include "AlarmMibObjects.h"
 #include "LoggingWrapper.h"
 #include "MoConnector.h"
 #include "SnmpUtil.h"
-#include "kavrelAlarmMIB.h"
 
 namespace VelaFmSnmp {
 
 namespace {
 
 struct Scalar {
-  const char* name;
+  const AlarmMib::Object& object;
   Netsnmp_Node_Handler* handler;
-  const oid (&id)[12];
-  int modes;
+  int modes = HANDLER_CAN_RONLY;
 };
 
 constexpr Scalar scalars[] = {
-    {"kavAlarmSumCritical", handle_kavAlarmSumCritical, mibOid<1, 1, 2>, HANDLER_CAN_RONLY},
-    {"kavAlarmSumMajor", handle_kavAlarmSumMajor, mibOid<1, 1, 3>, HANDLER_CAN_RONLY},
-    {"kavAlarmSumMinor", handle_kavAlarmSumMinor, mibOid<1, 1, 4>, HANDLER_CAN_RONLY},
-    {"kavAlarmSumWarning", handle_kavAlarmSumWarning, mibOid<1, 1, 5>, HANDLER_CAN_RONLY},
-    {"kavAlarmSumIndeterminate", handle_kavAlarmSumIndeterminate, mibOid<1, 1, 1>, HANDLER_CAN_RONLY},
-    {"kavAlarmActiveNumber", handle_kavAlarmActiveNumber, mibOid<1, 3, 1>, HANDLER_CAN_RONLY},
-    {"kavAlarmActiveLastSequenceNo", handle_kavAlarmActiveLastSequenceNo, mibOid<1, 3, 3>, HANDLER_CAN_RONLY},
-    {"kavAlarmAlertNumber", handle_kavAlarmAlertNumber, mibOid<1, 4, 1>, HANDLER_CAN_RONLY},
-    {"kavAlarmAlertLastSequenceNo", handle_kavAlarmAlertLastSequenceNo, mibOid<1, 4, 3>, HANDLER_CAN_RONLY},
-    {"kavAlarmHbInterval", handle_kavAlarmHbInterval, mibOid<1, 5, 1>, HANDLER_CAN_RWRITE},
-    {"kavAlarmActiveTableURL", handle_kavAlarmActiveTableURL, mibOid<1, 3, 4>, HANDLER_CAN_RONLY},
-    {"kavAlarmActiveLastChanged", handle_kavAlarmActiveLastChanged, mibOid<1, 3, 2>, HANDLER_CAN_RONLY},
-    {"kavAlarmAlertTableURL", handle_kavAlarmAlertTableURL, mibOid<1, 4, 4>, HANDLER_CAN_RONLY},
-    {"kavAlarmAlertLastChanged", handle_kavAlarmAlertLastChanged, mibOid<1, 4, 2>, HANDLER_CAN_RONLY},
+    {AlarmMib::sumCritical, handle_kavAlarmSumCritical},
+    {AlarmMib::sumMajor, handle_kavAlarmSumMajor},
+    {AlarmMib::sumMinor, handle_kavAlarmSumMinor},
+    {AlarmMib::sumWarning, handle_kavAlarmSumWarning},
+    {AlarmMib::sumIndeterminate, handle_kavAlarmSumIndeterminate},
+    {AlarmMib::activeNumber, handle_kavAlarmActiveNumber},
+    {AlarmMib::activeLastSequenceNo, handle_kavAlarmActiveLastSequenceNo},
+    {AlarmMib::alertNumber, handle_kavAlarmAlertNumber},
+    {AlarmMib::alertLastSequenceNo, handle_kavAlarmAlertLastSequenceNo},
+    {AlarmMib::heartbeatInterval, handle_kavAlarmHbInterval, HANDLER_CAN_RWRITE},
+    {AlarmMib::activeTableUrl, handle_kavAlarmActiveTableURL},
+    {AlarmMib::activeLastChanged, handle_kavAlarmActiveLastChanged},
+    {AlarmMib::alertTableUrl, handle_kavAlarmAlertTableURL},
+    {AlarmMib::alertLastChanged, handle_kavAlarmAlertLastChanged},
 };
 
 void setUnsigned(netsnmp_request_info* request, unsigned long value) {
@@ -90,10 +89,11 @@ AlarmScalars& AlarmScalars::getInstance() {
 
 void AlarmScalars::initHandlers() {
   for (const Scalar& scalar : scalars) {
+    const auto& [name, id] = scalar.object;
     netsnmp_handler_registration* const registration =
-        netsnmp_create_handler_registration(scalar.name, scalar.handler, scalar.id, std::size(scalar.id), scalar.modes);
+        netsnmp_create_handler_registration(name, scalar.handler, id.data(), id.size(), scalar.modes);
     if (registration == nullptr || netsnmp_register_scalar(registration) != MIB_REGISTERED_OK)
-      VELA_LOG(Vela::LogError, "Could not register %s", scalar.name);
+      VELA_LOG(Vela::LogError, "Could not register %s", name);
   }
   VELA_LOG(Vela::LogInfo, "kavAlarm handlers are initialized");
 }

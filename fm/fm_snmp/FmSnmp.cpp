@@ -59,6 +59,11 @@ bool isInformTimeoutWorkaroundEnabled() {
   return handler && handler->isInformTimeoutWorkaroundEnabled();
 }
 
+bool isMissing(const char* eventType, const void* eventValue) {
+  if (!eventValue) VELA_LOG(Vela::LogWarning, "Event %s without a value is ignored", eventType);
+  return !eventValue;
+}
+
 bool isCreatedOrDeleted(const DaxOamSpiCmEvent_Event_1T& event) {
   return event.eventType == DAX_CM_EVENT_CREATED || event.eventType == DAX_CM_EVENT_DELETED;
 }
@@ -196,14 +201,14 @@ void FmSnmp::stopTemporarySubscriptionsOnOamAccessPointMoRefs() {
 
 // --- Fault-management events ---------------------------------------------------------------------------------------
 
-void FmSnmp::onHeartbeat(const char*, const void* eventValue) {
-  if (!eventValue) return;
+void FmSnmp::onHeartbeat(const char* eventType, const void* eventValue) {
+  if (isMissing(eventType, eventValue)) return;
   const SnmpHeartbeat heartbeat(*static_cast<const VelaOamApiFmHeartbeatEventValue_4T*>(eventValue));
   push(std::make_unique<SnmpHeartbeatMessage>(heartbeat));
 }
 
-void FmSnmp::onFmEvent(const char*, const void* eventValue) {
-  if (!eventValue) return;
+void FmSnmp::onFmEvent(const char* eventType, const void* eventValue) {
+  if (isMissing(eventType, eventValue)) return;
   const auto& event = *static_cast<const VelaOamApiFmNotificationEventValue_4T*>(eventValue);
   push(std::make_unique<SnmpAlarmMessage>(event));
 }

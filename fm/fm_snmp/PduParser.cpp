@@ -1,5 +1,6 @@
 #include "PduParser.h"
 
+#include <algorithm>
 #include <limits>
 
 #include "LoggingWrapper.h"
@@ -21,32 +22,21 @@ enum Tag : unsigned char {
   TagTrapV2 = 0xA7
 };
 
-enum class Field { MajorType, MinorType, ManagedObject };
-
-struct Column {
-  SnmpOid prefix;
-  Field field;
-};
-
 const SnmpOid& trapOidName() {
   static const SnmpOid name(".1.3.6.1.6.3.1.1.4.1.0");
   return name;
 }
 
-/** The columns of the alarm and of the alert table that identify a notification; a row's index follows each. */
-const Column* findColumn(const SnmpOid& name) {
-  static const Column columns[] = {
-      {".1.3.6.1.4.1.61234.183.4.1.3.5.1.2", Field::MajorType},
-      {".1.3.6.1.4.1.61234.183.4.1.3.5.1.3", Field::MinorType},
-      {".1.3.6.1.4.1.61234.183.4.1.3.5.1.5", Field::ManagedObject},
-      {".1.3.6.1.4.1.61234.183.4.1.4.5.1.2", Field::MajorType},
-      {".1.3.6.1.4.1.61234.183.4.1.4.5.1.3", Field::MinorType},
-      {".1.3.6.1.4.1.61234.183.4.1.4.5.1.5", Field::ManagedObject},
-  };
-  for (const Column& column : columns) {
-    if (name.length() == column.prefix.length() + 1 && name.beginsWith(column.prefix)) return &column;
+/** What a name's column shows; nothing for a name that is no cell of the alarm or of the alert table. */
+std::optional<AlarmMib::Field> findField(const SnmpOid& name) {
+  if (name.length() != AlarmMib::Cell().size()) return std::nullopt;
+  for (const AlarmMib::Table* table : {&AlarmMib::activeTable, &AlarmMib::alertTable}) {
+    const unsigned long number = name.getValue(static_cast<int>(AlarmMib::cellColumnPlace));
+    const AlarmMib::Cell column = AlarmMib::cellOf(*table, static_cast<unsigned int>(number), 0);
+    const AlarmMib::Column* const found = table->column(number);
+    if (found && std::equal(column.begin(), column.end() - 1, name.getOidPtr())) return found->field;
   }
-  return nullptr;
+  return std::nullopt;
 }
 
 }  // namespace
@@ -100,19 +90,31 @@ void PduParser::parseVarbind() {
   if (name == trapOidName()) {
     _trapOid = readOid();
     VELA_TRACE("trap oid is %s", _trapOid.toString().c_str());
-  } else if (const Column* const column = findColumn(name); column == nullptr) {
-    readElement();
-  } else if (column->field == Field::MajorType) {
-    _majorType = readUnsigned();
-    VELA_TRACE("major %d", static_cast<int>(_majorType));
-  } else if (column->field == Field::MinorType) {
-    _minorType = readUnsigned();
-    VELA_TRACE("minor is %d", static_cast<int>(_minorType));
+  } else if (const std::optional<AlarmMib::Field> field = findField(name)) {
+    parseField(*field);
   } else {
-    _managedObject = readString();
-    VELA_TRACE("managed object is %s", _managedObject.c_str());
+    readElement();
   }
   popSequence();
+}
+
+void PduParser::parseField(AlarmMib::Field field) {
+  switch (field) {
+    case AlarmMib::Field::MajorType:
+      _majorType = readUnsigned();
+      VELA_TRACE("major %d", static_cast<int>(_majorType));
+      break;
+    case AlarmMib::Field::MinorType:
+      _minorType = readUnsigned();
+      VELA_TRACE("minor is %d", static_cast<int>(_minorType));
+      break;
+    case AlarmMib::Field::ManagedObject:
+      _managedObject = readString();
+      VELA_TRACE("managed object is %s", _managedObject.c_str());
+      break;
+    default:
+      readElement();
+  }
 }
 
 void PduParser::pushSequence(unsigned char tag) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "AlarmMibObjects.h"
 #include "SnmpOid.h"
 
 namespace VelaFmSnmp {
@@ -48,6 +49,7 @@ class PduParser {
   void parseMessage();
   void parseVarbinds();
   void parseVarbind();
+  void parseField(AlarmMib::Field field);
 
   void pushSequence(unsigned char tag);
   void popSequence();

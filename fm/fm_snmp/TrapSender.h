@@ -6,8 +6,6 @@
 
 #include <net-snmp/net-snmp-includes.h>
 
-#include <algorithm>
-#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -56,14 +54,6 @@ class TrapSender {
   static SnmpOid getNotificationOid(const SnmpAlarm& alarm);
   /** The identifier of "alarm list rebuilt". */
   static const SnmpOid& getAlarmListRebuiltOid();
-
-  /** Makes the identifier of a row's column: a copy of the base whose last sub-identifier is the index. */
-  template <std::size_t Length>
-  static oid* updateIndex(oid* buffer, const oid (&base)[Length], unsigned int index) {
-    std::copy(base, base + Length, buffer);
-    buffer[Length - 1] = index;
-    return buffer;
-  }
 
  private:
   static int send(const Notifications& notifications);

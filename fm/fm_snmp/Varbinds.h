@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <new>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -27,29 +28,22 @@ class Varbinds {
   Varbinds(const Varbinds&) = delete;
   Varbinds& operator=(const Varbinds&) = delete;
 
-  template <std::size_t Length>
-  void addUnsigned(const oid (&name)[Length], std::uint32_t value) {
-    add(name, Length, ASN_UNSIGNED, &value, sizeof value);
+  void addUnsigned(std::span<const oid> name, std::uint32_t value) { add(name, ASN_UNSIGNED, &value, sizeof value); }
+  void addInteger(std::span<const oid> name, std::int32_t value) { add(name, ASN_INTEGER, &value, sizeof value); }
+  void addText(std::span<const oid> name, std::string_view value) {
+    add(name, ASN_OCTET_STR, value.data(), value.size());
   }
-  template <std::size_t Length>
-  void addInteger(const oid (&name)[Length], std::int32_t value) {
-    add(name, Length, ASN_INTEGER, &value, sizeof value);
-  }
-  template <std::size_t Length>
-  void addText(const oid (&name)[Length], std::string_view value) {
-    add(name, Length, ASN_OCTET_STR, value.data(), value.size());
-  }
-  template <std::size_t Length>
-  void addOid(const oid (&name)[Length], const oid* value, std::size_t valueLength) {
-    add(name, Length, ASN_OBJECT_ID, value, valueLength * sizeof(oid));
+  void addOid(std::span<const oid> name, std::span<const oid> value) {
+    add(name, ASN_OBJECT_ID, value.data(), value.size_bytes());
   }
 
   /** Stays this object's. */
   netsnmp_variable_list* list() const { return _list; }
 
  private:
-  void add(const oid* name, std::size_t length, unsigned char type, const void* value, std::size_t size) {
-    if (snmp_varlist_add_variable(&_list, name, length, type, value, size) == nullptr) throw std::bad_alloc();
+  void add(std::span<const oid> name, unsigned char type, const void* value, std::size_t size) {
+    if (snmp_varlist_add_variable(&_list, name.data(), name.size(), type, value, size) == nullptr)
+      throw std::bad_alloc();
   }
 
   netsnmp_variable_list* _list = nullptr;

@@ -1,13 +1,12 @@
 #include "kavrelAlarmMIB.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <exception>
-#include <iterator>
 #include <set>
 #include <string>
 #include <utility>
 
+#include "AlarmMibObjects.h"
 #include "LoggingWrapper.h"
 #include "SnmpAlarm.h"
 #include "SnmpAlarmSnapshot.h"
@@ -18,30 +17,24 @@ namespace VelaFmSnmp {
 
 namespace {
 
-constexpr unsigned int firstColumn = 2;
-constexpr unsigned int lastAlarmColumn = 15;
-constexpr unsigned int lastAlertColumn = 12;
-
 /** Octets of a value that a message still carries, of SNMP over UDP (65,507 octets) as well as of AgentX. */
 constexpr std::size_t maxCellLength = 65000;
 
 constexpr int mibIndeterminate = 2;
 
-/** What differs between the two tables: where rows come from and how a column is answered. */
+/** What differs between the two tables: what they look like, where rows come from and how a column is answered. */
 struct Table {
+  const AlarmMib::Table& shape;
   SnmpAlarm* (SnmpAlarmSnapshot::*get)(unsigned int index);
   SnmpAlarm* (SnmpAlarmSnapshot::*getFirst)();
   SnmpAlarm* (SnmpAlarmSnapshot::*getNext)(unsigned int index);
   void (*answer)(netsnmp_request_info*, SnmpAlarm*, netsnmp_agent_request_info*, netsnmp_table_request_info*);
-  unsigned int lastColumn;
 };
 
-constexpr Table alarmTable = {&SnmpAlarmSnapshot::getAlarm, &SnmpAlarmSnapshot::getFirstAlarm,
-                              &SnmpAlarmSnapshot::getNextAlarm, handleAlarmColumn, lastAlarmColumn};
-constexpr Table alertTable = {&SnmpAlarmSnapshot::getAlert, &SnmpAlarmSnapshot::getFirstAlert,
-                              &SnmpAlarmSnapshot::getNextAlert, handleAlertColumn, lastAlertColumn};
-
-using AnswerColumn = void (*)(netsnmp_variable_list* varbind, const SnmpAlarm& alarm);
+constexpr Table alarmTable = {AlarmMib::activeTable, &SnmpAlarmSnapshot::getAlarm, &SnmpAlarmSnapshot::getFirstAlarm,
+                              &SnmpAlarmSnapshot::getNextAlarm, handleAlarmColumn};
+constexpr Table alertTable = {AlarmMib::alertTable, &SnmpAlarmSnapshot::getAlert, &SnmpAlarmSnapshot::getFirstAlert,
+                              &SnmpAlarmSnapshot::getNextAlert, handleAlertColumn};
 
 void setUnsigned(netsnmp_variable_list* varbind, std::uint32_t value) {
   snmp_set_var_typed_value(varbind, ASN_UNSIGNED, &value, sizeof value);
@@ -70,72 +63,46 @@ void setOid(netsnmp_variable_list* varbind, const SnmpOid& value) {
   snmp_set_var_typed_value(varbind, ASN_OBJECT_ID, shown.getOidPtr(), shown.length() * sizeof(oid));
 }
 
-void answerMajorType(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setUnsigned(varbind, alarm.getMajorType());
-}
-void answerMinorType(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setUnsigned(varbind, alarm.getMinorType());
-}
-void answerSpecificProblem(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setText(varbind, alarm.getSpecificProblem());
-}
-void answerManagedObject(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setText(varbind, alarm.getManagedObject());
-}
-void answerEventType(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setInteger(varbind, static_cast<std::int32_t>(alarm.getEventType()));
-}
-void answerEventTime(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setText(varbind, SnmpUtil::getDateAndTime(alarm.getEventTime()));
-}
-void answerOriginalEventTime(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setText(varbind, SnmpUtil::getDateAndTime(alarm.getOriginalEventTime()));
-}
-void answerProbableCause(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setInteger(varbind, static_cast<std::int32_t>(alarm.getProbableCause()));
-}
-void answerSeverity(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setSeverity(varbind, alarm.getSeverity());
-}
-void answerOriginalSeverity(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setSeverity(varbind, alarm.getOriginalSeverity());
-}
-void answerAdditionalText(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setText(varbind, alarm.getAdditionalText());
-}
-void answerOriginalAdditionalText(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setText(varbind, alarm.getOriginalAdditionalText());
-}
-void answerResourceId(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setOid(varbind, alarm.getResourceId());
-}
-void answerAdditionalInfo(netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
-  setText(varbind, alarm.getAdditionalInfoCompressedFormat());
+void answerField(AlarmMib::Field field, netsnmp_variable_list* varbind, const SnmpAlarm& alarm) {
+  using AlarmMib::Field;
+  switch (field) {
+    case Field::MajorType:
+      return setUnsigned(varbind, alarm.getMajorType());
+    case Field::MinorType:
+      return setUnsigned(varbind, alarm.getMinorType());
+    case Field::SpecificProblem:
+      return setText(varbind, alarm.getSpecificProblem());
+    case Field::ManagedObject:
+      return setText(varbind, alarm.getManagedObject());
+    case Field::EventType:
+      return setInteger(varbind, static_cast<std::int32_t>(alarm.getEventType()));
+    case Field::EventTime:
+      return setText(varbind, SnmpUtil::getDateAndTime(alarm.getEventTime()));
+    case Field::OriginalEventTime:
+      return setText(varbind, SnmpUtil::getDateAndTime(alarm.getOriginalEventTime()));
+    case Field::ProbableCause:
+      return setInteger(varbind, static_cast<std::int32_t>(alarm.getProbableCause()));
+    case Field::Severity:
+      return setSeverity(varbind, alarm.getSeverity());
+    case Field::OriginalSeverity:
+      return setSeverity(varbind, alarm.getOriginalSeverity());
+    case Field::AdditionalText:
+      return setText(varbind, alarm.getAdditionalText());
+    case Field::OriginalAdditionalText:
+      return setText(varbind, alarm.getOriginalAdditionalText());
+    case Field::ResourceId:
+      return setOid(varbind, alarm.getResourceId());
+    case Field::AdditionalInfo:
+      return setText(varbind, alarm.getAdditionalInfoCompressedFormat());
+  }
 }
 
-/** The columns from number 2 on. */
-constexpr AnswerColumn alarmColumns[] = {
-    answerMajorType,  answerMinorType,        answerSpecificProblem,   answerManagedObject,
-    answerEventType,  answerEventTime,        answerOriginalEventTime, answerProbableCause,
-    answerSeverity,   answerOriginalSeverity, answerAdditionalText,    answerOriginalAdditionalText,
-    answerResourceId, answerAdditionalInfo,
-};
-constexpr AnswerColumn alertColumns[] = {
-    answerMajorType,      answerMinorType,  answerSpecificProblem, answerManagedObject,
-    answerEventType,      answerEventTime,  answerProbableCause,   answerSeverity,
-    answerAdditionalText, answerResourceId, answerAdditionalInfo,
-};
-static_assert(std::size(alarmColumns) == lastAlarmColumn - firstColumn + 1);
-static_assert(std::size(alertColumns) == lastAlertColumn - firstColumn + 1);
-
-template <std::size_t Count>
-void answerFrom(const AnswerColumn (&columns)[Count], netsnmp_request_info* request, const SnmpAlarm& alarm,
+void answerFrom(const AlarmMib::Table& table, netsnmp_request_info* request, const SnmpAlarm& alarm,
                 netsnmp_agent_request_info* reqinfo, const netsnmp_table_request_info& tableInfo) {
-  const std::size_t place = std::size_t{tableInfo.colnum} - firstColumn;
-  if (tableInfo.colnum < firstColumn || place >= Count)
-    netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
+  if (const AlarmMib::Column* const column = table.column(tableInfo.colnum))
+    answerField(column->field, request->requestvb, alarm);
   else
-    columns[place](request->requestvb, alarm);
+    netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
 }
 
 void handleGet(const Table& table, netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request,
@@ -155,7 +122,7 @@ SnmpAlarm* findNext(const Table& table, netsnmp_table_request_info& place) {
   SnmpAlarmSnapshot& snapshot = SnmpAlarmSnapshot::getInstance();
   SnmpAlarm* row = place.index_oid_len == 0 ? (snapshot.*table.getFirst)()
                                             : (snapshot.*table.getNext)(static_cast<unsigned int>(place.index_oid[0]));
-  if (row == nullptr && place.colnum < table.lastColumn) {
+  if (row == nullptr && place.colnum < table.shape.lastColumn()) {
     ++place.colnum;
     row = (snapshot.*table.getFirst)();
   }
@@ -173,18 +140,14 @@ void tellLeftOut(unsigned int column, unsigned int index, std::size_t octets) {
 
 /** Behind the last row of the last column the request is left as it is, and the agent library takes it to the next
     object. A cell that no message can carry is passed over, so that a walk does not end at it. */
-void handleGetNext(const Table& table, netsnmp_handler_registration* registration, netsnmp_agent_request_info* reqinfo,
-                   netsnmp_request_info* request, netsnmp_table_request_info* tableInfo) {
+void handleGetNext(const Table& table, netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request,
+                   netsnmp_table_request_info* tableInfo) {
   const unsigned char asked = request->requestvb->type;
   while (SnmpAlarm* const row = findNext(table, *tableInfo)) {
     table.answer(request, row, reqinfo, tableInfo);
     if (request->requestvb->val_len <= maxCellLength) {
-      oid name[MAX_OID_LEN];
-      oid* end = std::copy_n(registration->rootoid, registration->rootoid_len, name);
-      *end++ = 1;  // the table's entry
-      *end++ = tableInfo->colnum;
-      *end++ = row->getIndex();
-      snmp_set_var_objid(request->requestvb, name, static_cast<std::size_t>(end - name));
+      const AlarmMib::Cell name = AlarmMib::cellOf(table.shape, tableInfo->colnum, row->getIndex());
+      snmp_set_var_objid(request->requestvb, name.data(), name.size());
       return;
     }
     tellLeftOut(tableInfo->colnum, row->getIndex(), request->requestvb->val_len);
@@ -195,8 +158,7 @@ void handleGetNext(const Table& table, netsnmp_handler_registration* registratio
 }
 
 /** The agent library is C: no exception may pass through it. */
-int handleTable(const Table& table, netsnmp_handler_registration* registration, netsnmp_agent_request_info* reqinfo,
-                netsnmp_request_info* requests) noexcept {
+int handleTable(const Table& table, netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) noexcept {
   if (reqinfo->mode != MODE_GET && reqinfo->mode != MODE_GETNEXT) return SNMP_ERR_GENERR;
   try {
     for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
@@ -205,7 +167,7 @@ int handleTable(const Table& table, netsnmp_handler_registration* registration, 
       if (reqinfo->mode == MODE_GET)
         handleGet(table, reqinfo, request, tableInfo);
       else
-        handleGetNext(table, registration, reqinfo, request, tableInfo);
+        handleGetNext(table, reqinfo, request, tableInfo);
     }
   } catch (const std::exception& ex) {
     VELA_LOG(Vela::LogError, "Failed to answer a request for a table: %s", ex.what());
@@ -215,15 +177,14 @@ int handleTable(const Table& table, netsnmp_handler_registration* registration, 
 }
 
 /** Registers a table. The library keeps the address of `info`. */
-void registerTable(const char* name, Netsnmp_Node_Handler* handler, const oid (&id)[12],
-                   netsnmp_table_registration_info& info, unsigned int lastColumn) {
+void registerTable(const AlarmMib::Table& table, Netsnmp_Node_Handler* handler, netsnmp_table_registration_info& info) {
   netsnmp_table_helper_add_indexes(&info, ASN_UNSIGNED, 0);
-  info.min_column = firstColumn;
-  info.max_column = lastColumn;
-  netsnmp_handler_registration* const registration =
-      netsnmp_create_handler_registration(name, handler, id, std::size(id), HANDLER_CAN_RONLY);
+  info.min_column = AlarmMib::firstColumn;
+  info.max_column = table.lastColumn();
+  netsnmp_handler_registration* const registration = netsnmp_create_handler_registration(
+      table.object.name, handler, table.object.id.data(), table.object.id.size(), HANDLER_CAN_RONLY);
   if (registration == nullptr || netsnmp_register_table(registration, &info) != MIB_REGISTERED_OK)
-    VELA_LOG(Vela::LogError, "Could not register %s", name);
+    VELA_LOG(Vela::LogError, "Could not register %s", table.object.name);
 }
 
 }  // namespace
@@ -235,32 +196,32 @@ void init_kavrelAlarmMIB() {
 
 void initialize_table_kavAlarmActiveAlarmTable() {
   static netsnmp_table_registration_info info = {};
-  registerTable("kavAlarmActiveAlarmTable", kavAlarmActiveAlarmTable_handler, mibOid<1, 3, 5>, info, lastAlarmColumn);
+  registerTable(AlarmMib::activeTable, kavAlarmActiveAlarmTable_handler, info);
 }
 
 void initialize_table_kavAlarmAlertTable() {
   static netsnmp_table_registration_info info = {};
-  registerTable("kavAlarmAlertTable", kavAlarmAlertTable_handler, mibOid<1, 4, 5>, info, lastAlertColumn);
+  registerTable(AlarmMib::alertTable, kavAlarmAlertTable_handler, info);
 }
 
-int kavAlarmActiveAlarmTable_handler(netsnmp_mib_handler*, netsnmp_handler_registration* registration,
+int kavAlarmActiveAlarmTable_handler(netsnmp_mib_handler*, netsnmp_handler_registration*,
                                      netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
-  return handleTable(alarmTable, registration, reqinfo, requests);
+  return handleTable(alarmTable, reqinfo, requests);
 }
 
-int kavAlarmAlertTable_handler(netsnmp_mib_handler*, netsnmp_handler_registration* registration,
-                               netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
-  return handleTable(alertTable, registration, reqinfo, requests);
+int kavAlarmAlertTable_handler(netsnmp_mib_handler*, netsnmp_handler_registration*, netsnmp_agent_request_info* reqinfo,
+                               netsnmp_request_info* requests) {
+  return handleTable(alertTable, reqinfo, requests);
 }
 
 void handleAlarmColumn(netsnmp_request_info* request, SnmpAlarm* alarm, netsnmp_agent_request_info* reqinfo,
                        netsnmp_table_request_info* tableInfo) {
-  answerFrom(alarmColumns, request, *alarm, reqinfo, *tableInfo);
+  answerFrom(AlarmMib::activeTable, request, *alarm, reqinfo, *tableInfo);
 }
 
 void handleAlertColumn(netsnmp_request_info* request, SnmpAlarm* alert, netsnmp_agent_request_info* reqinfo,
                        netsnmp_table_request_info* tableInfo) {
-  answerFrom(alertColumns, request, *alert, reqinfo, *tableInfo);
+  answerFrom(AlarmMib::alertTable, request, *alert, reqinfo, *tableInfo);
 }
 
 }  // namespace VelaFmSnmp

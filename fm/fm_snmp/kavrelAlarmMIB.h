@@ -12,10 +12,6 @@ namespace VelaFmSnmp {
 
 class SnmpAlarm;
 
-/** The identifier of an object of the alarm MIB (kavrelAlarmMIB, .1.3.6.1.4.1.61234.183.4). */
-template <oid... Ids>
-inline constexpr oid mibOid[9 + sizeof...(Ids)] = {1, 3, 6, 1, 4, 1, 61234, 183, 4, Ids...};
-
 /** Registers both tables, which SnmpAlarmSnapshot answers, with the agent library. Once per process, after init_agent,
     on the adaptor thread. A table that the library refuses is logged. */
 void init_kavrelAlarmMIB();

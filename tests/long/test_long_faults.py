@@ -64,6 +64,22 @@ def test_pass_phrases_are_read_once_the_credential_library_is_there(scenes, fold
     eventually(lambda: scene.node.get(dn("secure"), "operationalState") == "ENABLED", 60)
 
 
+def test_notifications_that_never_come_back_are_an_error(scenes):
+    scene = scenes()
+    scene.node.start()
+    scene.node.reach("PostConfigure")
+    # The agent forgets the adaptor's own target, and so the first alarms reach everybody but the adaptor.
+    rows = scene.node.table(".1.3.6.1.6.3.12.1.2.1", 9)
+    internal = ".".join(map(str, b"ntf_DummyTarget"))
+    assert internal in rows
+    scene.node.snmp("snmpset", f".1.3.6.1.6.3.12.1.2.1.9.{internal}", "i", 6, user=scene.node.config_user())
+    scene.node.raise_alarm("never comes back")
+    scene.node.reach("IdleError", 40)
+    assert scene.node.states()[-1][2] == "trap not received"
+    assert "never comes back" in scene.receiver.problems()
+    print(f"recovered after {scene.recovered(time.monotonic()):.1f} s")
+
+
 @pytest.mark.parametrize("command, timeout", [("configure", 30), ("start", 120), ("stop", 15)])
 def test_a_tool_that_hangs_is_given_up(scenes, command, timeout):
     scene = scenes(tools=True).start()

@@ -138,6 +138,7 @@ class AgentXSubAgentTest : public testing::Test {
   const unsigned int agentPort = StateTest::TakenPort().port();
   Receiver receiver;
   pid_t master = 0;
+  StateTest::CapturedLog log;
   AgentXSubAgent subAgent;
   NotificationQueue queue{subAgent};
   std::vector<int> received;
@@ -177,6 +178,22 @@ TEST_F(AgentXSubAgentTest, ClosingTowardsAStoppedMasterAgentDoesNotWait) {
   ::kill(master, SIGCONT);
   ASSERT_TRUE(spin([&] { return subAgent.attach(settings, handlers); }));
   ASSERT_TRUE(spin([&] { return queue.size() == 0; }));
+}
+
+TEST_F(AgentXSubAgentTest, PingsTellAMasterAgentThatHangsFromOneThatIsGone) {
+  settings.pingInterval = settings.timeout = settings.retries = 1;
+  for (const bool isHanging : {false, true}) {
+    startMasterAgent();
+    const auto began = Clock::now();
+    const auto pings = [&] { return Clock::now() - began > std::chrono::milliseconds(3200); };
+    ASSERT_TRUE(spin([&] { return pings() || !subAgent.isAttached(); }));
+    EXPECT_TRUE(subAgent.isAttached()) << "its pings are answered";
+    ::kill(master, isHanging ? SIGSTOP : SIGKILL);
+    ASSERT_TRUE(spin([&] { return !subAgent.isAttached(); }));
+    EXPECT_EQ(subAgent.takeMute(), isHanging);
+    EXPECT_EQ(log.count(Vela::LogWarning, "The master agent does not answer AgentX pings"), isHanging ? 1 : 0);
+    kill();
+  }
 }
 
 /** A master agent that answers so many requests of a connection and then no more. */

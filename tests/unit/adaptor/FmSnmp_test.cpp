@@ -126,6 +126,10 @@ TEST_F(FmSnmpTest, FmEventsAreCopiedIntoMessages) {
   component.onHeartbeat(VELA_FM_HEARTBEAT_EVENT, &heartbeat);
   component.onAlarmListRebuilt(VELA_FM_ALARM_LIST_REBUILT_EVENT, nullptr);
   component.onFmEvent(VELA_FM_NOTIFICATION_EVENT, nullptr);
+  component.onHeartbeat(VELA_FM_HEARTBEAT_EVENT, nullptr);
+  EXPECT_EQ(log.lines(Vela::LogWarning),
+            (std::vector<std::string>{"Event " VELA_FM_NOTIFICATION_EVENT " without a value is ignored",
+                                      "Event " VELA_FM_HEARTBEAT_EVENT " without a value is ignored"}));
   dn = "gone";
   const auto messages = take();
   ASSERT_EQ(messages.size(), 3U);
