@@ -2,15 +2,10 @@
 
 #include <Poco/Exception.h>
 #include <signal.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <utility>
 
 #include "AlarmScalars.h"
@@ -20,20 +15,12 @@
 #include "SnmpAlarmSnapshot.h"
 #include "SnmpConfigHandler.h"
 #include "SnmpStateMachine.h"
-#include "SnmpTarnWrapper.h"
-#include "SnmpUtil.h"
 #include "TarnSpi.h"
 #include "VelaException.h"
-#include "kavrelAlarmMIB.h"
 
 namespace VelaFmSnmp {
 
 namespace {
-
-/** Milliseconds. */
-constexpr int StopMasterAgentTimeout = 15000;
-/** A master agent that goes away again and again while it is being verified is not restarted more often. */
-constexpr unsigned long long RestartRequestInterval = 30000;
 
 constexpr const char* InternalTargetName = "DummyTarget";
 constexpr const char* InternalSecurityName = Vela::TarnSpi::InternalSecurityName;
@@ -48,11 +35,6 @@ class InternalTarget : public SnmpTargetV2C {
   ~InternalTarget() override = default;
 };
 
-void initSubAgentHandlers() {
-  AlarmScalars::getInstance().initHandlers();
-  init_kavrelAlarmMIB();
-}
-
 /** Writing to a closed AgentX connection raises SIGPIPE, which would end the host; without the signal it is an error.
  */
 void blockBrokenPipeSignal() {
@@ -64,33 +46,14 @@ void blockBrokenPipeSignal() {
 
 }  // namespace
 
-/** A set of descriptors of any number, and the count that select wants. */
-struct SnmpAdaptorRunnable::Descriptors {
-  Descriptors() { netsnmp_large_fd_set_init(&set, FD_SETSIZE); }
-  ~Descriptors() { netsnmp_large_fd_set_cleanup(&set); }
-  Descriptors(const Descriptors&) = delete;
-  Descriptors& operator=(const Descriptors&) = delete;
-
-  void clear() {
-    NETSNMP_LARGE_FD_ZERO(&set);
-    count = 0;
-  }
-  void add(int descriptor) {
-    if (descriptor < 0) return;
-    NETSNMP_LARGE_FD_SET(descriptor, &set);
-    count = std::max(count, descriptor + 1);
-  }
-  bool contains(int descriptor) { return descriptor >= 0 && NETSNMP_LARGE_FD_ISSET(descriptor, &set); }
-
-  netsnmp_large_fd_set set;
-  int count = 0;
-};
-
 SnmpAdaptorRunnable::SnmpAdaptorRunnable(Vela::ThreadWPipes& input)
-    : StateMachine(*this), _input(input), _wakeFD(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (_wakeFD < 0) throw Vela::VelaException("eventfd failed: %s", std::strerror(errno));
-  setSubAgent(std::make_unique<AgentXSubAgent>());
-  _dscpRuleHandler.setCancellation(&_toolCancellation);
+    : StateMachine(*this),
+      _input(input),
+      _loop([this] { return step(); }),
+      _master(_loop.getWakeFD()),
+      _queue(std::make_unique<NotificationQueue>(_master.getSubAgent())) {
+  _dscpRuleHandler.setCancellation(&_master.getToolCancellation());
+  serveDescriptors();
   registerAdaptorStates(*this);
   changeState(FmStateIdOneTimeInit);
 }
@@ -98,20 +61,26 @@ SnmpAdaptorRunnable::SnmpAdaptorRunnable(Vela::ThreadWPipes& input)
 SnmpAdaptorRunnable::~SnmpAdaptorRunnable() {
   if (!_inLoop) leaveState();
   leaveSnapshot();
-  setConfigurationHandler(nullptr);
-  ::close(_wakeFD);
+}
+
+void SnmpAdaptorRunnable::serveDescriptors() {
+  _loop.serve([this] { return _input.getInputReadFD(); }, [this] { handleMessages(_input.popFromInput()); });
+  _loop.serve([this] { return _listener.getFD(); }, [this] { handleTraplistener(); });
+  _loop.serve([this] { return _securityLibraryInUse ? Vela::SecApi::getInstance().getDescriptor() : -1; },
+              [this] {
+                if (Vela::SecApi::getInstance().dispatch()) emitEvent(SnmpEventImmChange);
+              });
 }
 
 void SnmpAdaptorRunnable::setSubAgent(std::unique_ptr<AgentXSubAgent> subAgent) {
   _queue.reset();
-  _subAgent = std::move(subAgent);
-  _queue = std::make_unique<NotificationQueue>(*_subAgent);
+  _master.setSubAgent(std::move(subAgent));
+  _queue = std::make_unique<NotificationQueue>(_master.getSubAgent());
 }
 
 void SnmpAdaptorRunnable::setConfigurationHandler(SnmpConfigHandler* handler) {
-  if (_configurationHandler) _configurationHandler->getTarnWrapper().setCancellation(nullptr);
   _configurationHandler = handler;
-  if (_configurationHandler) _configurationHandler->getTarnWrapper().setCancellation(&_toolCancellation);
+  _master.setConfigurationHandler(handler);
   _configurator.setConfigurationHandler(handler);
 }
 
@@ -124,16 +93,13 @@ void SnmpAdaptorRunnable::prepareForStart(VelaMgmtSpiInterfacePortal_1T* portal)
     SnmpAlarmSnapshot::getInstance().setDataProvider(&getMoConnector());
     _isSnapshotProvider = true;
     AlarmScalars::getInstance().init(&getMoConnector());
-    _subAgent->presetLibrary();
+    _master.getSubAgent().presetLibrary();
     getMoConnector().init(portal);
-    _masterAgentStarted = false;
+    _master.beginRun();
     initSubAgentAfterRestart();
     // A stop that met the end of the previous run left its event behind.
     discardEvents();
-    _toolCancellation.reset();
-    _subAgent->resume();
-    std::uint64_t wakeUps = 0;
-    static_cast<void>(!::read(_wakeFD, &wakeUps, sizeof wakeUps));
+    _loop.begin();
     _stopping = false;
     _running = true;
   } catch (const std::exception& ex) {
@@ -149,7 +115,7 @@ void SnmpAdaptorRunnable::run() {
   const NetSnmpLock lock;
   try {
     _inLoop = true;
-    selectLoop(_input.getInputReadFD());
+    selectLoop();
     _inLoop = false;
   } catch (const std::exception& ex) {
     VELA_LOG(Vela::LogError, "Caught exception during fm-snmp comp run: %s.", ex.what());
@@ -160,15 +126,12 @@ void SnmpAdaptorRunnable::run() {
   }
 }
 
-void SnmpAdaptorRunnable::selectLoop(int pipeFD) {
+void SnmpAdaptorRunnable::selectLoop() {
   VELA_TRACE("Starting the select loop.");
-  int stepTimeout = 0;
-  unsigned long long lastUpdate = SnmpUtil::getNow();
   initSubAgentAfterRestart();
   changeState(FmStateIdOneTimeInit);
   try {
-    Descriptors descriptors;
-    while (_running) runPass(pipeFD, descriptors, lastUpdate, stepTimeout);
+    while (_running) runPass();
   } catch (const Vela::VelaException& ex) {
     VELA_LOG(Vela::LogError, "FATAL VelaException: %s", ex.what());
   } catch (const Poco::Exception& ex) {
@@ -190,87 +153,34 @@ void SnmpAdaptorRunnable::selectLoop(int pipeFD) {
     VELA_LOG(Vela::LogWarning, "stopped with %zu notifications that were not sent or not acknowledged", unsent);
 }
 
-void SnmpAdaptorRunnable::runPass(int pipeFD, Descriptors& descriptors, unsigned long long& lastUpdate,
-                                  int& stepTimeout) {
-  timeval timeout = {stepTimeout / 1000, (stepTimeout % 1000) * 1000L};
-  descriptors.clear();
-  if (isSubAgentActive()) _subAgent->addDescriptors(descriptors.count, descriptors.set, timeout);
-  descriptors.add(pipeFD);
-  descriptors.add(_wakeFD);
-  if (_listener.isOpen()) descriptors.add(_listener.getFD());
-  const int securityFD = _securityLibraryInUse ? Vela::SecApi::getInstance().getDescriptor() : -1;
-  descriptors.add(securityFD);
-
-  int ready = 0;
-  if (_stopping) {
-    leaveSnapshot();
-  } else {
-    const NetSnmpUnlock unlock;
-    ready = netsnmp_large_fd_set_select(descriptors.count, &descriptors.set, nullptr, nullptr, &timeout);
-    if (ready < 0) {
-      VELA_LOG(Vela::LogError, "select() returned an error: %s", std::strerror(errno));
-      return;
-    }
-  }
-  if (ready > 0) handleReadyDescriptors(pipeFD, securityFD, descriptors);
-  if (ready == 0 || isStepDue(lastUpdate, stepTimeout)) handleSelectTimeout(lastUpdate, stepTimeout);
-  if (isSubAgentActive() && !_stopping) _subAgent->checkOutstandingRequests();
+void SnmpAdaptorRunnable::runPass() {
+  if (_stopping) leaveSnapshot();
+  if (!_loop.pass(_master.getSubAgent(), _stopping)) return;
   pumpNotifications();
-  noticeStateChange();
-  superviseSubAgent(stepTimeout);
+  watchSecurityLibrary();
+  superviseSubAgent();
 }
 
-void SnmpAdaptorRunnable::handleReadyDescriptors(int pipeFD, int securityFD, Descriptors& descriptors) {
-  if (descriptors.contains(pipeFD)) handleMessages(_input.popFromInput());
-  if (_listener.isOpen() && descriptors.contains(_listener.getFD())) handleTraplistener();
-  if (descriptors.contains(securityFD) && Vela::SecApi::getInstance().dispatch()) emitEvent(SnmpEventImmChange);
-  if (isSubAgentActive()) _subAgent->read(descriptors.set);
-}
-
-bool SnmpAdaptorRunnable::isStepDue(unsigned long long lastUpdate, int stepTimeout) const {
-  const unsigned long long now = SnmpUtil::getNow();
-  return _stopping || now < lastUpdate || now - lastUpdate >= static_cast<unsigned long long>(stepTimeout);
-}
-
-void SnmpAdaptorRunnable::handleSelectTimeout(unsigned long long& lastUpdate, int& stepTimeout) {
-  if (isSubAgentActive() && !_stopping) _subAgent->runTimers();
-  const unsigned long long now = SnmpUtil::getNow();
-  if (now < lastUpdate) {
-    VELA_LOG(Vela::LogInfo, "Detected change in the system time resetting the stateMachine update time");
-    lastUpdate = now - static_cast<unsigned long long>(stepTimeout);
-  }
-  if (!isStepDue(lastUpdate, stepTimeout)) return;
-  lastUpdate = now;
-  stepTimeout = updateStateMachine();
+int SnmpAdaptorRunnable::step() {
+  const int delay = updateStateMachine();
   if (!_stopping && _configurator.areStatesOverdue()) _configurator.updateAllOperationalStates(getMoConnector());
+  return delay;
 }
 
-void SnmpAdaptorRunnable::noticeStateChange() {
-  if (getStateId() == _supervisedState) return;
-  _supervisedState = getStateId();
-  _lossReported = false;
-  // The library may become usable while the adaptor runs; it matters when the configuration is read.
-  if (!_securityLibraryInUse && _supervisedState == FmStateIdLoadConfigurationData) {
+void SnmpAdaptorRunnable::watchSecurityLibrary() {
+  // It may become usable while the adaptor runs; it matters when the configuration is read.
+  if (!_securityLibraryInUse && getStateId() == FmStateIdLoadConfigurationData) {
     _securityLibraryInUse = Vela::SecApi::getInstance().isAvailable();
   }
 }
 
-void SnmpAdaptorRunnable::superviseSubAgent(int& stepTimeout) {
-  const bool isResting = isOperational() || getStateId() == FmStateIdPostConfigure;
-  if (!isResting || !isSubAgentWanted() || isSubAgentActive() || _lossReported || _stopping) return;
-  _lossReported = true;
-  VELA_LOG(Vela::LogWarning, "[state %s] the AgentX connection to the master agent is closed",
-           getStateName(getStateId()));
-  const unsigned long long now = SnmpUtil::getNow();
-  // One that hangs would only be waited for again when the adaptor attached to it anew.
-  const bool isMute = _subAgent->takeMute();
-  if (isOperational()) {
-    emitEvent(isMute ? SnmpEventNoContact : SnmpEventBootCountMismatch);
-  } else if (_lastRestartRequest == 0 || now - _lastRestartRequest >= RestartRequestInterval) {
-    emitEvent(SnmpEventRestart);
-    _lastRestartRequest = now;
+void SnmpAdaptorRunnable::superviseSubAgent() {
+  if (_stopping) return;
+  const int state = getStateId();
+  if (const auto event = _master.superviseSubAgent(state, state < 0 ? "" : getStateName(state))) {
+    emitEvent(*event);
+    _loop.stepSoon();
   }
-  stepTimeout = 0;
 }
 
 void SnmpAdaptorRunnable::leaveSnapshot() {
@@ -281,11 +191,10 @@ void SnmpAdaptorRunnable::leaveSnapshot() {
 void SnmpAdaptorRunnable::stop() {
   if (_stopping.exchange(true)) return;
   // Before the event, because the state that it leads to lets tools run again.
-  _toolCancellation.cancel();
+  _master.cancelTools();
   replaceEvents(SnmpEventTerminate);
-  _subAgent->interrupt();
-  const std::uint64_t wakeUp = 1;
-  static_cast<void>(!::write(_wakeFD, &wakeUp, sizeof wakeUp));
+  _master.interruptSubAgent();
+  _loop.wake();
 }
 
 StateTransition SnmpAdaptorRunnable::onUnhandledEvent(SnmpEvent event) {
@@ -414,28 +323,15 @@ void SnmpAdaptorRunnable::sendQueuedAlarms(int count) {
 
 // --- The master agent ----------------------------------------------------------------------------------------------
 
-bool SnmpAdaptorRunnable::isSubAgentWanted() const {
-  return _masterAgentStarted && _configurationHandler &&
-         !_configurationHandler->getSnmpMasterAgentAgentxSocket().empty();
-}
-
-bool SnmpAdaptorRunnable::isSubAgentActive() const { return _subAgent->isAttached(); }
-
 void SnmpAdaptorRunnable::initSubAgentAfterRestart() {
   closeAgentxSession();
-  if (!isSubAgentWanted()) return;
-  AgentXSubAgent::Settings settings;
-  settings.socket = _configurationHandler->getSnmpMasterAgentAgentxSocket();
-  settings.pingInterval = _configurationHandler->getAgentxPingInterval();
-  settings.timeout = _configurationHandler->getAgentxTimeout();
-  settings.retries = _configurationHandler->getAgentxRetries();
-  const bool isAttached = _subAgent->attach(settings, initSubAgentHandlers);
+  if (!_master.isSubAgentWanted()) return;
   getConfigurator().invalidate();
-  if (!isAttached) throw Vela::VelaException(1, "Failed to initialize netsnmp");
+  _master.attachSubAgent();
 }
 
 void SnmpAdaptorRunnable::closeAgentxSession() {
-  _subAgent->close();
+  _master.getSubAgent().close();
   _queue->onConnectionLost();
 }
 
@@ -444,7 +340,7 @@ void SnmpAdaptorRunnable::stopMasterAgent() {
     closeAgentxSession();
     getMaSession().close();
     getConfigurator().invalidate();
-    getTarnWrapper().manage(TarnManageStop, StopMasterAgentTimeout);
+    _master.stop();
   } catch (const std::exception& ex) {
     VELA_LOG(Vela::LogError, "stopMasterAgent caught exception: %s", ex.what());
   }
@@ -469,19 +365,6 @@ const SnmpBaseTarget& SnmpAdaptorRunnable::getInternalTrapTarget(int ipFamily) {
   VELA_TRACE("dummy trap target: %s/%u", target->address.c_str(), target->port);
   _internalTarget = target;
   return *_internalTarget;
-}
-
-SnmpTarnWrapper& SnmpAdaptorRunnable::getTarnWrapper() {
-  if (!_configurationHandler) throw Vela::VelaException("there is no component configuration");
-  return _configurationHandler->getTarnWrapper();
-}
-
-SnmpMaSession& SnmpAdaptorRunnable::getMaSession() {
-  if (!_session) {
-    _session = SnmpMaSession::create();
-    _session->setInterrupt(_wakeFD);
-  }
-  return *_session;
 }
 
 void SnmpAdaptorRunnable::getStaticTlsConfiguration() {

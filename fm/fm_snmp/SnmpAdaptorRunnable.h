@@ -9,15 +9,14 @@
 #include <string>
 #include <vector>
 
-#include "AgentXSubAgent.h"
+#include "AdaptorLoop.h"
 #include "InternalCommunity.h"
 #include "Listener.h"
+#include "MasterAgentControl.h"
 #include "MoConnector.h"
 #include "NotificationQueue.h"
-#include "ScriptWrapper.h"
 #include "SnmpDscpRuleHandler.h"
 #include "SnmpMaConfigurator.h"
-#include "SnmpMaSession.h"
 #include "SnmpMessages.h"
 #include "SnmpTypes.h"
 #include "StateMachine.h"
@@ -30,9 +29,10 @@ class SnmpConfigHandler;
 class SnmpTarnWrapper;
 
 /**
- * Body of the adaptor thread, on which all SNMP work happens: it waits for messages, requests of the master agent and
- * the internal listener, steps the adaptor's states, and hands notifications to the master agent or keeps them while
- * that one is not ready.
+ * Body of the adaptor thread, on which all SNMP work happens. It conducts: the loop waits for messages, requests of the
+ * master agent and the internal listener, and steps the adaptor's states; the queue keeps notifications until the
+ * master agent has acknowledged them; the control starts, stops and reaches the master agent, and the configurator
+ * writes its tables.
  *
  * Everything is for the adaptor thread, except where said: before the thread runs, the component prepares the object on
  * the framework's life-cycle thread; stop, isRunning, isStopping, reconfigureSnmpMaster, triggerMasterAgentRestart,
@@ -84,17 +84,17 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
 
   // The master agent.
   /** From now on in this run there is a master agent for the sub-agent to attach to. */
-  virtual void masterAgentStarted() { _masterAgentStarted = true; }
+  virtual void masterAgentStarted() { _master.noteStarted(); }
   /** Attaches the sub-agent anew; before a master agent was started in this run, or without a socket path, it is only
       closed. Throws Vela::VelaException (code 1) when it cannot attach. */
   virtual void initSubAgentAfterRestart();
   virtual void closeAgentxSession();
   /** Whether the sub-agent's connection is open. */
-  virtual bool isSubAgentActive() const;
+  virtual bool isSubAgentActive() const { return _master.getSubAgent().isAttached(); }
   /** Closes everything towards the master agent and stops it. A failure is logged only. */
   virtual void stopMasterAgent();
   /** Lets tools run again after stop has ended them. */
-  virtual void resetToolCancellation() { _toolCancellation.reset(); }
+  virtual void resetToolCancellation() { _master.resetToolCancellation(); }
   virtual void onReconfigSuccess();
   virtual void onReconfigFail();
   /** The notification target that is the adaptor's own listener, which is opened if it is not (address family of the
@@ -105,8 +105,9 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
   virtual void closeListener() { _listener.close(); }
 
   // What the states work with.
-  virtual SnmpTarnWrapper& getTarnWrapper(); /**< throws Vela::VelaException without a configuration handler */
-  virtual SnmpMaSession& getMaSession();
+  /** Throws Vela::VelaException without a configuration handler. */
+  virtual SnmpTarnWrapper& getTarnWrapper() { return _master.getTarnWrapper(); }
+  virtual SnmpMaSession& getMaSession() { return _master.getSession(); }
   virtual SnmpMaConfigurator& getConfigurator() { return _configurator; }
   virtual MoConnector& getMoConnector() { return _connector; }
   virtual SnmpDscpRuleHandler& getDscpRuleHandler() { return _dscpRuleHandler; }
@@ -131,14 +132,14 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
   void handleMessages(std::vector<std::unique_ptr<Vela::PipeMessage>> messages);
 
  private:
-  struct Descriptors;
-
-  void selectLoop(int pipeFD);
+  void serveDescriptors();
+  void selectLoop();
   /** One pass of the loop. */
-  void runPass(int pipeFD, Descriptors& descriptors, unsigned long long& lastUpdate, int& stepTimeout);
-  void handleReadyDescriptors(int pipeFD, int securityFD, Descriptors& descriptors);
-  bool isStepDue(unsigned long long lastUpdate, int stepTimeout) const;
-  void handleSelectTimeout(unsigned long long& lastUpdate, int& stepTimeout);
+  void runPass();
+  /** Takes a step of the states; yields the milliseconds until the next one. */
+  int step();
+  void watchSecurityLibrary();
+  void superviseSubAgent();
 
   void handleMessage(std::unique_ptr<Vela::PipeMessage> message);
   void handleAlarm(std::unique_ptr<Vela::PipeMessage> message);
@@ -149,17 +150,12 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
 
   /** Hands a notification over if the current configuration has a target. */
   void send(std::unique_ptr<Vela::PipeMessage> message);
-  bool isSubAgentWanted() const;
-  void noticeStateChange();
-  /** Reports a connection that is gone, once per stay in a state, and makes the next step due. */
-  void superviseSubAgent(int& stepTimeout);
   void leaveSnapshot();
 
   Vela::ThreadWPipes& _input;
   std::atomic<bool> _running{false};
   std::atomic<bool> _stopping{false};
   std::atomic<bool> _inLoop{false};
-  int _wakeFD = -1; /**< readable once stop was called */
 
   SnmpConfigHandler* _configurationHandler = nullptr;
   VelaMgmtSpiInterfacePortal_1T* _portal = nullptr;
@@ -168,25 +164,18 @@ class SnmpAdaptorRunnable : public Poco::Runnable, public StateMachine<SnmpAdapt
   bool _dtlsSupported = false;
   bool _exactEngineIdSupported = false;
   bool _securityLibraryInUse = false; /**< its descriptor is watched */
-  bool _masterAgentStarted = false;
   bool _isSnapshotProvider = false;
 
-  Vela::ScriptCancellation _toolCancellation;
+  AdaptorLoop _loop;
+  MasterAgentControl _master;
+  std::unique_ptr<NotificationQueue> _queue;
   MoConnector _connector;
   SnmpMaConfigurator _configurator;
-  std::unique_ptr<SnmpMaSession> _session;
   SnmpDscpRuleHandler _dscpRuleHandler;
   SnmpConfig _newConfig;
   Listener _listener;
   InternalCommunity _internalCommunity;
   Poco::AutoPtr<SnmpTargetV2C> _internalTarget;
-
-  std::unique_ptr<AgentXSubAgent> _subAgent;
-  std::unique_ptr<NotificationQueue> _queue;
-
-  int _supervisedState = -1;
-  bool _lossReported = false; /**< in the present stay in a state */
-  unsigned long long _lastRestartRequest = 0;
 };
 
 }  // namespace VelaFmSnmp

@@ -24,6 +24,7 @@ Names readModule() {
   EXPECT_TRUE(file.is_open()) << VELA_MIB_FILE;
   std::string text{std::istreambuf_iterator<char>(file), {}};
   text = std::regex_replace(text, std::regex("--[^\n]*|\"[^\"]*\""), "");
+  text.erase(0, text.find(';'));  // what it imports
 
   Names ids = {{"kavrelManagement", ".1.3.6.1.4.1.61234.183"}};
   Names found;
