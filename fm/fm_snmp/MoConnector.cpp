@@ -333,6 +333,7 @@ bool MoConnector::visit(ISnmpXmodDataProviderAlarmVisitor& visitor) {
     visitor.beginAlarms();
     accessor.traverseChildren(findBase(accessor, _fmBaseDn, FmPath), AlarmClass, alarms);
     visitor.endAlarms();
+    _areAlarmsNamedById = alarms.areNamedById();
     return true;
   } catch (const std::exception& ex) {
     VELA_LOG(Vela::LogError, "Failed to retrieve alarm list from the IMM: %s", Vela::textOf(ex).c_str());
@@ -340,6 +341,27 @@ bool MoConnector::visit(ISnmpXmodDataProviderAlarmVisitor& visitor) {
     VELA_LOG(Vela::LogError, "Failed to retrieve alarm list from the IMM");
   }
   return false;
+}
+
+bool MoConnector::visitAlarms(const std::vector<unsigned int>& ids, ISnmpXmodDataProviderAlarmVisitor& visitor,
+                              std::vector<unsigned int>& missing) {
+  if (!_areAlarmsNamedById) return false;
+  try {
+    Vela::MoAccessor accessor(LockPolicy, LockTimeoutSeconds);
+    AlarmVisitor alarms(visitor);
+    const std::string prefix = findBase(accessor, _fmBaseDn, FmPath) + "," + AlarmClass + "=";
+    for (const unsigned int id : ids) {
+      const std::string dn = prefix + std::to_string(id);
+      if (accessor.exists(dn))
+        alarms.visit(accessor, dn);
+      else
+        missing.push_back(id);
+    }
+    return alarms.areNamedById();
+  } catch (const std::exception& ex) {
+    VELA_TRACE("Failed to retrieve single alarms: %s", ex.what());
+    return false;
+  }
 }
 
 template <class T>

@@ -97,6 +97,11 @@ class MoConnector {
 
   /** Hands every active alarm to the visitor. False, logged, when the list could not be read. */
   virtual bool visit(ISnmpXmodDataProviderAlarmVisitor& visitor);
+  /** Hands the alarms of these ids to the visitor's replicateAlarm; adds to `missing` those that have no object under
+      the name that follows from the id. False when objects are not named so, as far as the last visit saw, or one could
+      not be read; some may have been handed over then. */
+  virtual bool visitAlarms(const std::vector<unsigned int>& ids, ISnmpXmodDataProviderAlarmVisitor& visitor,
+                           std::vector<unsigned int>& missing);
 
   virtual int getHeartbeatInterval(unsigned int& seconds) const;
   virtual int getAlarmSumCritical(unsigned int& count) const;
@@ -139,6 +144,7 @@ class MoConnector {
   std::string _fmBaseDn;
   std::string _snmpBaseDn;
   std::string _nodeBaseDn;
+  bool _areAlarmsNamedById = false;            /**< all that the last visit saw */
   mutable OamAccessPointHandler _accessPoints; /**< does not change what the connector answers */
 };
 

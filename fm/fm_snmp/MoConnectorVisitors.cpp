@@ -285,7 +285,9 @@ bool SnmpView::visit(Vela::MoAccessor& accessor, const std::string& dn) {
 bool AlarmVisitor::visit(Vela::MoAccessor& accessor, const std::string& dn) {
   AttributeReader reader(accessor, dn);
   unsigned int number = 0;
-  if (!reader.readMandatory(attribute::fmAlarmId, number)) return true;  // without its index there is no row for it
+  const bool hasId = reader.readMandatory(attribute::fmAlarmId, number);
+  _areNamedById = _areNamedById && hasId && rdnValue(dn) == std::to_string(number);
+  if (!hasId) return true;  // without its index there is no row for it
   _alarm.reset();
   _alarm.setIndex(number);
   _alarm.setStateful(true);

@@ -109,12 +109,15 @@ class AlarmVisitor : public Vela::MoAccessor::IMoTraverser {
  public:
   explicit AlarmVisitor(MoConnector::ISnmpXmodDataProviderAlarmVisitor& visitor) : _visitor(visitor) {}
   bool visit(Vela::MoAccessor& accessor, const std::string& dn) override;
+  /** Whether the last step of each object's name was its id so far. */
+  bool areNamedById() const { return _areNamedById; }
 
  private:
   void takeTimes(AttributeReader& reader);
   void takeAdditionalInfo(AttributeReader& reader);
 
   MoConnector::ISnmpXmodDataProviderAlarmVisitor& _visitor;
+  bool _areNamedById = true;
   SnmpAlarm _alarm; /**< the same for all, so that its texts' memory is used again */
 };
 

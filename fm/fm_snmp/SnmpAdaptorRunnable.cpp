@@ -242,7 +242,10 @@ void SnmpAdaptorRunnable::handleMessage(std::unique_ptr<Vela::PipeMessage> messa
 
 void SnmpAdaptorRunnable::handleAlarm(std::unique_ptr<Vela::PipeMessage> message) {
   const SnmpAlarm& alarm = static_cast<const SnmpAlarmMessage&>(*message).getAlarm();
-  if (alarm.isStateful()) SnmpAlarmSnapshot::getInstance().invalidateSnapshot();
+  if (alarm.isStateful()) {
+    constexpr DaxOamSpiNotificationFmSeverityT cleared = 0;
+    SnmpAlarmSnapshot::getInstance().invalidateAlarm(alarm.getIndex(), alarm.getSeverity() == cleared);
+  }
   if (!_queue->hasHeld() && isOperational()) {
     send(std::move(message));
     return;

@@ -1,5 +1,9 @@
 #include "SnmpAlarmSnapshot.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <vector>
+
 #include "Enduring.h"
 #include "LoggingWrapper.h"
 
@@ -7,6 +11,15 @@ namespace VelaFmSnmp {
 
 namespace {
 constexpr DaxOamSpiNotificationFmSeverityT severityCleared = 0;
+
+/** Looking for an alarm costs more than reading it among all others. */
+constexpr std::size_t alarmsPerLookUp = 4;
+constexpr std::size_t maxLookUpsOfFew = 32;
+
+/** Changed alarms are pulled one by one no longer than this, so that nothing that they miss stays for long. */
+constexpr std::chrono::seconds wholePullInterval(60);
+/** Whole pulls for that reason take no more than this part of the time. */
+constexpr int wholePullShare = 50;
 }  // namespace
 
 SnmpAlarmSnapshot& SnmpAlarmSnapshot::getInstance() {
@@ -26,7 +39,11 @@ bool SnmpAlarmSnapshot::syncWithSource() {
     VELA_LOG(Vela::LogError, "No DataProvider, can not sync");
     return false;
   }
+  const Clock::time_point begin = Clock::now();
   const bool isSynced = _provider->visit(*this);
+  _pulledWhole = Clock::now();
+  _pullTook = _pulledWhole - begin;
+  _changed.clear();
   if (isSynced)
     _needsSync = false;
   else
@@ -35,10 +52,49 @@ bool SnmpAlarmSnapshot::syncWithSource() {
   return isSynced;
 }
 
-bool SnmpAlarmSnapshot::syncWithSourceIfNeeded() { return _needsSync && syncWithSource(); }
+bool SnmpAlarmSnapshot::syncWithSourceIfNeeded() {
+  if (_needsSync) return syncWithSource();
+  return !_changed.empty() && syncChanged();
+}
+
+void SnmpAlarmSnapshot::invalidateAlarm(unsigned int index, bool isCleared) {
+  if (_needsSync) return;
+  _changed[index] = isCleared;
+  if (_changed.size() > std::max(maxLookUpsOfFew, _alarms.size() / alarmsPerLookUp)) invalidateSnapshot();
+}
+
+bool SnmpAlarmSnapshot::isWholePullDue() const {
+  return Clock::now() - _pulledWhole > std::max<Clock::duration>(wholePullInterval, _pullTook * wholePullShare);
+}
+
+bool SnmpAlarmSnapshot::syncChanged() {
+  if (_provider != nullptr && !isWholePullDue() && pullChanged()) {
+    _changed.clear();
+    return true;
+  }
+  return syncWithSource();
+}
+
+bool SnmpAlarmSnapshot::pullChanged() {
+  std::vector<unsigned int> indices;
+  for (const auto& [index, isCleared] : _changed) {
+    indices.push_back(index);
+    if (const auto kept = _alarms.find(index); kept != _alarms.end()) kept->second.stale = true;
+  }
+  std::vector<unsigned int> missing;
+  if (!_provider->visitAlarms(indices, *this, missing)) return false;
+  // One that is still active has an object somewhere.
+  if (!std::all_of(missing.begin(), missing.end(), [this](unsigned int index) { return _changed[index]; }))
+    return false;
+  for (const unsigned int index : indices) {
+    if (const auto kept = _alarms.find(index); kept != _alarms.end() && kept->second.stale) _alarms.erase(kept);
+  }
+  return true;
+}
 
 void SnmpAlarmSnapshot::removeAllAlarms() {
   _alarms.clear();
+  _changed.clear();
   _needsSync = true;
 }
 

@@ -1,6 +1,7 @@
 #ifndef VELA_FM_SNMP_SNMP_ALARM_SNAPSHOT_H
 #define VELA_FM_SNMP_SNMP_ALARM_SNAPSHOT_H
 
+#include <chrono>
 #include <map>
 
 #include "MoConnector.h"
@@ -10,7 +11,7 @@ namespace VelaFmSnmp {
 
 /**
  * Copy of the model's list of active alarms, from which the MIB's tables answer. It is pulled from the connector when
- * it is read and has been invalidated before. The adaptor thread only.
+ * it is read and has been invalidated before: whole, or those alarms only that have changed. The adaptor thread only.
  */
 class SnmpAlarmSnapshot : public MoConnector::ISnmpXmodDataProviderAlarmVisitor {
  public:
@@ -24,8 +25,10 @@ class SnmpAlarmSnapshot : public MoConnector::ISnmpXmodDataProviderAlarmVisitor 
   /** Takes the connector to pull from (not owned; null: none), empties the snapshot and invalidates it. Returns the
       previous one. */
   MoConnector* setDataProvider(MoConnector* provider);
-  /** The next read pulls the list again. Before the first call nothing is ever pulled. */
+  /** The next read pulls the whole list again. Before the first call nothing is ever pulled. */
   void invalidateSnapshot() { _needsSync = true; }
+  /** The next read pulls this alarm again. Whether it was cleared is only taken as a hint where to look. */
+  void invalidateAlarm(unsigned int index, bool isCleared);
   /** Pulls the list. False, and empty, when that failed; without a provider false, and as it was. */
   bool syncWithSource();
   /** Pulls if invalidated; false when there was no need. */
@@ -57,9 +60,19 @@ class SnmpAlarmSnapshot : public MoConnector::ISnmpXmodDataProviderAlarmVisitor 
     bool stale = false;
   };
 
+  using Clock = std::chrono::steady_clock;
+
+  bool isWholePullDue() const;
+  bool syncChanged();
+  /** False when the list has to be pulled whole. */
+  bool pullChanged();
+
   MoConnector* _provider = nullptr;
   std::map<unsigned int, Kept> _alarms;
   bool _needsSync = false;
+  std::map<unsigned int, bool> _changed; /**< since the last pull: index, and whether it was cleared */
+  Clock::time_point _pulledWhole;
+  Clock::duration _pullTook = Clock::duration::zero();
 };
 
 }  // namespace VelaFmSnmp
