@@ -206,7 +206,7 @@ void AlarmScalars::readHeartbeatInterval(netsnmp_agent_request_info* info, netsn
     return;
   }
   setUnsigned(request, interval);
-  VELA_LOG(Vela::LogInfo, "GET of heartbeatInterval returning %d", static_cast<int>(interval));
+  VELA_LOG(Vela::LogDebug, "GET of heartbeatInterval returning %d", static_cast<int>(interval));
 }
 
 int AlarmScalars::answerCount(CountReader read, netsnmp_agent_request_info* info, netsnmp_request_info* requests) {

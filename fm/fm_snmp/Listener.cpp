@@ -79,7 +79,12 @@ void Listener::open(const char* address, int family, int port, bool isShared) {
     const SocketAddress wanted = parseAddress(address, family, port);
     // An IPv6 port is free or taken whatever happens on the IPv4 port of the same number.
     if (wanted.isIpv6()) setsockopt(_fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-    if (bind(_fd, &wanted.base, wanted.length()) == 0) return;
+    if (bind(_fd, &wanted.base, wanted.length()) == 0) {
+      // While the option stays, another socket that has it, whoever's, may take the port over.
+      const int off = 0;
+      setsockopt(_fd, SOL_SOCKET, SO_REUSEADDR, &off, sizeof off);
+      return;
+    }
     if (errno == EACCES) {
       VELA_LOG(Vela::LogError, "failed to bind socket %s/%d - no access", address, port);
       throw NoAccessException("failed to bind socket (no access)");

@@ -97,7 +97,14 @@ void UsmUserConfigurator::endPass() {
 
 void UsmUserConfigurator::planUsers(const std::vector<const SnmpBaseTarget*>& targets, TargetFaults& faults) {
   _planned.clear();
-  for (const SnmpBaseTarget* target : targets) {
+  // Whoever has the user that is written keeps it from those who want another one of its name.
+  std::vector<const SnmpBaseTarget*> holdersFirst = targets;
+  std::stable_partition(holdersFirst.begin(), holdersFirst.end(), [this](const SnmpBaseTarget* target) {
+    const std::optional<UsmUser> user = target->usmUser();
+    const auto written = user ? _written.find(user->name) : _written.end();
+    return written != _written.end() && (written->second.covers(*user) || user->covers(written->second));
+  });
+  for (const SnmpBaseTarget* target : holdersFirst) {
     std::optional<UsmUser> user = target->usmUser();
     if (!user) continue;
     const auto [planned, isNew] = _planned.emplace(user->name, *user);

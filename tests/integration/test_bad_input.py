@@ -34,7 +34,7 @@ BAD_FILES = {
     "--config": [
         (None, None, "No such file"), ("<VelaFmSnmp>\n<a>\n</VelaFmSnmp>", 3, ""), ("<Something/>", 1, "Something"),
         ("<VelaFmSnmp>\n <snmpPollInterval>soon</snmpPollInterval></VelaFmSnmp>", 2, "snmpPollInterval"),
-        ("<VelaFmSnmp>\n\n <useInternalTrapListener>7</useInternalTrapListener></VelaFmSnmp>", 3,
+        ("<VelaFmSnmp>\n\n <useInternalTrapListener>perhaps</useInternalTrapListener></VelaFmSnmp>", 3,
          "useInternalTrapListener")],
 }
 

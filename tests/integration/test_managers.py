@@ -92,7 +92,7 @@ def test_mirror_stays_in_step_whatever_is_lost(folder, nodes, stopping):
 
     storm = threading.Thread(target=lambda: node.ctl("alarm", "storm", "--count", 600))
     storm.start()
-    eventually(lambda: "Storm" in mirror.output.read_text(), 20, "the storm to reach the mirror")
+    eventually(lambda: "Storm" in mirror.output.read_text(), 60, "the storm to reach the mirror")
     subprocess.run(["kill", "-KILL", str(node.snmpd_pid())], check=True)
     storm.join()
     state = eventually(lambda: is_same(mirror, node), 90, "the same list after the agent was killed")

@@ -99,6 +99,20 @@ TEST(Listener, ReadsDatagramsAndNeverWaits) {
   EXPECT_EQ(failureOf([&] { listener.read(buffer, sizeof buffer); }), "recvfrom failed.");
 }
 
+TEST(Listener, NobodyElseTakesItsPortOver) {
+  Listener listener;
+  listener.open(AF_INET, 0);
+  const int other = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const int on = 1;
+  ASSERT_EQ(setsockopt(other, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on), 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<unsigned short>(listener.getPort()));
+  EXPECT_NE(bind(other, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  close(other);
+}
+
 TEST(Listener, TheProbeFindsATakenPort) {
   const StateTest::CapturedLog log;
   for (const bool reusesAddress : {false, true}) {

@@ -34,6 +34,14 @@ TEST(UsmUser, clonedUsersAuthenticateWithTheirOwnPassPhrases) {
   target->authKey = "changedSecret";
   users.usmCreateUser(session, UsmUser::of(*target));
   EXPECT_THAT(readAs("changedSecret", "privSecret"), HasSubstr("authorizationError"));
+
+  // Another target that wants the user with another pass phrase does not take it over, whatever its name.
+  auto intruder = targetV3("a", "walter");
+  intruder->authKey = "anotherSecret";
+  TargetFaults faults;
+  users.planUsers({intruder.get(), target.get()}, faults);
+  EXPECT_EQ(faults.count("a"), 1U);
+  EXPECT_EQ(faults.count("nms"), 0U);
   users.usmDeleteUser(session, target->user);
   EXPECT_THAT(readAs("changedSecret", "privSecret"), HasSubstr("Unknown user name"));
   EXPECT_TRUE(users.getWrittenNames().empty());
