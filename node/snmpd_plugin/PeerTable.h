@@ -1,6 +1,7 @@
 #ifndef SNMPD_PLUGIN_PEER_TABLE_H
 #define SNMPD_PLUGIN_PEER_TABLE_H
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <unordered_map>
@@ -28,8 +29,8 @@ class PeerTable {
     return found == _peers.end() ? nullptr : &found->second;
   }
 
-  /** Takes a peer, in place of what is there of it. Where a bound is reached the one that was used least recently goes,
-   * of the same source if that is full. Null: there is no room. */
+  /** Takes a peer, in place of what is there of it. Where a bound is reached, the one goes that was used least
+   * recently: of the same source if that is full, else of the source that has most. Null: there is no room. */
   Peer* insert(Peer peer) {
     const std::string key = addressKey(peer.addresses.remote_addr);
     const auto present = _peers.find(key);
@@ -51,23 +52,33 @@ class PeerTable {
  private:
   using Peers = std::unordered_map<std::string, Peer>;
 
+  /** What the table has of one source. */
+  struct Holding {
+    size_t count = 0;
+    typename Peers::iterator oldest;
+  };
+
   bool makeRoom(const std::string& source) {
-    size_t ofSource = 0;
-    auto oldest = _peers.end();
-    auto oldestOfSource = _peers.end();
-    const auto isOlder = [this](auto peer, auto other) {
-      return other == _peers.end() || peer->second.lastUse < other->second.lastUse;
-    };
+    std::unordered_map<std::string, Holding> holdings;
     for (auto peer = _peers.begin(); peer != _peers.end(); ++peer) {
-      if (isOlder(peer, oldest)) oldest = peer;
-      if (sourceKey(peer->second.addresses.remote_addr) != source) continue;
-      ++ofSource;
-      if (isOlder(peer, oldestOfSource)) oldestOfSource = peer;
+      Holding& holding = holdings[sourceKey(peer->second.addresses.remote_addr)];
+      if (holding.count++ == 0 || peer->second.lastUse < holding.oldest->second.lastUse) holding.oldest = peer;
     }
-    if (ofSource < _maxOfSource && _peers.size() < _maxPeers) return true;
-    const auto victim = ofSource < _maxOfSource ? oldest : oldestOfSource;
-    if (Clock::now() - victim->second.lastUse < _keptFor) return false;
-    _peers.erase(victim);
+    const Holding own = holdings[source];
+    if (own.count >= _maxOfSource) return giveWay(own);
+    if (_peers.size() < _maxPeers) return true;
+    const Holding& largest = std::max_element(holdings.begin(), holdings.end(), [](const auto& one, const auto& other) {
+                               return one.second.count < other.second.count;
+                             })->second;
+    // A crowd makes room for who has less, however busy it keeps itself.
+    if (largest.count <= own.count + 1) return giveWay(largest);
+    _peers.erase(largest.oldest);
+    return true;
+  }
+
+  bool giveWay(const Holding& holding) {
+    if (Clock::now() - holding.oldest->second.lastUse < _keptFor) return false;
+    _peers.erase(holding.oldest);
     return true;
   }
 
