@@ -78,11 +78,12 @@ std::optional<SnmpEvent> MasterAgentControl::superviseSubAgent(int state, const 
   if (!isResting || !isSubAgentWanted() || _subAgent->isAttached() || _lossReported) return std::nullopt;
   _lossReported = true;
   VELA_LOG(Vela::LogWarning, "[state %s] the AgentX connection to the master agent is closed", stateName);
-  // One that hangs would only be waited for again when the adaptor attached to it anew.
-  const bool isMute = _subAgent->takeMute();
-  if (state == FmStateIdIdleEnabled) return isMute ? SnmpEventNoContact : SnmpEventBootCountMismatch;
+  // One that hangs would only be waited for again when the adaptor attached to it anew. That it hangs is remembered
+  // until something is done about it.
+  if (state == FmStateIdIdleEnabled) return _subAgent->takeMute() ? SnmpEventNoContact : SnmpEventBootCountMismatch;
   const unsigned long long now = SnmpUtil::getNow();
   if (_lastRestartRequest != 0 && now - _lastRestartRequest < RestartRequestInterval) return std::nullopt;
+  _subAgent->takeMute();
   _lastRestartRequest = now;
   return SnmpEventRestart;
 }
