@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <chrono>
 #include <iterator>
+#include <limits>
+#include <optional>
 #include <utility>
 
 #include "VelaException.h"
@@ -173,9 +175,16 @@ ControlCommands::Result ControlCommands::clearAllAlarms(const Object&, ControlRe
   return result;
 }
 
-ControlCommands::Result ControlCommands::listAlarms(const Object&, ControlReply& reply) {
+ControlCommands::Result ControlCommands::listAlarms(const Object& request, ControlReply& reply) {
+  const ControlRequest arguments(request);
+  const std::uint32_t limit = arguments.number("limit", std::numeric_limits<std::uint32_t>::max());
+  const std::string prefix = arguments.text("mo", "");
+  std::optional<FmSeverity> severity;
+  if (arguments.has("severity")) severity = arguments.severity("severity");
   Poco::UInt64 count = 0;
-  for (FmAlarmPtr alarm = _fm.getNext(0); alarm; alarm = _fm.getNext(alarm->index)) {
+  for (FmAlarmPtr alarm = _fm.getNext(arguments.number("after", 0)); alarm && count < limit;
+       alarm = _fm.getNext(alarm->index)) {
+    if (!alarm->key.source.starts_with(prefix) || (severity && alarm->severity != *severity)) continue;
     reply.sendItem(*toJson(*alarm));
     ++count;
   }

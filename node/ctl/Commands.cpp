@@ -3,15 +3,23 @@
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
 
+#include <algorithm>
+#include <chrono>
 #include <iomanip>
+#include <iterator>
 #include <limits>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "control/ControlProtocol.h"
 #include "ctl/NodeClient.h"
 #include "ctl/Output.h"
 #include "ctl/Secret.h"
+#include "ctl/StatusView.h"
+#include "ctl/Terminal.h"
 
 namespace VelaNode {
 
@@ -20,6 +28,7 @@ namespace {
 using Poco::JSON::Object;
 
 constexpr const char* attributeWords = "ATTRIBUTE=VALUE...";
+constexpr std::chrono::milliseconds statusInterval{200};
 constexpr std::size_t anyNumber = std::numeric_limits<std::size_t>::max();
 
 constexpr const char* attributeNotes =
@@ -117,21 +126,72 @@ void clearAlarm(Session& session) {
   session.output.print(*result, result->getValue<std::string>("count"));
 }
 
-std::string alarmLine(const Object& alarm) {
+std::string alarmHeader() {
   std::ostringstream line;
-  line << std::setw(6) << alarm.getValue<std::uint32_t>("index") << "  " << std::left << std::setw(13)
-       << alarm.getValue<std::string>("severity") << "  " << alarm.getValue<std::string>("time") << "  "
-       << alarm.getValue<std::string>("mo") << "  " << alarm.getValue<std::uint32_t>("majorType") << '/'
-       << alarm.getValue<std::uint32_t>("minorType") << "  " << alarm.getValue<std::string>("specificProblem");
-  const std::string text = alarm.getValue<std::string>("text");
-  if (!text.empty()) line << ": " << text;
+  line << std::setw(6) << "INDEX"
+       << "  " << std::left << std::setw(13) << "SEVERITY"
+       << "  " << std::setw(27) << "TIME"
+       << "  OBJECT  MAJOR/MINOR  PROBLEM: TEXT";
   return line.str();
 }
 
+std::string alarmLine(const Object& alarm) {
+  const auto text = [&](const char* name) { return Output::visibleLine(alarm.getValue<std::string>(name)); };
+  std::ostringstream line;
+  line << std::setw(6) << text("index") << "  " << std::left << std::setw(13) << text("severity") << "  "
+       << text("time") << "  " << text("mo") << "  " << text("majorType") << '/' << text("minorType") << "  "
+       << text("specificProblem");
+  if (!text("text").empty()) line << ": " << text("text");
+  return line.str();
+}
+
+constexpr const char* sortKeys[] = {"index", "severity", "time", "mo"};
+
+/** Orders alarms by a key: the most severe and the latest first. */
+bool isBefore(const Object& left, const Object& right, const std::string& key) {
+  if (key == "severity") {
+    FmSeverity severities[] = {FmCleared, FmCleared};
+    parseSeverity(left.getValue<std::string>(key), severities[0]);
+    parseSeverity(right.getValue<std::string>(key), severities[1]);
+    return severities[0] > severities[1];
+  }
+  const auto text = [&](const Object& alarm) { return alarm.getValue<std::string>(key); };
+  return key == "time" ? text(left) > text(right) : text(left) < text(right);
+}
+
+Object listRequest(const Session& session) {
+  const Arguments& arguments = session.arguments;
+  Object request = session.request();
+  if (arguments.has("severity")) request.set("severity", severityOption(arguments, false));
+  if (arguments.has("mo")) request.set("mo", arguments.get("mo"));
+  if (arguments.has("after")) request.set("after", arguments.getNumber("after", 0));
+  return request;
+}
+
 void listAlarms(Session& session) {
-  session.node.call(session.request(), [&](const Object& alarm) {
-    session.output.printItem(alarm, session.output.isJson() ? "" : alarmLine(alarm));
+  const Arguments& arguments = session.arguments;
+  const std::string key = arguments.get("sort", sortKeys[0]);
+  if (std::ranges::find(sortKeys, key) == std::end(sortKeys)) throw UsageError("--sort can not be '" + key + "'");
+  const bool isSorted = key != sortKeys[0];
+  const std::uint64_t limit = arguments.getNumber("limit", std::numeric_limits<std::uint32_t>::max());
+  Object request = listRequest(session);
+  if (!isSorted && arguments.has("limit")) request.set("limit", limit);
+
+  const Terminal terminal = Terminal::ofStandardOutput();
+  bool isFirst = true;
+  const auto print = [&](const Object& alarm) {
+    if (session.output.isJson()) return session.output.printItem(alarm, "");
+    const std::string header = std::exchange(isFirst, false) ? terminal.cut(alarmHeader()) + "\n" : "";
+    session.output.printItem(alarm, header + terminal.cut(alarmLine(alarm)));
+  };
+  std::vector<Object> alarms;
+  session.node.call(request, [&](const Object& alarm) {
+    if (!isSorted) return print(alarm);
+    alarms.push_back(alarm);
   });
+  std::ranges::stable_sort(alarms, [&](const Object& left, const Object& right) { return isBefore(left, right, key); });
+  alarms.resize(std::min<std::size_t>(alarms.size(), limit));
+  for (const Object& alarm : alarms) print(alarm);
   session.output.endList();
 }
 
@@ -205,24 +265,22 @@ void writeObject(Session& session) {
 
 // ---- the node -------------------------------------------------------------------------------------------------------
 
+/** Asks again until all that should work does, or the time is over. */
+Object::Ptr awaitStatus(Session& session, std::chrono::seconds patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  for (;;) {
+    Object::Ptr status = session.node.call(session.request());
+    if (StatusView::findFault(*status).empty() || std::chrono::steady_clock::now() >= deadline) return status;
+    std::this_thread::sleep_for(statusInterval);
+  }
+}
+
 void showStatus(Session& session) {
-  const Object::Ptr status = session.node.call(session.request());
-  const auto text = [&](const char* name) { return status->getValue<std::string>(name); };
-  const auto known = [&](const char* name) { return text(name).empty() ? "unknown" : text(name); };
-  const Object::Ptr snmpd = status->getObject("snmpd");
-  const Object::Ptr alarms = status->getObject("alarms");
-  const auto count = [&](const char* name) { return alarms->getValue<std::string>(name) + " " + name; };
-  const std::string reason = text("adaptorStateReason");
-  session.output.print(
-      *status, "node:       running in " + text("directory") + ", process " + text("pid") +
-                   "\ncomponent:  " + text("component") + "\nadaptor:    " + known("adaptorState") +
-                   (reason.empty() ? "" : " (" + reason + ")") + "\nSNMP:       " + known("snmpAdministrativeState") +
-                   ", " + known("snmpOperationalState") + "\nsnmpd:      " +
-                   (snmpd->getValue<bool>("running") ? "running, process " + snmpd->getValue<std::string>("pid")
-                                                     : "not running") +
-                   "\nalarms:     " + count("total") + ": " + count("critical") + ", " + count("major") + ", " +
-                   count("minor") + ", " + count("warning") + "\nlast sequence numbers: alarms " +
-                   text("lastAlarmSequenceNo") + ", alerts " + text("lastAlertSequenceNo"));
+  const Arguments& arguments = session.arguments;
+  const Object::Ptr status = awaitStatus(session, std::chrono::seconds(arguments.getNumber("wait", 0)));
+  session.output.printColoured(*status, StatusView::format(*status, Terminal::ofStandardOutput()));
+  if (!arguments.has("check") && !arguments.has("wait")) return;
+  if (const std::string fault = StatusView::findFault(*status); !fault.empty()) throw CommandError(fault);
 }
 
 void stopNode(Session& session) {
@@ -280,7 +338,19 @@ const std::vector<Entry>& table() {
         {{"all", "", "clear all active alarms, one by one"}},
         ""},
        clearAlarm},
-      {{"alarm list", "", 0, 0, "List the active alarms by index.", {}, ""}, listAlarms},
+      {{"alarm list",
+        "",
+        0,
+        0,
+        "List the active alarms.",
+        {severityChoice,
+         {"mo", "PREFIX", "only alarms of objects whose names begin so"},
+         {"sort", "index|severity|time|mo", "order (default: index); the most severe and the latest come first"},
+         {"after", "INDEX", "only alarms with a greater index"},
+         {"limit", "N", "at most so many"}},
+        "A page: --limit 100, and then --after with the last index of the page before. On a terminal lines are cut to\n"
+        "its width; --json has the whole texts."},
+       listAlarms},
       {{"alarm storm",
         "",
         0,
@@ -310,7 +380,15 @@ const std::vector<Entry>& table() {
       {{"mo create", std::string("DN [") + attributeWords + "]", 1, anyNumber, "Create an object.", {}, attributeNotes},
        writeObject},
       {{"mo delete", "DN", 1, 1, "Delete an object and all below it.", {}, ""}, writeObject},
-      {{"status", "", 0, 0, "Show the state of the node, its component and its master agent.", {}, ""}, showStatus},
+      {{"status",
+        "",
+        0,
+        0,
+        "Show the state of the node, its component, its master agent and its targets.",
+        {{"check", "", "fail unless the SNMP service and all targets that are not locked are operational"},
+         {"wait", "SECONDS", "wait until they are, at most so long; fail if they are not then"}},
+        ""},
+       showStatus},
       {{"stop", "", 0, 0, "Stop the node and wait until it has ended.", {}, ""}, stopNode},
   };
   return entries;

@@ -2,6 +2,7 @@
 
 #include <Poco/JSON/Stringifier.h>
 
+#include <algorithm>
 #include <iostream>
 #include <sstream>
 
@@ -42,10 +43,14 @@ std::string toJson(const Poco::JSON::Object& object) {
 }  // namespace
 
 void Output::print(const Poco::JSON::Object& result, const std::string& plainText) {
+  printColoured(result, visible(plainText));
+}
+
+void Output::printColoured(const Poco::JSON::Object& result, const std::string& visibleText) {
   if (_isJson) {
     std::cout << toJson(result) << '\n';
-  } else if (!plainText.empty()) {
-    std::cout << visible(plainText) << '\n';
+  } else if (!visibleText.empty()) {
+    std::cout << visibleText << '\n';
   }
 }
 
@@ -65,6 +70,13 @@ void Output::endList() {
 
 std::string Output::visible(std::string_view text) {
   return replaceControls(text, [](unsigned) { return std::string("?"); });
+}
+
+std::string Output::visibleLine(std::string_view text) {
+  std::string line = visible(text);
+  std::ranges::replace_if(
+      line, [](char c) { return c == '\n' || c == '\t'; }, ' ');
+  return line;
 }
 
 std::string Output::toText(const Poco::Dynamic::Var& value) {

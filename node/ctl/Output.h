@@ -18,6 +18,8 @@ class Output {
 
   /** A result: the JSON document, or the plain text (none when it is empty). */
   void print(const Poco::JSON::Object& result, const std::string& plainText);
+  /** A result: the JSON document, or a text with colours, whose parts are visible() already. */
+  void printColoured(const Poco::JSON::Object& result, const std::string& visibleText);
   /** A list, item by item: endList is called at its end, also when it was empty. */
   void printItem(const Poco::JSON::Object& item, const std::string& plainText);
   void endList();
@@ -25,6 +27,8 @@ class Output {
   /** A text that may be anybody's, as it may be shown on a terminal: control characters, other than line ends and tabs,
       are question marks. */
   static std::string visible(std::string_view text);
+  /** The same in one line: line ends and tabs are blanks. */
+  static std::string visibleLine(std::string_view text);
 
   /** A value of an attribute as people read it: texts bare, structures as JSON, nothing for no value. */
   static std::string toText(const Poco::Dynamic::Var& value);

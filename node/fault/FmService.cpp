@@ -239,6 +239,7 @@ void FmService::sendHeartbeat() {
   event.lastAlertTime = _state.numbers.lastAlertTime;
   event.lastAlertSequenceNumber = static_cast<std::uint32_t>(_state.numbers.alertSequenceNo);
   _router.postHeartbeat(event);
+  _lastHeartbeatTime = _clock.wallNs();
 }
 
 void FmService::rebuild() {
@@ -278,6 +279,11 @@ std::uint64_t FmService::getLastAlarmSequenceNo() const {
 std::uint64_t FmService::getLastAlertSequenceNo() const {
   const std::lock_guard lock(_mutex);
   return _state.numbers.alertSequenceNo;
+}
+
+std::uint64_t FmService::getLastHeartbeatTime() const {
+  const std::lock_guard lock(_mutex);
+  return _lastHeartbeatTime;
 }
 
 FmAlarmPtr FmService::find(std::uint32_t index) const {

@@ -73,6 +73,8 @@ class FmService {
   FmAlarmPtr getNext(std::uint32_t index) const;
   std::uint64_t getLastAlarmSequenceNo() const;
   std::uint64_t getLastAlertSequenceNo() const;
+  /** When the last heartbeat was sent, ns since the epoch; 0: none yet. */
+  std::uint64_t getLastHeartbeatTime() const;
 
   /** Sends the regular heartbeat when it is due. Returns how long to wait for the next one; max(): for ever. What the
       service's own thread does. */
@@ -113,6 +115,7 @@ class FmService {
   FmState _state;
   std::set<FmAlarmPtr, ByKey> _byKey;
   Sums _sums{};
+  std::uint64_t _lastHeartbeatTime = 0;
 
   std::mutex _heartbeatMutex;
   std::condition_variable _heartbeatChanged;

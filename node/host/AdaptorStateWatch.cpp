@@ -1,6 +1,7 @@
 #include "host/AdaptorStateWatch.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <string_view>
 
@@ -17,6 +18,23 @@ constexpr std::string_view changeBegin = "Changing state from ";
 constexpr std::string_view beforeState = " to ";
 constexpr std::string_view beforeReason = " : ";
 constexpr int changeSeverity = 6;
+/** Warnings and worse are complaints, but for those of the form "[state ...] ...", which tell of single notifications.
+ */
+constexpr int complaintSeverity = 4;
+constexpr std::string_view ordinaryBegin = "[state ";
+constexpr std::size_t complaintLimit = 256;
+constexpr std::size_t complaintLength = 500;
+
+/** Whether a text stands in a line, and not within a longer name. */
+bool hasWord(std::string_view line, std::string_view word) {
+  const auto isPart = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '-'; };
+  if (word.empty()) return false;
+  for (std::size_t at = line.find(word); at != line.npos; at = line.find(word, at + 1)) {
+    const std::size_t end = at + word.size();
+    if ((at == 0 || !isPart(line[at - 1])) && (end == line.size() || !isPart(line[end]))) return true;
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -69,23 +87,40 @@ AdaptorStateWatch::State AdaptorStateWatch::getState() const {
 void AdaptorStateWatch::reset() {
   const std::lock_guard lock(_mutex);
   _state = State();
+  _complaints.clear();
+}
+
+std::string AdaptorStateWatch::findComplaint(const std::vector<std::string>& texts) const {
+  const std::lock_guard lock(_mutex);
+  const auto mentions = [&](const std::string& complaint) {
+    return std::ranges::any_of(texts, [&](const std::string& text) { return hasWord(complaint, text); });
+  };
+  const auto found = std::find_if(_complaints.rbegin(), _complaints.rend(), mentions);
+  return found == _complaints.rend() ? std::string() : *found;
+}
+
+void AdaptorStateWatch::readState(std::string_view line) {
+  const std::size_t state = line.find(beforeState, changeBegin.size());
+  const std::size_t reason = state == line.npos ? line.npos : line.find(beforeReason, state);
+  if (reason == line.npos) return;
+  const std::size_t begin = state + beforeState.size();
+  const State entered{std::string(line.substr(begin, reason - begin)),
+                      std::string(line.substr(reason + beforeReason.size())), Poco::Timestamp()};
+  {
+    const std::lock_guard lock(_mutex);
+    _state = entered;
+  }
+  if (_listener) _listener(entered);
 }
 
 void AdaptorStateWatch::onLine(int severity, const char* component, const char* function, const char* text) {
-  if (text != nullptr && std::string_view(text).substr(0, changeBegin.size()) == changeBegin) {
-    const std::string_view line(text);
-    const std::size_t state = line.find(beforeState, changeBegin.size());
-    const std::size_t reason = state == line.npos ? line.npos : line.find(beforeReason, state);
-    if (reason != line.npos) {
-      const std::size_t begin = state + beforeState.size();
-      const State entered{std::string(line.substr(begin, reason - begin)),
-                          std::string(line.substr(reason + beforeReason.size()))};
-      {
-        const std::lock_guard lock(_mutex);
-        _state = entered;
-      }
-      if (_listener) _listener(entered);
-    }
+  const std::string_view line = text == nullptr ? std::string_view() : std::string_view(text);
+  if (line.starts_with(changeBegin)) {
+    readState(line);
+  } else if (severity <= complaintSeverity && !line.starts_with(ordinaryBegin)) {
+    const std::lock_guard lock(_mutex);
+    if (_complaints.size() == complaintLimit) _complaints.pop_front();
+    _complaints.emplace_back(line.substr(0, complaintLength));
   }
   _log.write(severity, component, function, text);
 }

@@ -1,9 +1,14 @@
 #include "host/Node.h"
 
+#include <Poco/DateTimeFormatter.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <fstream>
 #include <iterator>
+#include <span>
+#include <string_view>
 
 #include "LoggingWrapper.h"
 #include "ScriptWrapper.h"
@@ -29,6 +34,29 @@ constexpr std::pair<const char*, const char*> alarmSums[] = {{"total", "totalAct
                                                              {"major", "sumMajor"},
                                                              {"minor", "sumMinor"},
                                                              {"warning", "sumWarning"}};
+constexpr std::string_view targetClassPrefix = "SnmpTarget";
+constexpr const char* persistentConfiguration = "persist/snmpd.conf";
+constexpr const char* bootCountKey = "engineBoots";
+
+std::string formatMoment(const Poco::Timestamp& moment) {
+  return Poco::DateTimeFormatter::format(moment, "%Y-%m-%dT%H:%M:%SZ");
+}
+
+/** How often the master agent was started, as it keeps it; 0: never, or unknown. */
+unsigned long readBootCount(const std::filesystem::path& file) {
+  std::ifstream lines(file);
+  unsigned long count = 0;
+  for (std::string key, rest; lines >> key && std::getline(lines, rest);) {
+    if (key == bootCountKey) count = std::strtoul(rest.c_str(), nullptr, 10);
+  }
+  return count;
+}
+
+Poco::UInt64 countIndeterminate(const Poco::JSON::Object& sums) {
+  Poco::UInt64 rest = sums.getValue<Poco::UInt64>(alarmSums[0].first);
+  for (const auto& [name, attribute] : std::span(alarmSums).subspan(1)) rest -= sums.getValue<Poco::UInt64>(name);
+  return rest;
+}
 
 std::string enumName(const MoObject& object, const char* attribute) {
   const int index = object.getClass().findAttribute(attribute);
@@ -109,6 +137,34 @@ void Node::cleanUp() {
   }
 }
 
+Poco::JSON::Object Node::getTarget(const MoObject& target) const {
+  const std::string& dn = target.getDn();
+  const std::string name = target.getText("name").value_or(std::string(target.getName().text));
+  const std::string address = target.getText("address").value_or("");
+  const bool isLocked = enumName(target, "administrativeState") == "LOCKED";
+  const bool isOperational = enumName(target, "operationalState") == "ENABLED";
+  Poco::JSON::Object shown(Poco::JSON_PRESERVE_KEY_ORDER);
+  shown.set("name", name);
+  shown.set("dn", dn);
+  shown.set("kind", std::string(target.getClass().getName()).substr(targetClassPrefix.size()));
+  shown.set("address", address);
+  shown.set("port", static_cast<Poco::UInt64>(target.getUnsigned("port").value_or(0)));
+  shown.set("administrativeState", enumName(target, "administrativeState"));
+  shown.set("operationalState", enumName(target, "operationalState"));
+  if (!isOperational) shown.set("reason", isLocked ? "locked" : _adaptorState.findComplaint({dn, "target " + name}));
+  return shown;
+}
+
+Poco::JSON::Array::Ptr Node::getTargets(const MoTree& tree, const MoObjectPtr& snmp) const {
+  Poco::JSON::Array::Ptr targets(new Poco::JSON::Array);
+  if (!snmp) return targets;
+  tree.traverse(snmp->getDn(), nullptr, [&](const MoObjectPtr& child) {
+    if (std::string_view(child->getClass().getName()).starts_with(targetClassPrefix)) targets->add(getTarget(*child));
+    return true;
+  });
+  return targets;
+}
+
 Poco::JSON::Object::Ptr Node::getStatus() {
   const AdaptorStateWatch::State adaptor = _adaptorState.getState();
   const auto agent = NodeFiles::AgentRecord::find(_folder.path());
@@ -122,17 +178,24 @@ Poco::JSON::Object::Ptr Node::getStatus() {
   status->set("component", ComponentHost::getStateName(_component.getState()));
   status->set("adaptorState", adaptor.name);
   status->set("adaptorStateReason", adaptor.reason);
+  status->set("adaptorStateSince", adaptor.name.empty() ? "" : formatMoment(adaptor.since));
   status->set("snmpAdministrativeState", snmp ? enumName(*snmp, "administrativeState") : "");
   status->set("snmpOperationalState", snmp ? enumName(*snmp, "operationalState") : "");
   Poco::JSON::Object snmpd(Poco::JSON_PRESERVE_KEY_ORDER);
   snmpd.set("running", agent.has_value());
   if (agent) snmpd.set("pid", agent->pid);
+  snmpd.set("bootCount", static_cast<Poco::UInt64>(readBootCount(_folder.path() / persistentConfiguration)));
   status->set("snmpd", snmpd);
+  status->set("targets", getTargets(tree, snmp));
   Poco::JSON::Object alarms(Poco::JSON_PRESERVE_KEY_ORDER);
   for (const auto& [name, attribute] : alarmSums) {
     alarms.set(name, static_cast<Poco::UInt64>(fm ? fm->getUnsigned(attribute).value_or(0) : 0));
   }
+  // The model has no sum of these: they are the rest.
+  alarms.set("indeterminate", countIndeterminate(alarms));
   status->set("alarms", alarms);
+  const std::uint64_t heartbeat = _fm.getLastHeartbeatTime();
+  status->set("lastHeartbeat", heartbeat == 0 ? "" : formatTime(heartbeat));
   status->set("lastAlarmSequenceNo", static_cast<Poco::UInt64>(_fm.getLastAlarmSequenceNo()));
   status->set("lastAlertSequenceNo", static_cast<Poco::UInt64>(_fm.getLastAlertSequenceNo()));
   return status;

@@ -1,6 +1,7 @@
 #ifndef VELA_NODE_NODE_H
 #define VELA_NODE_NODE_H
 
+#include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
 
 #include <filesystem>
@@ -38,6 +39,8 @@ class Node {
   /** Ends what a node that was killed on this folder left running. */
   void cleanUp();
   Poco::JSON::Object::Ptr getStatus();
+  Poco::JSON::Object getTarget(const MoObject& target) const;
+  Poco::JSON::Array::Ptr getTargets(const MoTree& tree, const MoObjectPtr& snmp) const;
 
   const NodeFolder& _folder;
   const ModelFile _model;

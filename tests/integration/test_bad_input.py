@@ -108,10 +108,39 @@ def test_the_operator_is_told_what_is_wrong_in_one_line(nodes):
         assert hint in result.stderr, (arguments, result.stderr)
     assert node.ctl("mo", "get", target).stdout == before
     assert node.ctl("mo", "list").stdout == objects
-    assert node.ctl("alarm", "list").stdout.count("\n") <= 1
+    assert node.ctl("alarm", "list").stdout == ""
     for arguments in [("alarm", "raise"), ("alarm", "raise", "--severity", "awful"), ("nonsense",), ("mo",), ()]:
         result = node.ctl(*arguments, check=False)
         assert result.returncode == 2 and result.stderr, (arguments, result)
+
+
+def test_the_status_tells_which_target_fails_and_why(nodes):
+    node = nodes(TARGET + target_xml("SnmpTargetV2C", "bad", 99999, community="public")).start()
+    result = node.ctl("status", "--check", check=False)
+    assert result.returncode == 1 and "the SNMP service is not operational" in result.stderr, result
+    node.operational()
+    result = node.ctl("status", "--check", check=False)
+    assert result.returncode == 1 and result.stderr.endswith("targets that are not operational: bad\n"), result
+    shown = {target["name"]: target for target in node.json("status")["targets"]}
+    assert shown["nms"]["operationalState"] == "ENABLED" and "reason" not in shown["nms"]
+    assert "Failed to configure snmp target bad: " in shown["bad"]["reason"]
+    assert "Failed to configure snmp target bad: " in " ".join(result.stdout.split())
+    node.set(f"{SNMP},SnmpTargetV2C=bad", administrativeState="LOCKED")
+    assert node.ctl("status", "--wait", "20").returncode == 0
+
+
+def test_the_list_of_alarms_is_filtered_sorted_and_paged(nodes):
+    node = nodes().start()
+    for mo, severity in (("A=1", "minor"), ("B=1", "critical"), ("A=2", "indeterminate"), ("B=2", "critical")):
+        node.raise_alarm(mo=mo, severity=severity)
+    for arguments, expected in (("", "1 2 3 4"), ("--sort severity", "2 4 1 3"), ("--sort time --limit 3", "4 3 2"),
+                                ("--sort mo", "1 3 2 4"), ("--after 1 --limit 2", "2 3"), ("--mo B --after 2", "4"),
+                                ("--severity critical --limit 1", "2"), ("--severity major", ""), ("--limit 0", "")):
+        lines = node.ctl("alarm", "list", *arguments.split()).stdout.splitlines()
+        assert [line.split()[0] for line in lines] == (["INDEX", *expected.split()] if expected else []), arguments
+        assert [alarm["index"] for alarm in node.json("alarm", "list", *arguments.split())] == [
+            int(index) for index in expected.split()], arguments
+    assert node.ctl("alarm", "list", "--sort", "colour", check=False).returncode == 2
 
 
 def test_without_a_node_every_command_says_so(folder):

@@ -127,6 +127,8 @@ def test_a_port_that_another_process_holds_for_a_while(scenes):
         eventually(lambda: time.monotonic() - entered > 5, what="the end of the hold")
         scene.node.raise_alarm("raised without an agent")
         assert scene.node.state() == "StartMasterAgent"
+        assert "failed to bind socket 127.0.0.1/" in scene.node.log()
+        assert not any("bind" in target.get("reason", "") for target in scene.node.json("status")["targets"])
     scene.recovered(time.monotonic())
     assert "raised without an agent" in scene.receiver.problems()
     assert not any("Port is not available" in reason for _, _, reason in scene.node.states()[starts:])

@@ -54,6 +54,18 @@ TEST_F(AdaptorStateWatchTest, RemembersTheLastChangeOfState) {
   EXPECT_EQ(9, _log->getLevel());
 }
 
+TEST_F(AdaptorStateWatchTest, FindsTheLastComplaintThatMentionsAName) {
+  _log->write(3, "c", "f", "Failed to configure snmp target nms: first");
+  _log->write(3, "c", "f", "Failed to configure snmp target nms: second");
+  _log->write(4, "c", "f", "Failed to configure snmp target nms-2: third");
+  _log->write(4, "c", "f", "[state IdleDisabled] queueing trap for alarm: nms");
+  _log->write(6, "c", "f", "target nms is new");
+  EXPECT_EQ("Failed to configure snmp target nms: second", _watch.findComplaint({"Snmp=1,SnmpTarget=nms", "nms", ""}));
+  EXPECT_EQ("", _watch.findComplaint({"s"}));
+  for (int i = 0; i < 300; ++i) _log->write(3, "c", "f", "anything");
+  EXPECT_EQ("", _watch.findComplaint({"nms"}));
+}
+
 TEST_F(AdaptorStateWatchTest, OtherVersionsAndInterfacesAreTheHosts) {
   EXPECT_EQ(nullptr, AdaptorStateWatch::getAccessor()->getPortal("2"));
   EXPECT_EQ(nullptr, AdaptorStateWatch::getAccessor()->getPortal(nullptr));
