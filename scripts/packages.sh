@@ -27,4 +27,4 @@ BUILD_PACKAGES=(g++ cmake ninja-build libpoco-dev libsnmp-dev libssl-dev)
 NODE_PACKAGES=(snmpd)
 DEMO_PACKAGES=(snmp snmptrapd)
 TEST_PACKAGES=(libgtest-dev libgmock-dev python3 python3-pytest python3-pytest-xdist python3-pysnmp4 python3-pysmi openssl
-               smitools erlang-snmp snmptt prometheus-snmp-exporter clang libclang-rt-14-dev clang-format iptables)
+               smitools erlang-snmp snmptt prometheus-snmp-exporter pkgconf clang libclang-rt-14-dev clang-format iptables)
