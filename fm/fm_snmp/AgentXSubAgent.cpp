@@ -191,7 +191,7 @@ void AgentXSubAgent::applySettings(const Settings& settings) {
   // With an interval of its own the library would also open the connection again, behind the adaptor's back and with
   // alarms that never end; the pings are sent from here.
   netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, 0);
-  // At each notification the library looks its own address up, for a form of it that AgentX does not carry.
+  // When the library itself sends a notification it looks its own address up, for a form that AgentX does not carry.
   netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_TRAP_ADDR, "127.0.0.1");
   if (settings.timeout > 0) {
     netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_TIMEOUT,
